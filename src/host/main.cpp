@@ -1,0 +1,114 @@
+// vantor-preferences: the settings application that hosts the Vantor pane.
+
+#include "FileManager.h"
+#include "HostWindow.h"
+#include "PaneLoader.h"
+#include "PreferencePane.h"
+#include "ProcessInfo.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QDir>
+#include <QFile>
+#include <QPixmap>
+#include <QTimer>
+
+#include <cstdio>
+#include <ctime>
+
+namespace {
+
+void printLine(FILE *stream, const QString &line)
+{
+    std::fprintf(stream, "vantor-preferences: %s\n", qPrintable(line));
+    std::fflush(stream);
+}
+
+// The desktop keeps a per-user data folder the way the original platform keeps Application
+// Support: it is there before any application runs. A fresh account may lack it, so the
+// host, playing the platform's part, makes it (0700 as the XDG rules ask).
+void ensureUserDataFolder()
+{
+    const QStringList dirs = FileManager::applicationSupportDirectories();
+    if (!dirs.isEmpty() && !QDir().exists(dirs.first())) {
+        if (!QDir().mkpath(dirs.first()))
+            printLine(stderr, QStringLiteral("cannot create %1").arg(dirs.first()));
+        else
+            QFile::setPermissions(dirs.first(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("vantor-preferences"));
+    QApplication::setApplicationDisplayName(QStringLiteral("Vantor"));
+    QApplication::setDesktopFileName(QStringLiteral("vantor-preferences"));
+    QApplication::setApplicationVersion(QStringLiteral(VANTOR_VERSION));
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("Settings for Vantor, which keeps chosen folders compressed."));
+    parser.addHelpOption();
+    parser.addVersionOption();
+    const QCommandLineOption paneOption(QStringLiteral("pane"),
+                                        QStringLiteral("Load the pane bundle at <path> instead of the installed one."),
+                                        QStringLiteral("path"));
+    const QCommandLineOption screenshotOption(QStringLiteral("screenshot"),
+                                              QStringLiteral("Render the window to a PNG <file> once started, then quit."),
+                                              QStringLiteral("file"));
+    parser.addOption(paneOption);
+    parser.addOption(screenshotOption);
+    parser.process(app);
+
+    ProcessInfo::processInfo()->installTerminationHandler();
+    ensureUserDataFolder();
+
+    HostWindow window;
+    if (parser.isSet(paneOption)) {
+        QString error;
+        PreferencePane *pane = PaneLoader::load(parser.value(paneOption), &window, &error);
+        if (!pane) {
+            printLine(stderr, error);
+            return 1;
+        }
+        window.showPane(pane);
+    } else if (const QString installed = PaneLoader::findInstalledPane(); !installed.isEmpty()) {
+        QString error;
+        if (PreferencePane *pane = PaneLoader::load(installed, &window, &error))
+            window.showPane(pane);
+        else {
+            printLine(stderr, error);
+            window.showNoPane({installed});
+        }
+    } else {
+        window.showNoPane(PaneLoader::searchPaths());
+    }
+
+    if (parser.isSet(screenshotOption)) {
+        const QString file = QDir::current().absoluteFilePath(parser.value(screenshotOption));
+        QObject::connect(&window, &HostWindow::firstFramePainted, &app, [&window, file] {
+            if (window.grab().save(file, "PNG")) {
+                printLine(stdout, QStringLiteral("wrote %1").arg(file));
+                QCoreApplication::exit(0);
+            } else {
+                printLine(stderr, QStringLiteral("cannot write %1").arg(file));
+                QCoreApplication::exit(1);
+            }
+        });
+    }
+    // For the start-up benchmark: the monotonic time of the first frame, then quit.
+    if (qEnvironmentVariableIsSet("VANTOR_REPORT_FIRST_FRAME")) {
+        QObject::connect(&window, &HostWindow::firstFramePainted, &app, [] {
+            timespec ts = {};
+            clock_gettime(CLOCK_MONOTONIC, &ts);
+            std::printf("first-frame %lld\n", (long long)ts.tv_sec * 1000000000LL + ts.tv_nsec);
+            std::fflush(stdout);
+            QCoreApplication::exit(0);
+        });
+    }
+
+    window.show();
+    return app.exec();
+}

@@ -1,0 +1,83 @@
+#include "FileManager.h"
+
+#include <QDir>
+#include <QFile>
+#include <QMutex>
+
+#include <cerrno>
+#include <cstdlib>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+QString envPath(const char *name)
+{
+    return QFile::decodeName(qgetenv(name));
+}
+
+// A folder we may run things from: ours, not a link, and closed to everyone else.
+bool isPrivateDirectory(const QByteArray &path)
+{
+    struct stat st = {};
+    return ::lstat(path.constData(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == ::geteuid()
+        && (st.st_mode & 077) == 0;
+}
+
+QString runtimeTemporaryDirectory()
+{
+    const QString runtime = envPath("XDG_RUNTIME_DIR");
+    if (!QDir::isAbsolutePath(runtime))
+        return {};
+    const QByteArray dir = QFile::encodeName(QDir::cleanPath(runtime) + QStringLiteral("/vantor"));
+    if (::mkdir(dir.constData(), 0700) != 0 && errno != EEXIST)
+        return {};
+    if (!isPrivateDirectory(dir))
+        return {};
+    return QFile::decodeName(dir) + u'/';
+}
+
+QString madeTemporaryDirectory()
+{
+    static QMutex lock;
+    static QString made;
+    QMutexLocker locker(&lock);
+    if (!made.isEmpty() && isPrivateDirectory(QFile::encodeName(made)))
+        return made;
+    QString base = envPath("TMPDIR");
+    if (!QDir::isAbsolutePath(base))
+        base = QStringLiteral("/tmp");
+    QByteArray templ = QFile::encodeName(QDir::cleanPath(base) + QStringLiteral("/vantor-XXXXXX"));
+    if (!::mkdtemp(templ.data()))
+        return {};
+    made = QFile::decodeName(templ) + u'/';
+    return made;
+}
+
+} // namespace
+
+QStringList FileManager::applicationSupportDirectories()
+{
+    const QString dataHome = envPath("XDG_DATA_HOME");
+    if (QDir::isAbsolutePath(dataHome))
+        return {QDir::cleanPath(dataHome)};
+    const QString home = envPath("HOME");
+    if (QDir::isAbsolutePath(home))
+        return {QDir::cleanPath(home + QStringLiteral("/.local/share"))};
+    return {};
+}
+
+QString FileManager::temporaryDirectory()
+{
+    const QString runtime = runtimeTemporaryDirectory();
+    return runtime.isEmpty() ? madeTemporaryDirectory() : runtime;
+}
+
+bool FileManager::fileExists(const QString &path, bool *isDirectory)
+{
+    struct stat st = {};
+    const bool exists = !path.isEmpty() && ::stat(QFile::encodeName(path).constData(), &st) == 0;
+    if (isDirectory)
+        *isDirectory = exists && S_ISDIR(st.st_mode);
+    return exists;
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include "VantorCommonExport.h"
+
+// File-system services of the desktop: where per-user data lives, the per-user private
+// temporary folder, and small queries the pane makes of the file manager.
+class VANTOR_COMMON_EXPORT FileManager
+{
+public:
+    // The user's application-data folders, most important first: $XDG_DATA_HOME when it is
+    // an absolute path, else $HOME/.local/share when $HOME is absolute; empty when neither is.
+    static QStringList applicationSupportDirectories();
+
+    // A folder only this user can reach, ending in '/': $XDG_RUNTIME_DIR/vantor/ (made 0700,
+    // and used only while it is ours, a real folder and 0700), else a fresh mkdtemp folder
+    // (0700) under $TMPDIR or /tmp, made once per process. Never a shared folder itself,
+    // since the pane runs what it puts there. Empty if none could be made.
+    static QString temporaryDirectory();
+
+    static bool fileExists(const QString &path, bool *isDirectory = nullptr);
+};

@@ -1,0 +1,6 @@
+#include "QFTableView.h"
+
+QFTableView::QFTableView(QWidget *parent)
+    : QTableView(parent)
+{
+}

@@ -1,0 +1,169 @@
+#include "VantorPref.h"
+
+#include "Bundle.h"
+#include "CocoaGeometry.h"
+#include "DistributedNotificationCenter.h"
+#include "Notifications.h"
+#include "PreferencePaneHost.h"
+#include "QFTableView.h"
+#include "VTDefaultsController.h"
+#include "VTPreferenceCommunicator.h"
+#include "ui_VantorPref.h"
+
+#include <QPropertyAnimation>
+#include <QIcon>
+
+namespace {
+
+// The switch's frame: x by position (off, on), fixed y and size, in y-up coordinates.
+constexpr int kSwitchX[2] = {89, 142};
+constexpr int kSwitchY = 86;
+constexpr int kSwitchWidth = 40;
+constexpr int kSwitchHeight = 25;
+
+} // namespace
+
+VantorPref::VantorPref(QObject *parent)
+    : PreferencePane(parent)
+{
+}
+
+VantorPref::~VantorPref() = default;
+
+QString VantorPref::mainNibName() const
+{
+    return QStringLiteral("VantorPref");
+}
+
+QWidget *VantorPref::buildMainView()
+{
+    auto *view = new QWidget;
+    m_ui = std::make_unique<Ui::VantorPref>();
+    m_ui->setupUi(view);
+    tabView = m_ui->tabView;
+    versionNumberTextField = m_ui->versionNumberTextField;
+    toggleActiveButton = m_ui->toggleActiveButton;
+    iconButton = m_ui->iconButton;
+    foldersTableView = m_ui->foldersTableView;
+    styleMainView();
+    return view;
+}
+
+void VantorPref::styleMainView()
+{
+    if (bundle()) {
+        const QString icon = bundle()->pathForResource(QStringLiteral("vantor"), QStringLiteral("png"));
+        if (!icon.isEmpty())
+            iconButton->setIcon(QIcon(icon));
+    }
+    QFont title = m_ui->titleLabel->font();
+    title.setPointSizeF(title.pointSizeF() * 1.6);
+    title.setBold(true);
+    m_ui->titleLabel->setFont(title);
+    m_ui->descriptionLabel->setForegroundRole(QPalette::PlaceholderText);
+    versionNumberTextField->setForegroundRole(QPalette::PlaceholderText);
+
+    // The switch: a knob that slides over a track, blue while on.
+    toggleActiveButton->setStyleSheet(QStringLiteral(
+        "QPushButton { background: palette(button); border: 1px solid palette(mid); border-radius: 6px; }"
+        "QPushButton:focus { border: 2px solid palette(highlight); }"));
+    auto paintTrack = [track = m_ui->switchTrack](bool on) {
+        track->setStyleSheet(on ? QStringLiteral("background: palette(highlight); border-radius: 8px;")
+                                : QStringLiteral("background: palette(mid); border-radius: 8px;"));
+    };
+    m_ui->switchTrack->setAttribute(Qt::WA_StyledBackground);
+    paintTrack(toggleActiveButton->isChecked());
+    connect(toggleActiveButton, &QPushButton::toggled, m_ui->switchTrack, paintTrack);
+}
+
+void VantorPref::mainViewDidLoad()
+{
+    versionNumberTextField->setText(
+        bundle() ? bundle()->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString() : QString());
+
+    // Made now so that both exist before anything else uses them.
+    VTDefaultsController::create();
+    VTPreferenceCommunicator::create();
+    VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
+
+    if (store->firstRun())
+        firstRunInit();
+
+    // A running helper learns the pane's version before anything else reaches it.
+    checkRunningHelperVersion();
+
+    // Re-applied so the helper hears the update choice once per load of the pane.
+    store->setCheckForUpdates(store->checkForUpdates());
+
+    auto *center = DistributedNotificationCenter::defaultCenter();
+    center->addObserver(this, QLatin1String(Notifications::ShowHistory),
+                        [this](const DistributedNotification &) { showHistory(nullptr); });
+    if (PreferencePaneHost *h = host()) {
+        center->addObserver(h->application(), QLatin1String(Notifications::Quit),
+                            [h](const DistributedNotification &) { h->terminate(nullptr); });
+    }
+
+    connect(store, &VTDefaultsController::visibleChanged, this, [this, store] {
+        observeValueForKeyPath(QStringLiteral("visible"), store, {}, this);
+    }, Qt::DirectConnection);
+
+    // Folders may be dropped on the table.
+    foldersTableView->setAcceptDrops(true);
+    foldersTableView->viewport()->setAcceptDrops(true);
+}
+
+void VantorPref::didSelect()
+{
+    if (host())
+        host()->activateIgnoringOtherApps(false);
+    VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
+    setActiveButton(store->helperActive(), false);
+    toggleActiveButton->setChecked(store->helperActive());
+}
+
+void VantorPref::didUnselect()
+{
+    // An inactive helper is not left running once the user is done with the pane.
+    if (!VTDefaultsController::sharedDefaultsController()->helperActive())
+        VTPreferenceCommunicator::sharedCommunicatorController()->notifyHelperShouldQuit();
+}
+
+void VantorPref::firstRunInit()
+{
+    VTDefaultsController::sharedDefaultsController()->setFirstRunDone();
+}
+
+void VantorPref::checkRunningHelperVersion()
+{
+    const QString version =
+        bundle() ? bundle()->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString() : QString();
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        QLatin1String(Notifications::Version), {{QLatin1String(Notifications::VersionKey), version}});
+}
+
+void VantorPref::showHistory(QObject *)
+{
+    tabView->setCurrentIndex(0);
+}
+
+void VantorPref::observeValueForKeyPath(const QString &keyPath, QObject *, const QVariantMap &, void *context)
+{
+    if (context != this)
+        return;
+    if (keyPath == QLatin1String("visible"))
+        DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::Visible));
+}
+
+void VantorPref::setActiveButton(bool active, bool animated)
+{
+    const QRect frame = CocoaGeometry::rectInSuperview(toggleActiveButton->parentWidget(), kSwitchX[active ? 1 : 0],
+                                                       kSwitchY, kSwitchWidth, kSwitchHeight);
+    if (!animated) {
+        toggleActiveButton->setGeometry(frame);
+        return;
+    }
+    auto *slide = new QPropertyAnimation(toggleActiveButton, "geometry", toggleActiveButton);
+    slide->setDuration(250); // the platform's default implicit-animation duration
+    slide->setEndValue(frame);
+    slide->start(QAbstractAnimation::DeleteWhenStopped);
+}

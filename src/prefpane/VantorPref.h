@@ -1,0 +1,60 @@
+#pragma once
+
+#include "PreferencePane.h"
+
+#include <QVariantMap>
+
+#include <memory>
+
+class QFTableView;
+class QLabel;
+class QPushButton;
+class QTabWidget;
+class QWidget;
+
+namespace Ui {
+class VantorPref;
+}
+
+// The Vantor preference pane: switches the helper on and off, edits the folders it keeps
+// compressed and shows what was saved. Split by concern over several source files.
+class VantorPref : public PreferencePane
+{
+    Q_OBJECT
+    Q_PLUGIN_METADATA(IID PreferencePane_iid FILE "VantorPref.json")
+
+public:
+    Q_INVOKABLE explicit VantorPref(QObject *parent = nullptr);
+    ~VantorPref() override;
+
+    QString mainNibName() const override;
+    void mainViewDidLoad() override;
+    void didSelect() override;
+    void didUnselect() override;
+
+    void firstRunInit();
+    void checkRunningHelperVersion();
+    void showHistory(QObject *sender);
+    // Key-value observation callback: acts only when context is this pane.
+    void observeValueForKeyPath(const QString &keyPath, QObject *object, const QVariantMap &change,
+                                void *context);
+
+    void setActiveButton(bool active, bool animated);
+
+    // Interface outlets, owned by the main view.
+    QTabWidget *tabView = nullptr;
+    QLabel *versionNumberTextField = nullptr;
+    QPushButton *toggleActiveButton = nullptr;
+    QPushButton *iconButton = nullptr;
+    QFTableView *foldersTableView = nullptr;
+    QWidget *uninstallSheet = nullptr;
+    QWidget *restartSheet = nullptr;
+
+protected:
+    QWidget *buildMainView() override;
+
+private:
+    void styleMainView();
+
+    std::unique_ptr<Ui::VantorPref> m_ui;
+};

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QDBusConnection>
+#include <QObject>
+#include <QStringList>
+#include <QVariantMap>
+
+// Watches every distributed notification on the session bus through a connection of its
+// own, as dbus-monitor would, and keeps them in the order the bus delivered them.
+class NotificationRecorder : public QObject
+{
+    Q_OBJECT
+public:
+    explicit NotificationRecorder(QObject *parent = nullptr);
+    ~NotificationRecorder() override;
+
+    QStringList names() const { return m_names; }
+    QList<QVariantMap> userInfos() const { return m_userInfos; }
+    int count(const QString &name) const { return int(m_names.count(name)); }
+    void clear();
+    // Waits until a notification of that name has arrived (true) or the time is up.
+    bool waitFor(const QString &name, int timeoutMs = 5000);
+    // Lets the bus deliver whatever is on its way, then returns.
+    void settle(int ms = 200);
+
+private Q_SLOTS:
+    void onPost(const QString &name, const QVariantMap &userInfo);
+
+private:
+    QString m_connectionName;
+    QStringList m_names;
+    QList<QVariantMap> m_userInfos;
+};

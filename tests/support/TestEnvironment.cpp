@@ -1,0 +1,62 @@
+#include "TestEnvironment.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+
+TestEnvironment::TestEnvironment()
+{
+    for (const QString &sub : {QStringLiteral("/home/.local/share"), QStringLiteral("/home/.config"),
+                               QStringLiteral("/home/.local/state"), QStringLiteral("/runtime"),
+                               QStringLiteral("/tmp")})
+        QDir().mkpath(m_dir.path() + sub);
+    QFile::setPermissions(m_dir.path() + QStringLiteral("/runtime"),
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    qputenv("HOME", QFile::encodeName(home()));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(dataHome()));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(configHome()));
+    qputenv("XDG_STATE_HOME", QFile::encodeName(home() + QStringLiteral("/.local/state")));
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(m_dir.path() + QStringLiteral("/runtime")));
+    qputenv("TMPDIR", QFile::encodeName(m_dir.path() + QStringLiteral("/tmp")));
+}
+
+QString TestEnvironment::paneBundle()
+{
+    return qEnvironmentVariable("VANTOR_PANE_BUNDLE");
+}
+
+QString TestEnvironment::hostExecutable()
+{
+    return qEnvironmentVariable("VANTOR_HOST");
+}
+
+QByteArray TestEnvironment::readFile(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+void TestEnvironment::writeFile(const QString &path, const QByteArray &bytes)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile f(path);
+    if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        f.write(bytes);
+}
+
+QString TestEnvironment::pythonPlist(const QString &path)
+{
+    QProcess python;
+    python.start(QStringLiteral("python3"),
+                 {QStringLiteral("-c"),
+                  QStringLiteral("import plistlib,sys\n"
+                                 "try:\n"
+                                 "  d=plistlib.load(open(sys.argv[1],'rb'))\n"
+                                 "  print(repr(dict(sorted(d.items())) if isinstance(d, dict) else d))\n"
+                                 "except Exception as e:\n"
+                                 "  print('ERROR: %s' % e)\n"),
+                  path});
+    python.waitForFinished(30000);
+    return QString::fromUtf8(python.readAllStandardOutput()).trimmed();
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QTemporaryDir>
+
+// A throw-away home for one test process: HOME, XDG_DATA_HOME, XDG_CONFIG_HOME,
+// XDG_STATE_HOME, XDG_RUNTIME_DIR and TMPDIR all point inside one temporary folder, made
+// before anything looks them up.
+class TestEnvironment
+{
+public:
+    TestEnvironment();
+
+    QString root() const { return m_dir.path(); }
+    QString home() const { return m_dir.path() + QStringLiteral("/home"); }
+    QString dataHome() const { return home() + QStringLiteral("/.local/share"); }
+    QString productFolder() const { return dataHome() + QStringLiteral("/Vantor"); }
+    QString configHome() const { return home() + QStringLiteral("/.config"); }
+
+    // Paths of the build tree, from the test's environment.
+    static QString paneBundle();
+    static QString hostExecutable();
+
+    static QByteArray readFile(const QString &path);
+    static void writeFile(const QString &path, const QByteArray &bytes);
+    // Python's plistlib reading path; the repr() of what it finds, or "ERROR: ..." when it fails.
+    static QString pythonPlist(const QString &path);
+
+private:
+    QTemporaryDir m_dir;
+};
