@@ -83,6 +83,8 @@ int main(int argc, char *argv[])
             window.showNoPane({installed});
         }
     } else {
+        printLine(stderr, QStringLiteral("no Vantor pane is installed (looked in %1)")
+                              .arg(PaneLoader::searchPaths().join(QStringLiteral(", "))));
         window.showNoPane(PaneLoader::searchPaths());
     }
 

@@ -1,0 +1,216 @@
+#include "NotificationRecorder.h"
+#include "PropertyList.h"
+#include "TestEnvironment.h"
+
+#include <QDir>
+#include <QImage>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+// vantor-preferences as a user starts it: a real process on the test's session bus.
+class TestHost : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void screenshotAfterStartUp();
+    void storedSettingsThroughStartUp_data();
+    void storedSettingsThroughStartUp();
+    void brokenPaneIsOneLineAndExitOne_data();
+    void brokenPaneIsOneLineAndExitOne();
+    void noPaneInstalledSaysSo();
+    void quitNotificationFromAnotherProcess();
+    void faultsAreReportedNotFatal_data();
+    void faultsAreReportedNotFatal();
+
+private:
+    struct Run {
+        int exitCode = -1;
+        QString out;
+        QString err;
+    };
+    QProcessEnvironment environment() const;
+    Run runHost(const QStringList &args, const QProcessEnvironment &env);
+    Run screenshot(const QProcessEnvironment &env);
+    QString defaultsFile() const { return m_home->path() + QStringLiteral("/.local/share/Vantor/defaults.plist"); }
+
+    std::unique_ptr<QTemporaryDir> m_home;
+};
+
+void TestHost::init()
+{
+    m_home = std::make_unique<QTemporaryDir>();
+}
+
+QProcessEnvironment TestHost::environment() const
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("HOME"), m_home->path());
+    for (const char *var : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_RUNTIME_DIR"})
+        env.remove(QLatin1String(var));
+    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    return env;
+}
+
+TestHost::Run TestHost::runHost(const QStringList &args, const QProcessEnvironment &env)
+{
+    QProcess host;
+    host.setProcessEnvironment(env);
+    host.start(TestEnvironment::hostExecutable(), args);
+    if (!host.waitForFinished(60000))
+        host.kill();
+    return {host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1,
+            QString::fromUtf8(host.readAllStandardOutput()), QString::fromUtf8(host.readAllStandardError())};
+}
+
+TestHost::Run TestHost::screenshot(const QProcessEnvironment &env)
+{
+    return runHost({QStringLiteral("--pane"), TestEnvironment::paneBundle(), QStringLiteral("--screenshot"),
+                    m_home->path() + QStringLiteral("/x.png")},
+                   env);
+}
+
+void TestHost::screenshotAfterStartUp()
+{
+    NotificationRecorder recorder;
+    const Run run = screenshot(environment());
+    QCOMPARE(run.exitCode, 0);
+    const QString png = m_home->path() + QStringLiteral("/x.png");
+    QCOMPARE(run.out.trimmed(), QStringLiteral("vantor-preferences: wrote %1").arg(png));
+    QImage image(png);
+    QVERIFY(image.width() >= 700 && image.height() >= 400);
+
+    recorder.settle();
+    QCOMPARE(recorder.names(), QStringList({"com.quillfen.vantor.version", "vantorHelperEnableUpdates"}));
+    QCOMPARE(recorder.userInfos().first().value("version").toString(), QStringLiteral("1.0.0"));
+    QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()),
+             QStringLiteral("{'active': True, 'checkUpdates': True, 'firstRun': False, 'folderAliases': [], "
+                            "'runAtLogin': True, 'visible': True}"));
+}
+
+void TestHost::storedSettingsThroughStartUp_data()
+{
+    QTest::addColumn<QByteArray>("contents");
+    QTest::addColumn<QString>("after");
+    QTest::addColumn<QString>("updateNotification");
+
+    const QString allDefaults = QStringLiteral("{'active': True, 'checkUpdates': True, 'firstRun': False, "
+                                               "'folderAliases': [], 'runAtLogin': True, 'visible': True}");
+    const QByteArray inactive = PropertyList::toXml(QVariantMap{{"active", false}});
+    QTest::newRow("only active") << inactive << "{'active': False, 'checkUpdates': True, 'firstRun': False}"
+                                 << "vantorHelperEnableUpdates";
+    QTest::newRow("updates off") << PropertyList::toXml(QVariantMap{{"checkUpdates", false}, {"firstRun", false}})
+                                 << "{'checkUpdates': False, 'firstRun': False}" << "vantorHelperDisableUpdates";
+    QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << allDefaults << "vantorHelperEnableUpdates";
+    QTest::newRow("truncated") << inactive.left(60) << allDefaults << "vantorHelperEnableUpdates";
+    QTest::newRow("random bytes") << QByteArray::fromHex("deadbeef00112233445566") << allDefaults
+                                  << "vantorHelperEnableUpdates";
+}
+
+void TestHost::storedSettingsThroughStartUp()
+{
+    QFETCH(QByteArray, contents);
+    QFETCH(QString, after);
+    QFETCH(QString, updateNotification);
+    TestEnvironment::writeFile(defaultsFile(), contents);
+    NotificationRecorder recorder;
+    QCOMPARE(screenshot(environment()).exitCode, 0);
+    QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()), after);
+    recorder.settle();
+    QCOMPARE(recorder.names().value(1), updateNotification);
+}
+
+void TestHost::brokenPaneIsOneLineAndExitOne_data()
+{
+    QTest::addColumn<QString>("layout");
+    QTest::newRow("missing") << "missing";
+    QTest::newRow("no Info.plist") << "empty";
+    QTest::newRow("Info.plist is garbage") << "garbage";
+    QTest::newRow("library missing") << "nolib";
+    QTest::newRow("library is not a pane") << "notpane";
+}
+
+void TestHost::brokenPaneIsOneLineAndExitOne()
+{
+    QFETCH(QString, layout);
+    const QString pane = m_home->path() + QStringLiteral("/Broken.prefPane");
+    const QString info = pane + QStringLiteral("/Contents/Info.plist");
+    const QByteArray goodInfo = TestEnvironment::readFile(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"));
+    if (layout != QLatin1String("missing"))
+        QDir().mkpath(pane + QStringLiteral("/Contents/Linux"));
+    if (layout == QLatin1String("garbage"))
+        TestEnvironment::writeFile(info, "<plist><dict><key>");
+    if (layout == QLatin1String("nolib") || layout == QLatin1String("notpane"))
+        TestEnvironment::writeFile(info, goodInfo);
+    if (layout == QLatin1String("notpane"))
+        QFile::copy(QStringLiteral(VANTOR_COMMON_LIBRARY_FILE), pane + QStringLiteral("/Contents/Linux/libVantorPref.so"));
+
+    const Run run = runHost({QStringLiteral("--pane"), pane}, environment());
+    QCOMPARE(run.exitCode, 1);
+    const QStringList lines = run.err.split(u'\n', Qt::SkipEmptyParts).filter(QStringLiteral("vantor-preferences:"));
+    QCOMPARE(lines.size(), 1);
+    QVERIFY2(lines.first().startsWith(QStringLiteral("vantor-preferences: cannot load the pane %1: ").arg(pane)),
+             qPrintable(lines.first()));
+}
+
+void TestHost::noPaneInstalledSaysSo()
+{
+    const Run run = runHost({QStringLiteral("--screenshot"), m_home->path() + QStringLiteral("/none.png")}, environment());
+    QCOMPARE(run.exitCode, 0);
+    QVERIFY2(run.err.contains(QStringLiteral("no Vantor pane is installed")), qPrintable(run.err));
+    QVERIFY(QFile::exists(m_home->path() + QStringLiteral("/none.png")));
+    // Nothing of the pane ran.
+    QVERIFY(!QFile::exists(defaultsFile()));
+}
+
+void TestHost::quitNotificationFromAnotherProcess()
+{
+    NotificationRecorder recorder;
+    QProcess host;
+    host.setProcessEnvironment(environment());
+    host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--pane"), TestEnvironment::paneBundle()});
+    QVERIFY(recorder.waitFor(QStringLiteral("vantorHelperEnableUpdates"), 30000));
+    recorder.settle(); // the pane's subscriptions follow its last start-up post
+    QProcess::execute(QStringLiteral("gdbus"),
+                      {QStringLiteral("emit"), QStringLiteral("--session"), QStringLiteral("--object-path"),
+                       QStringLiteral("/com/quillfen/vantor"), QStringLiteral("--signal"),
+                       QStringLiteral("com.quillfen.vantor.DistributedNotification.Post"),
+                       QStringLiteral("'com.quillfen.vantor.quit'"), QStringLiteral("@a{sv} {}")});
+    QVERIFY(host.waitForFinished(20000));
+    QCOMPARE(host.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(host.exitCode(), 0);
+}
+
+void TestHost::faultsAreReportedNotFatal_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<QString>("expectedLine");
+    QTest::newRow("no session bus") << "nobus" << "vantor: no D-Bus session bus";
+    QTest::newRow("data folder cannot be made") << "blocked" << "Could not write preferences to file: (null)";
+    QTest::newRow("plain file named Vantor") << "vantorfile" << "Could not write preferences to file: @/.local/share/Vantor/defaults.plist";
+}
+
+void TestHost::faultsAreReportedNotFatal()
+{
+    QFETCH(QString, fault);
+    QFETCH(QString, expectedLine);
+    expectedLine.replace(u'@', m_home->path());
+    QProcessEnvironment env = environment();
+    if (fault == QLatin1String("nobus"))
+        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), QStringLiteral("unix:path=/nonexistent/bus"));
+    if (fault == QLatin1String("blocked")) {
+        TestEnvironment::writeFile(m_home->path() + QStringLiteral("/file"), "x");
+        env.insert(QStringLiteral("XDG_DATA_HOME"), m_home->path() + QStringLiteral("/file/share"));
+    }
+    if (fault == QLatin1String("vantorfile"))
+        TestEnvironment::writeFile(m_home->path() + QStringLiteral("/.local/share/Vantor"), "x");
+
+    const Run run = screenshot(env);
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(run.err.count(expectedLine), fault == QLatin1String("nobus") ? 1 : 3);
+}
+
+QTEST_GUILESS_MAIN(TestHost)
+#include "tst_host.moc"
