@@ -68,14 +68,9 @@ void TestDistributedNotificationCenter::thirdPartySenderIsHeard()
     QVariantMap heard;
     DistributedNotificationCenter::defaultCenter()->addObserver(
         &observer, QStringLiteral("test.gdbus"), [&](const DistributedNotification &n) { heard = n.userInfo; });
-    QProcess gdbus;
-    gdbus.start(QStringLiteral("gdbus"),
-                {QStringLiteral("emit"), QStringLiteral("--session"), QStringLiteral("--object-path"),
-                 QStringLiteral("/com/quillfen/vantor"), QStringLiteral("--signal"),
-                 QStringLiteral("com.quillfen.vantor.DistributedNotification.Post"), QStringLiteral("'test.gdbus'"),
-                 QStringLiteral("{'foldersToRemove': <['/x', '/y']>}")});
-    QVERIFY(gdbus.waitForFinished(10000));
-    QCOMPARE(gdbus.exitCode(), 0);
+    QCOMPARE(TestEnvironment::postWithGdbus(QStringLiteral("test.gdbus"),
+                                            QStringLiteral("{'foldersToRemove': <['/x', '/y']>}")),
+             0);
     QVERIFY(QTest::qWaitFor([&] { return !heard.isEmpty(); }, 5000));
     QCOMPARE(heard.value("foldersToRemove").toStringList(), QStringList({"/x", "/y"}));
 }

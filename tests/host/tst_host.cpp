@@ -173,11 +173,7 @@ void TestHost::quitNotificationFromAnotherProcess()
     host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--pane"), TestEnvironment::paneBundle()});
     QVERIFY(recorder.waitFor(QStringLiteral("vantorHelperEnableUpdates"), 30000));
     recorder.settle(); // the pane's subscriptions follow its last start-up post
-    QProcess::execute(QStringLiteral("gdbus"),
-                      {QStringLiteral("emit"), QStringLiteral("--session"), QStringLiteral("--object-path"),
-                       QStringLiteral("/com/quillfen/vantor"), QStringLiteral("--signal"),
-                       QStringLiteral("com.quillfen.vantor.DistributedNotification.Post"),
-                       QStringLiteral("'com.quillfen.vantor.quit'"), QStringLiteral("@a{sv} {}")});
+    QCOMPARE(TestEnvironment::postWithGdbus(QStringLiteral("com.quillfen.vantor.quit")), 0);
     QVERIFY(host.waitForFinished(20000));
     QCOMPARE(host.exitStatus(), QProcess::NormalExit);
     QCOMPARE(host.exitCode(), 0);

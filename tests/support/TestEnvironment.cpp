@@ -60,3 +60,12 @@ QString TestEnvironment::pythonPlist(const QString &path)
     python.waitForFinished(30000);
     return QString::fromUtf8(python.readAllStandardOutput()).trimmed();
 }
+
+int TestEnvironment::postWithGdbus(const QString &name, const QString &userInfo)
+{
+    return QProcess::execute(QStringLiteral("gdbus"),
+                             {QStringLiteral("emit"), QStringLiteral("--session"), QStringLiteral("--object-path"),
+                              QStringLiteral("/com/quillfen/vantor"), QStringLiteral("--signal"),
+                              QStringLiteral("com.quillfen.vantor.DistributedNotification.Post"),
+                              QStringLiteral("'%1'").arg(name), userInfo});
+}

@@ -27,6 +27,10 @@ public:
     // Python's plistlib reading path; the repr() of what it finds, or "ERROR: ..." when it fails.
     static QString pythonPlist(const QString &path);
 
+    // Posts a distributed notification from another process (gdbus, a third-party sender);
+    // userInfo is in GVariant text form. Returns gdbus's exit code.
+    static int postWithGdbus(const QString &name, const QString &userInfo = QStringLiteral("@a{sv} {}"));
+
 private:
     QTemporaryDir m_dir;
 };
