@@ -14,6 +14,7 @@ constexpr uint32_t kLinearSearchLimit = 8;
 
 void PatternTrie::insert(QStringView pattern)
 {
+    Q_ASSERT(!m_building.empty()); // not after finish()
     if (pattern.isEmpty())
         return;
     uint32_t node = 0;
