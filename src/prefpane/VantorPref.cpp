@@ -74,6 +74,10 @@ void VantorPref::styleMainView()
     m_ui->switchTrack->setAttribute(Qt::WA_StyledBackground);
     paintTrack(toggleActiveButton->isChecked());
     connect(toggleActiveButton, &QPushButton::toggled, m_ui->switchTrack, paintTrack);
+
+    // A click on the icon sends up a bubble.
+    iconButton->setCursor(Qt::PointingHandCursor);
+    connect(iconButton, &QPushButton::clicked, this, &VantorPref::addBubble);
 }
 
 void VantorPref::mainViewDidLoad()

@@ -2,11 +2,16 @@
 
 #include "PreferencePane.h"
 
+#include <QPointF>
+#include <QPointer>
 #include <QVariantMap>
 
 #include <memory>
 
+class BubbleLayer;
+class QAbstractAnimation;
 class QFTableView;
+class QVariantAnimation;
 class QLabel;
 class QPushButton;
 class QTabWidget;
@@ -41,6 +46,15 @@ public:
 
     void setActiveButton(bool active, bool animated);
 
+    void addBubble();
+    void animateBubbleLayer(BubbleLayer *layer);
+    QVariantAnimation *bubbleAnimation();
+    QVariantAnimation *opacityAnimation();
+    void animationDidStop(QAbstractAnimation *animation, bool finished);
+    void popBubbles(QObject *sender);
+    // The transparent layer above the icon that holds its bubbles.
+    QWidget *iconLayer();
+
     // Interface outlets, owned by the main view.
     QTabWidget *tabView = nullptr;
     QLabel *versionNumberTextField = nullptr;
@@ -55,6 +69,8 @@ protected:
 
 private:
     void styleMainView();
+    QPointF iconLayerPoint(const QPointF &point);
 
     std::unique_ptr<Ui::VantorPref> m_ui;
+    QPointer<QWidget> m_iconLayer;
 };
