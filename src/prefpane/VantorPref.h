@@ -55,6 +55,7 @@ protected:
 
 private:
     void styleMainView();
+    void setUpHistoryController();
 
     std::unique_ptr<Ui::VantorPref> m_ui;
 };
