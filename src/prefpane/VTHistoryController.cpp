@@ -2,6 +2,7 @@
 
 #include "Alerts.h"
 #include "ArrayController.h"
+#include "BDAlias.h"
 #include "Bundle.h"
 #include "DistributedNotificationCenter.h"
 #include "HistoryArrayModel.h"
@@ -14,6 +15,7 @@
 #include "VTDefaultsController.h"
 
 #include <QApplication>
+#include <QFileInfo>
 #include <QHeaderView>
 #include <QStyleOptionViewItem>
 #include <QTimer>
@@ -159,6 +161,45 @@ void VTHistoryController::readHistory()
             rows.append(historyEntryFor(&record));
     }
     m_historyArray->setRows(rows);
+}
+
+QList<QByteArray> VTHistoryController::folderAliases()
+{
+    HistoryContext *context = managedObjectContext();
+    return context ? context->fetchFolderAliases() : QList<QByteArray>();
+}
+
+std::optional<QStringList> VTHistoryController::folders()
+{
+    const QList<QByteArray> aliases = folderAliases();
+    if (aliases.isEmpty())
+        return std::nullopt;
+    QStringList paths;
+    for (const QByteArray &data : aliases) {
+        const std::unique_ptr<BDAlias> alias = BDAlias::aliasWithData(data);
+        QString path = alias ? alias->fullPath() : QString();
+        if (path.isEmpty() && alias)
+            path = alias->aliasInfo().value_or(QVariantMap()).value(QStringLiteral("pathString")).toString();
+        paths.append(path);
+    }
+    return paths;
+}
+
+void VTHistoryController::verifyAliases()
+{
+    QList<QByteArray> aliases = folderAliases();
+    for (QByteArray &data : aliases) {
+        const std::unique_ptr<BDAlias> alias = BDAlias::aliasWithData(data);
+        if (!alias || !alias->fullPath().isEmpty())
+            continue;
+        const QString recorded =
+            alias->aliasInfo().value_or(QVariantMap()).value(QStringLiteral("pathString")).toString();
+        if (recorded.isEmpty() || !QFileInfo::exists(recorded))
+            continue;
+        if (const std::unique_ptr<BDAlias> renewed = BDAlias::aliasWithPath(recorded))
+            data = renewed->aliasData();
+    }
+    // The working copy is dropped: the helper owns the records.
 }
 
 void VTHistoryController::addFolders(const QStringList &paths)

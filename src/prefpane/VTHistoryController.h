@@ -53,6 +53,12 @@ public:
 
     QVariantMap historyEntryFor(const HistoryRecord *record) const;
     void readHistory();
+    // Alias data of every record, listed or not.
+    QList<QByteArray> folderAliases();
+    // Present path of every record (else the path its alias recorded); nullopt with no records.
+    std::optional<QStringList> folders();
+    // Re-resolves the aliases, renewing stale ones in a working copy only: no lasting effect.
+    void verifyAliases();
     void addFolders(const QStringList &paths);
     void removeFolders();
     void warnAboutRemovedFolders();
