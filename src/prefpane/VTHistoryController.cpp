@@ -165,8 +165,8 @@ void VTHistoryController::readHistory()
 
 QList<QByteArray> VTHistoryController::folderAliases()
 {
-    HistoryContext *context = managedObjectContext();
-    return context ? context->fetchFolderAliases() : QList<QByteArray>();
+    // Like readHistory, a read path that never builds the stack (nor shows its errors).
+    return m_managedObjectContext ? m_managedObjectContext->fetchFolderAliases() : QList<QByteArray>();
 }
 
 std::optional<QStringList> VTHistoryController::folders()
