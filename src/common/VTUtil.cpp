@@ -1,6 +1,10 @@
 #include "VTUtil.h"
 
+#include "Bundle.h"
 #include "FileManager.h"
+#include "HistoryContext.h"
+#include "HistoryModel.h"
+#include "HistoryStore.h"
 
 #include <QFile>
 #include <QMutex>
@@ -54,4 +58,82 @@ void VTUtil::forgetApplicationSupportFolder()
 {
     QMutexLocker locker(&g_folderLock);
     g_applicationSupportFolder.clear();
+}
+
+QString VTUtil::getPrettySize(quint64 size)
+{
+    if (size <= 1023)
+        return QString::asprintf("%lld b", static_cast<long long>(size));
+
+    // Single precision on purpose: the rounding of the float quotient is what users see.
+    const float value = static_cast<float>(size);
+    float quotient;
+    const char *suffix;
+    if (size <= 999999) {
+        quotient = value / 1000.0f;
+        suffix = " KB";
+    } else if (size <= 999999999) {
+        quotient = value / 1000000.0f;
+        suffix = " MB";
+    } else {
+        quotient = value / 1000000000.0f;
+        suffix = " GB";
+    }
+    const double q = quotient;
+    // QString::asprintf ignores the process locale, so the decimal point is always a point.
+    const char *format = q < 10.0 ? "%.2f%s" : q < 100.0 ? "%.1f%s" : "%.0f%s";
+    return QString::asprintf(format, q, suffix);
+}
+
+namespace {
+
+std::shared_ptr<const HistoryModel> g_model;
+std::unique_ptr<HistoryStore> g_coordinator;
+std::unique_ptr<HistoryContext> g_context;
+// A modal alert while the stack is built runs a nested event loop; nothing may rebuild then.
+bool g_building = false;
+
+} // namespace
+
+std::shared_ptr<const HistoryModel> VTUtil::managedObjectModel()
+{
+    if (!g_model)
+        g_model = HistoryModel::mergedModelFromBundles({Bundle::mainBundle()});
+    return g_model;
+}
+
+HistoryStore *VTUtil::persistentStoreCoordinator()
+{
+    if (g_coordinator || g_building)
+        return g_coordinator.get();
+    g_building = true;
+    g_coordinator = HistoryStore::coordinatorWithModel(managedObjectModel(), "VTUtil", "persistentStoreCoordinator",
+                                                       __FILE__);
+    g_building = false;
+    return g_coordinator.get();
+}
+
+HistoryContext *VTUtil::managedObjectContext()
+{
+    if (g_context)
+        return g_context.get();
+    if (HistoryStore *coordinator = persistentStoreCoordinator()) {
+        g_context = std::make_unique<HistoryContext>(coordinator);
+        return g_context.get();
+    }
+    if (!g_building)
+        HistoryStore::presentError(HistoryStore::initializationError());
+    return nullptr;
+}
+
+void VTUtil::closeDatabase()
+{
+    if (g_context && g_context->hasChanges())
+        g_context->save();
+    g_context.reset();
+}
+
+bool VTUtil::ensureIntegrityOfDatabaseAtPath(const QString &path)
+{
+    return HistoryStore::ensureIntegrityOfDatabaseAtPath(path);
 }

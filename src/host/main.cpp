@@ -1,6 +1,7 @@
 // vantor-preferences: the settings application that hosts the Vantor pane.
 
 #include "FileManager.h"
+#include "HeadlessAlerts.h"
 #include "HostWindow.h"
 #include "PaneLoader.h"
 #include "PreferencePane.h"
@@ -64,6 +65,11 @@ int main(int argc, char *argv[])
 
     ProcessInfo::processInfo()->installTerminationHandler();
     ensureUserDataFolder();
+
+    // A render nobody watches cannot wait for someone to dismiss an alert.
+    HeadlessAlerts headlessAlerts;
+    if (parser.isSet(screenshotOption))
+        Alerts::setShared(&headlessAlerts);
 
     HostWindow window;
     if (parser.isSet(paneOption)) {

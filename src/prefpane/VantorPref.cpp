@@ -7,6 +7,7 @@
 #include "PreferencePaneHost.h"
 #include "QFTableView.h"
 #include "VTDefaultsController.h"
+#include "VTHistoryController.h"
 #include "VTPreferenceCommunicator.h"
 #include "ui_VantorPref.h"
 
@@ -46,6 +47,8 @@ QWidget *VantorPref::buildMainView()
     iconButton = m_ui->iconButton;
     foldersTableView = m_ui->foldersTableView;
     styleMainView();
+    // The interface's own objects come with it, before mainViewDidLoad.
+    setUpHistoryController();
     return view;
 }
 
@@ -110,6 +113,9 @@ void VantorPref::mainViewDidLoad()
     connect(store, &VTDefaultsController::visibleChanged, this, [this, store] {
         observeValueForKeyPath(QStringLiteral("visible"), store, {}, this);
     }, Qt::DirectConnection);
+
+    // Opens the history store now rather than at its first use.
+    VTHistoryController::sharedHistoryController()->managedObjectContext();
 
     // Folders may be dropped on the table.
     foldersTableView->setAcceptDrops(true);

@@ -70,6 +70,7 @@ protected:
 private:
     void styleMainView();
     QPointF iconLayerPoint(const QPointF &point);
+    void setUpHistoryController();
 
     std::unique_ptr<Ui::VantorPref> m_ui;
     QPointer<QWidget> m_iconLayer;

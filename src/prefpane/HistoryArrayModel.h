@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QAbstractTableModel>
+#include <QList>
+#include <QVariantMap>
+
+// The folder table's rows (`historyArray`): one row dictionary per listed folder, and the
+// summary row last when there is one. Columns show the keys "folder", "path", "status" and
+// "savings".
+class HistoryArrayModel : public QAbstractTableModel
+{
+    Q_OBJECT
+public:
+    enum Role {
+        // The row's whole dictionary.
+        RowRole = Qt::UserRole + 1,
+        // The column key's raw value.
+        ValueRole,
+    };
+
+    explicit HistoryArrayModel(QObject *parent = nullptr);
+
+    static QStringList columnKeys();
+
+    QList<QVariantMap> rows() const { return m_rows; }
+    QVariantMap row(int index) const { return m_rows.value(index); }
+    // Replaces every row (a model reset).
+    void setRows(const QList<QVariantMap> &rows);
+    void appendRow(const QVariantMap &row);
+
+    int rowCount(const QModelIndex &parent = {}) const override;
+    int columnCount(const QModelIndex &parent = {}) const override;
+    QVariant data(const QModelIndex &index, int role = Qt::DisplayRole) const override;
+    QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
+
+private:
+    QList<QVariantMap> m_rows;
+};

@@ -1,0 +1,11 @@
+#include "VTSizeToPrettySizeTransformer.h"
+
+#include "VTUtil.h"
+
+QVariant VTSizeToPrettySizeTransformer::transformedValue(const QVariant &value) const
+{
+    const quint64 size = value.isValid() ? value.toULongLong() : 0;
+    if (size == 0)
+        return QStringLiteral("-");
+    return VTUtil::getPrettySize(size);
+}

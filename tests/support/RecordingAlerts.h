@@ -1,0 +1,38 @@
+#pragma once
+
+#include "Alerts.h"
+
+#include <QList>
+
+// Records every alert, sheet and presented error instead of showing it; installs itself as
+// the shared instance for its lifetime. Sheets end at once with their first button.
+class RecordingAlerts final : public Alerts
+{
+public:
+    RecordingAlerts() { Alerts::setShared(this); }
+    ~RecordingAlerts() override { Alerts::setShared(nullptr); }
+
+    void beginSheet(QWidget *, const Alert &alert, std::function<void(int)> done) override
+    {
+        sheets.append(alert);
+        if (done)
+            done(0);
+    }
+    int runModal(const Alert &alert) override
+    {
+        modals.append(alert);
+        return 0;
+    }
+    void presentError(const PresentableError &error) override { errors.append(error); }
+
+    void clear()
+    {
+        sheets.clear();
+        modals.clear();
+        errors.clear();
+    }
+
+    QList<Alert> sheets;
+    QList<Alert> modals;
+    QList<PresentableError> errors;
+};
