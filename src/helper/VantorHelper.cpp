@@ -113,8 +113,17 @@ bool VantorHelper::start()
                 .arg(::getpid()));
         return false;
     }
+    // A helper whose bus has gone can hear nothing more: it ends with its session.
+    bus.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"), QStringLiteral("org.freedesktop.DBus.Local"),
+                QStringLiteral("Disconnected"), this, SLOT(busDisconnected()));
     log(QStringLiteral("started, version %1, pid %2; %3").arg(m_version).arg(::getpid()).arg(readDefaults()));
     return true;
+}
+
+void VantorHelper::busDisconnected()
+{
+    log(QStringLiteral("the session bus has gone; quitting"));
+    QCoreApplication::quit();
 }
 
 void VantorHelper::received(const DistributedNotification &notification)

@@ -26,6 +26,9 @@ public:
     static QString defaultsPath();
     static QString logPath();
 
+private Q_SLOTS:
+    void busDisconnected();
+
 private:
     void received(const DistributedNotification &notification);
     // Re-reads "defaults.plist"; returns how the settings stand, for the log.

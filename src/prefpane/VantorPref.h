@@ -39,7 +39,13 @@ public:
     void observeValueForKeyPath(const QString &keyPath, QObject *object, const QVariantMap &change,
                                 void *context);
 
+    // Helper process control.
+    void launchHelper();
+    void warnOnWrongHelperPermissions();
+    void toggleActive(QObject *sender);
     void setActiveButton(bool active, bool animated);
+    void checkForUpdates(QObject *sender);
+    void relaunchSystemPreferences();
 
     // Interface outlets, owned by the main view.
     QTabWidget *tabView = nullptr;
