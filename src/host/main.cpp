@@ -2,6 +2,7 @@
 
 #include "FileManager.h"
 #include "HostWindow.h"
+#include "LoginWindowSetup.h"
 #include "PaneLoader.h"
 #include "PreferencePane.h"
 #include "ProcessInfo.h"
@@ -64,6 +65,7 @@ int main(int argc, char *argv[])
 
     ProcessInfo::processInfo()->installTerminationHandler();
     ensureUserDataFolder();
+    LoginWindowSetup::ensure();
 
     HostWindow window;
     if (parser.isSet(paneOption)) {

@@ -105,6 +105,11 @@ void VantorPref::mainViewDidLoad()
     // Folders may be dropped on the table.
     foldersTableView->setAcceptDrops(true);
     foldersTableView->viewport()->setAcceptDrops(true);
+
+    // One way: the store drives the login item, never the other way round.
+    connect(store, &VTDefaultsController::autorunAtLoginChanged, this,
+            [this, store] { setAutorunAtLogin(store->autorunAtLogin()); }, Qt::DirectConnection);
+    regenerateAutologinItem();
 }
 
 void VantorPref::didSelect()

@@ -22,6 +22,7 @@ class VantorPref : public PreferencePane
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID PreferencePane_iid FILE "VantorPref.json")
+    Q_PROPERTY(bool autorunAtLogin READ autorunAtLogin WRITE setAutorunAtLogin NOTIFY autorunAtLoginChanged)
 
 public:
     Q_INVOKABLE explicit VantorPref(QObject *parent = nullptr);
@@ -47,6 +48,11 @@ public:
     void checkForUpdates(QObject *sender);
     void relaunchSystemPreferences();
 
+    // The helper's entry in the login-item list (VantorPrefLoginItem.cpp).
+    bool autorunAtLogin() const;
+    void setAutorunAtLogin(bool autorun);
+    void regenerateAutologinItem();
+
     // Interface outlets, owned by the main view.
     QTabWidget *tabView = nullptr;
     QLabel *versionNumberTextField = nullptr;
@@ -55,6 +61,10 @@ public:
     QFTableView *foldersTableView = nullptr;
     QWidget *uninstallSheet = nullptr;
     QWidget *restartSheet = nullptr;
+
+Q_SIGNALS:
+    // Only when the login-item list was really written.
+    void autorunAtLoginChanged();
 
 protected:
     QWidget *buildMainView() override;

@@ -111,6 +111,7 @@ void VantorPref::toggleActive(QObject *sender)
         toggleActiveButton->setChecked(!toggleActiveButton->isChecked());
 
     VTDefaultsController::sharedDefaultsController()->setHelperActive(toggleActiveButton->isChecked());
+    setAutorunAtLogin(toggleActiveButton->isChecked());
     setActiveButton(toggleActiveButton->isChecked(), true);
     VTPreferenceCommunicator::sharedCommunicatorController()->notifyHelperActiveStatusChanged();
 }

@@ -1,0 +1,224 @@
+#include "AliasRecord.h"
+#include "AliasResolver.h"
+#include "BDAlias.h"
+#include "FSRef.h"
+#include "TestEnvironment.h"
+
+#include <QDataStream>
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+#include <sys/stat.h>
+
+class TestBDAlias : public QObject
+{
+    Q_OBJECT
+
+private:
+    TestEnvironment m_env;
+    QString m_root;
+
+    QString make(const QString &relative)
+    {
+        const QString path = m_root + u'/' + relative;
+        if (!QDir().mkpath(path))
+            qFatal("cannot make %s", qPrintable(path));
+        return path;
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        // Realpath'd, since aliases report the kernel's own name for their target.
+        m_root = QDir(m_env.home()).canonicalPath() + QStringLiteral("/t");
+        QDir(m_root).removeRecursively();
+        make(QString());
+        AliasResolver::setUseFileHandles(true);
+    }
+
+    void movedFolderResolves_data()
+    {
+        QTest::addColumn<QString>("from");
+        QTest::addColumn<QString>("to");
+        QTest::addColumn<bool>("fileHandles");
+        for (bool handles : {true, false}) {
+            const char *how = handles ? " by handle" : " by search";
+            QTest::addRow("renamed%s", how) << "a/folder" << "a/renamed" << handles;
+            QTest::addRow("other parent%s", how) << "a/folder" << "b/c/folder" << handles;
+            QTest::addRow("parent renamed%s", how) << "a/folder" << "z/folder" << handles;
+            QTest::addRow("deeper and renamed%s", how) << "a/b/folder" << "x/y/z/other" << handles;
+            QTest::addRow("not moved%s", how) << "a/folder" << "a/folder" << handles;
+        }
+    }
+    void movedFolderResolves()
+    {
+        QFETCH(QString, from);
+        QFETCH(QString, to);
+        QFETCH(bool, fileHandles);
+        AliasResolver::setUseFileHandles(fileHandles);
+        make(from + QStringLiteral("/inside"));
+        make(QStringLiteral("b/c"));
+        make(QStringLiteral("x/y"));
+        auto alias = BDAlias::aliasWithPath(m_root + u'/' + from);
+        QVERIFY(alias);
+        const QByteArray before = alias->aliasData();
+        QCOMPARE(alias->fullPath(), m_root + u'/' + from);
+
+        if (from != to) {
+            QDir().mkpath(QFileInfo(m_root + u'/' + to).path());
+            QVERIFY(QDir().rename(m_root + u'/' + from, m_root + u'/' + to));
+            QDir().rmpath(m_root + QStringLiteral("/a"));
+        }
+        QCOMPARE(alias->fullPath(), m_root + u'/' + to);
+        QCOMPARE(alias->aliasData(), before);
+    }
+
+    void deletedFolderIsNone()
+    {
+        AliasResolver::setUseFileHandles(false);
+        const QString path = make(QStringLiteral("gone"));
+        auto alias = BDAlias::aliasWithPath(path);
+        QVERIFY(alias);
+        QVERIFY(QDir(path).removeRecursively());
+        make(QStringLiteral("gone")); // same name, another folder
+        QVERIFY(alias->fullPath().isNull());
+    }
+
+    void unreadableDataIsNone_data()
+    {
+        QTest::addColumn<QByteArray>("data");
+        const QByteArray good = BDAlias::aliasWithPath(m_env.home())->aliasData();
+        QByteArray flipped = good;
+        flipped[flipped.size() / 2] = char(flipped[flipped.size() / 2] ^ 0x40);
+        QByteArray newer = good;
+        newer[4] = 2;
+        QTest::addRow("empty") << QByteArray("");
+        QTest::addRow("garbage") << QByteArray("\x00\x01garbage that is no alias record at all", 40);
+        QTest::addRow("one byte short") << good.chopped(1);
+        QTest::addRow("one byte long") << good + 'x';
+        QTest::addRow("bit flipped") << flipped;
+        QTest::addRow("unknown version") << newer;
+    }
+    void unreadableDataIsNone()
+    {
+        QFETCH(QByteArray, data);
+        auto alias = BDAlias::aliasWithData(data);
+        QVERIFY(alias);
+        QVERIFY(alias->fullPath().isNull());
+        QVERIFY(!alias->aliasInfo());
+        QCOMPARE(alias->hash(), size_t(0));
+        QCOMPARE(alias->aliasData(), data);
+    }
+
+    void everyTruncationIsRejected()
+    {
+        const QByteArray good = BDAlias::aliasWithPath(make(QStringLiteral("t")))->aliasData();
+        QVERIFY(AliasRecord::fromBytes(good));
+        for (qsizetype n = 0; n < good.size(); ++n)
+            QVERIFY2(!AliasRecord::fromBytes(good.left(n)), qPrintable(QString::number(n)));
+    }
+
+    void volumeNotMountedIsNone()
+    {
+        auto alias = BDAlias::aliasWithPath(make(QStringLiteral("v")));
+        std::optional<AliasRecord> rec = AliasRecord::fromBytes(alias->aliasData());
+        QVERIFY(rec);
+        rec->volumeUuid = "00000000-dead-beef-0000-000000000000";
+        rec->device = 0xdead00beef;
+        rec->mountPoint = "/media/nowhere";
+        rec->path = "/media/nowhere/v";
+        QVERIFY(BDAlias(rec->toBytes()).fullPath().isNull());
+    }
+
+    void missingPathGivesError()
+    {
+        BDAlias::Error error;
+        QVERIFY(!BDAlias::aliasWithPath(m_root + QStringLiteral("/missing"), &error));
+        QCOMPARE(error.domain, QStringLiteral("NSOSStatusErrorDomain"));
+        QCOMPARE(error.code, -43);
+        QVERIFY(!BDAlias::aliasWithPath(QStringLiteral("missing"), m_root));
+        QVERIFY(!BDAlias::aliasWithPath(QStringLiteral("t"), m_root + QStringLiteral("/missing")));
+    }
+
+    void noData()
+    {
+        auto alias = BDAlias::aliasWithData(QByteArray());
+        QVERIFY(alias);
+        QVERIFY(!alias->alias());
+        QVERIFY(alias->aliasData().isNull());
+        QVERIFY(alias->fullPath().isNull());
+        QVERIFY(!alias->aliasInfo());
+    }
+
+    void relativeAliasUsesGivenBase()
+    {
+        AliasResolver::setUseFileHandles(false);
+        const QString base = make(QStringLiteral("base"));
+        make(QStringLiteral("base/b"));
+        auto alias = BDAlias::aliasWithPath(QStringLiteral("b"), base);
+        QVERIFY(alias);
+        QCOMPARE(alias->fullPath(), base + QStringLiteral("/b"));
+        // A copy of the whole tree elsewhere: against the copy's base the alias means the copy.
+        const QString copy = make(QStringLiteral("copy/b"));
+        QCOMPARE(alias->fullPathRelativeToPath(m_root + QStringLiteral("/copy")), base + QStringLiteral("/b"));
+        Q_UNUSED(copy);
+        QVERIFY(alias->fullPathRelativeToPath(m_root + QStringLiteral("/nothing")).isNull());
+        QVERIFY(QDir().rename(base, m_root + QStringLiteral("/moved")));
+        QCOMPARE(alias->fullPathRelativeToPath(m_root + QStringLiteral("/moved")), m_root + QStringLiteral("/moved/b"));
+    }
+
+    void equalityFollowsPath()
+    {
+        const QString path = make(QStringLiteral("same"));
+        auto one = BDAlias::aliasWithPath(path);
+        auto two = BDAlias::aliasWithPath(path + QStringLiteral("/../same"));
+        auto relative = BDAlias::aliasWithPath(QStringLiteral("same"), m_root);
+        QVERIFY(one->aliasData() != relative->aliasData());
+        QVERIFY(*one == *two);
+        QVERIFY(*one == *relative);
+        QCOMPARE(qHash(*one), qHash(*relative));
+        BDAlias lost(QByteArray("lost"));
+        QVERIFY(!(lost == lost));
+        QVERIFY(!lost.isEqual(nullptr));
+    }
+
+    void archivingKeepsBytes()
+    {
+        auto alias = BDAlias::aliasWithPath(make(QStringLiteral("arch")));
+        QByteArray archive;
+        {
+            QDataStream out(&archive, QIODevice::WriteOnly);
+            alias->encodeWithCoder(out);
+        }
+        QDataStream in(archive);
+        BDAlias back(in);
+        QCOMPARE(back.aliasData(), alias->aliasData());
+    }
+
+    void infoAndDump()
+    {
+        const QString path = make(QStringLiteral("info"));
+        struct stat st = {};
+        QCOMPARE(::stat(QFile::encodeName(path).constData(), &st), 0);
+        auto alias = BDAlias::aliasWithPath(path);
+        const std::optional<QVariantMap> info = alias->aliasInfo();
+        QVERIFY(info);
+        QCOMPARE(info->size(), 13);
+        QCOMPARE(info->value("targetNameString").toString(), QStringLiteral("info"));
+        QCOMPARE(info->value("pathString").toString(), path);
+        QCOMPARE(info->value("nodeID").toUInt(), quint32(st.st_ino));
+        QCOMPARE(info->value("fileType").toUInt(), 0u);
+
+        QTest::ignoreMessage(QtInfoMsg, "Target name = 'info'");
+        QTest::ignoreMessage(QtInfoMsg, QRegularExpression("^Volume name = '.+'$"));
+        QTest::ignoreMessage(QtInfoMsg, qPrintable(QStringLiteral("Path        = ") + path));
+        QTest::ignoreMessage(QtInfoMsg, "Info bitmap = 00000072");
+        alias->dump();
+        QTest::ignoreMessage(QtInfoMsg, "FSCopyAliasInfo returned error -50");
+        BDAlias().dump();
+    }
+};
+
+QTEST_GUILESS_MAIN(TestBDAlias)
+#include "tst_bdalias.moc"
