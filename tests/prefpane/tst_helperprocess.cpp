@@ -5,6 +5,7 @@
 #include "NotificationRecorder.h"
 #include "Notifications.h"
 #include "PaneFixture.h"
+#include "PreferencesDomain.h"
 #include "RunningApplication.h"
 #include "TestEnvironment.h"
 #include "VTDefaultsController.h"
@@ -127,6 +128,11 @@ void TestHelperProcess::secondHelperLeavesTheFirst()
 
 void TestHelperProcess::switchStoresBeforeNotifying()
 {
+    // The login-item list exists, as the host makes sure it does.
+    PreferencesDomain loginWindow(QStringLiteral("loginwindow"));
+    loginWindow.setValue(QStringLiteral("AutoLaunchedApplicationDictionary"), QVariantList{});
+    QVERIFY(loginWindow.synchronize());
+
     // The helper reads the settings file when told: it must find the new value there.
     VTDefaultsController::sharedDefaultsController()->setHelperActive(false);
     m_pane->didSelect();
@@ -135,10 +141,12 @@ void TestHelperProcess::switchStoresBeforeNotifying()
     QTest::mouseClick(m_pane->toggleActiveButton, Qt::LeftButton);
     QTRY_VERIFY(helperLog(m_env).contains(QStringLiteral("com.quillfen.vantor.active: settings active=true")));
     QTRY_COMPARE(m_pane->toggleActiveButton->x(), 142);
+    QVERIFY(m_pane->autorunAtLogin());
 
     QTest::mouseClick(m_pane->toggleActiveButton, Qt::LeftButton);
     QTRY_VERIFY(helperLog(m_env).contains(QStringLiteral("com.quillfen.vantor.active: settings active=false")));
     QTRY_COMPARE(m_pane->toggleActiveButton->x(), 89);
+    QVERIFY(!m_pane->autorunAtLogin());
 }
 
 void TestHelperProcess::checkForUpdatesReachesHelper()
