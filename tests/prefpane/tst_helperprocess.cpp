@@ -75,6 +75,8 @@ private Q_SLOTS:
     void switchStoresBeforeNotifying();
     void checkForUpdatesReachesHelper();
     void leavingThePane();
+    void newSessionStartsHelperOnlyWhenOn_data();
+    void newSessionStartsHelperOnlyWhenOn();
 
 private:
     TestEnvironment m_env;
@@ -184,6 +186,58 @@ void TestHelperProcess::leavingThePane()
     m_pane->didSelect();
     QTRY_VERIFY(nameOwnerPid() != 0);
     QCOMPARE(helperProcesses().size(), 1);
+}
+
+void TestHelperProcess::newSessionStartsHelperOnlyWhenOn_data()
+{
+    QTest::addColumn<bool>("on");
+    QTest::newRow("on") << true;
+    QTest::newRow("off") << false;
+}
+
+void TestHelperProcess::newSessionStartsHelperOnlyWhenOn()
+{
+    QFETCH(bool, on);
+    // The host prepares the session's autostart entry for the login-items agent.
+    const QString autostart = m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop");
+    if (!QFileInfo::exists(autostart)) {
+        QProcess host;
+        host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
+        QVERIFY(host.waitForFinished(60000));
+        QVERIFY(QFileInfo::exists(autostart));
+    }
+
+    PreferencesDomain loginWindow(QStringLiteral("loginwindow"));
+    if (!loginWindow.copyValue(QStringLiteral("AutoLaunchedApplicationDictionary")).isValid()) {
+        loginWindow.setValue(QStringLiteral("AutoLaunchedApplicationDictionary"), QVariantList{});
+        QVERIFY(loginWindow.synchronize());
+    }
+
+    // Set the switch, then end the session's helper.
+    VTDefaultsController::sharedDefaultsController()->setHelperActive(!on);
+    m_pane->didSelect();
+    m_pane->toggleActive(nullptr);
+    QCOMPARE(m_pane->autorunAtLogin(), on);
+    QTRY_VERIFY(nameOwnerPid() != 0);
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+    QTRY_VERIFY(helperProcesses().isEmpty());
+
+    QProcess dex;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_CONFIG_DIRS"), m_env.root() + QStringLiteral("/no-system-config"));
+    dex.setProcessEnvironment(env);
+    dex.start(QStringLiteral("dex"), {QStringLiteral("-a"), QStringLiteral("-w")});
+    QVERIFY(dex.waitForFinished(60000));
+    QCOMPARE(dex.exitCode(), 0);
+    if (on) {
+        QTRY_VERIFY_WITH_TIMEOUT(nameOwnerPid() != 0, 10000);
+        QCOMPARE(helperProcesses().size(), 1);
+        DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+        QTRY_VERIFY(helperProcesses().isEmpty());
+    } else {
+        QTest::qWait(1000);
+        QVERIFY(helperProcesses().isEmpty());
+    }
 }
 
 QTEST_MAIN(TestHelperProcess)
