@@ -3,6 +3,7 @@
 #include "FileManager.h"
 #include "HeadlessAlerts.h"
 #include "HostWindow.h"
+#include "LoginWindowSetup.h"
 #include "PaneLoader.h"
 #include "PreferencePane.h"
 #include "ProcessInfo.h"
@@ -65,6 +66,7 @@ int main(int argc, char *argv[])
 
     ProcessInfo::processInfo()->installTerminationHandler();
     ensureUserDataFolder();
+    LoginWindowSetup::ensure();
 
     // A render nobody watches cannot wait for someone to dismiss an alert.
     HeadlessAlerts headlessAlerts;

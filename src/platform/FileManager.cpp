@@ -81,3 +81,13 @@ bool FileManager::fileExists(const QString &path, bool *isDirectory)
         *isDirectory = exists && S_ISDIR(st.st_mode);
     return exists;
 }
+
+bool FileManager::copyItemAtPath(const QString &source, const QString &destination, QString *error)
+{
+    QFile file(source);
+    if (file.copy(destination))
+        return true;
+    if (error)
+        *error = file.errorString();
+    return false;
+}

@@ -21,4 +21,6 @@ public:
     static QString temporaryDirectory();
 
     static bool fileExists(const QString &path, bool *isDirectory = nullptr);
+    // Copies a file with its permissions; fails, changing nothing, when destination exists.
+    static bool copyItemAtPath(const QString &source, const QString &destination, QString *error = nullptr);
 };

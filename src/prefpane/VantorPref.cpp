@@ -1,7 +1,6 @@
 #include "VantorPref.h"
 
 #include "Bundle.h"
-#include "CocoaGeometry.h"
 #include "DistributedNotificationCenter.h"
 #include "Notifications.h"
 #include "PreferencePaneHost.h"
@@ -9,20 +8,10 @@
 #include "VTDefaultsController.h"
 #include "VTHistoryController.h"
 #include "VTPreferenceCommunicator.h"
+#include "Workspace.h"
 #include "ui_VantorPref.h"
 
-#include <QPropertyAnimation>
 #include <QIcon>
-
-namespace {
-
-// The switch's frame: x by position (off, on), fixed y and size, in y-up coordinates.
-constexpr int kSwitchX[2] = {89, 142};
-constexpr int kSwitchY = 86;
-constexpr int kSwitchWidth = 40;
-constexpr int kSwitchHeight = 25;
-
-} // namespace
 
 VantorPref::VantorPref(QObject *parent)
     : PreferencePane(parent)
@@ -46,6 +35,7 @@ QWidget *VantorPref::buildMainView()
     toggleActiveButton = m_ui->toggleActiveButton;
     iconButton = m_ui->iconButton;
     foldersTableView = m_ui->foldersTableView;
+    connect(toggleActiveButton, &QPushButton::clicked, this, [this] { toggleActive(toggleActiveButton); });
     styleMainView();
     // The interface's own objects come with it, before mainViewDidLoad.
     setUpHistoryController();
@@ -99,12 +89,17 @@ void VantorPref::mainViewDidLoad()
     // A running helper learns the pane's version before anything else reaches it.
     checkRunningHelperVersion();
 
+    // Unconditional: a helper that is running already is handed back, not started twice.
+    launchHelper();
+
     // Re-applied so the helper hears the update choice once per load of the pane.
     store->setCheckForUpdates(store->checkForUpdates());
 
     auto *center = DistributedNotificationCenter::defaultCenter();
     center->addObserver(this, QLatin1String(Notifications::ShowHistory),
                         [this](const DistributedNotification &) { showHistory(nullptr); });
+    center->addObserver(this, QLatin1String(Notifications::RestartingAfterUpdate),
+                        [this](const DistributedNotification &) { relaunchSystemPreferences(); });
     if (PreferencePaneHost *h = host()) {
         center->addObserver(h->application(), QLatin1String(Notifications::Quit),
                             [h](const DistributedNotification &) { h->terminate(nullptr); });
@@ -120,12 +115,19 @@ void VantorPref::mainViewDidLoad()
     // Folders may be dropped on the table.
     foldersTableView->setAcceptDrops(true);
     foldersTableView->viewport()->setAcceptDrops(true);
+
+    // One way: the store drives the login item, never the other way round.
+    connect(store, &VTDefaultsController::autorunAtLoginChanged, this,
+            [this, store] { setAutorunAtLogin(store->autorunAtLogin()); }, Qt::DirectConnection);
+    regenerateAutologinItem();
 }
 
 void VantorPref::didSelect()
 {
     if (host())
         host()->activateIgnoringOtherApps(false);
+    if (Workspace::shared()->runningApplicationsWithBundleIdentifier(QStringLiteral("com.quillfen.VantorHelper")).isEmpty())
+        launchHelper();
     VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
     setActiveButton(store->helperActive(), false);
     toggleActiveButton->setChecked(store->helperActive());
@@ -162,18 +164,4 @@ void VantorPref::observeValueForKeyPath(const QString &keyPath, QObject *, const
         return;
     if (keyPath == QLatin1String("visible"))
         DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::Visible));
-}
-
-void VantorPref::setActiveButton(bool active, bool animated)
-{
-    const QRect frame = CocoaGeometry::rectInSuperview(toggleActiveButton->parentWidget(), kSwitchX[active ? 1 : 0],
-                                                       kSwitchY, kSwitchWidth, kSwitchHeight);
-    if (!animated) {
-        toggleActiveButton->setGeometry(frame);
-        return;
-    }
-    auto *slide = new QPropertyAnimation(toggleActiveButton, "geometry", toggleActiveButton);
-    slide->setDuration(250); // the platform's default implicit-animation duration
-    slide->setEndValue(frame);
-    slide->start(QAbstractAnimation::DeleteWhenStopped);
 }

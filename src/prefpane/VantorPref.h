@@ -27,6 +27,7 @@ class VantorPref : public PreferencePane
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID PreferencePane_iid FILE "VantorPref.json")
+    Q_PROPERTY(bool autorunAtLogin READ autorunAtLogin WRITE setAutorunAtLogin NOTIFY autorunAtLoginChanged)
 
 public:
     Q_INVOKABLE explicit VantorPref(QObject *parent = nullptr);
@@ -44,7 +45,18 @@ public:
     void observeValueForKeyPath(const QString &keyPath, QObject *object, const QVariantMap &change,
                                 void *context);
 
+    // Helper process control.
+    void launchHelper();
+    void warnOnWrongHelperPermissions();
+    void toggleActive(QObject *sender);
     void setActiveButton(bool active, bool animated);
+    void checkForUpdates(QObject *sender);
+    void relaunchSystemPreferences();
+
+    // The helper's entry in the login-item list (VantorPrefLoginItem.cpp).
+    bool autorunAtLogin() const;
+    void setAutorunAtLogin(bool autorun);
+    void regenerateAutologinItem();
 
     void addBubble();
     void animateBubbleLayer(BubbleLayer *layer);
@@ -63,6 +75,10 @@ public:
     QFTableView *foldersTableView = nullptr;
     QWidget *uninstallSheet = nullptr;
     QWidget *restartSheet = nullptr;
+
+Q_SIGNALS:
+    // Only when the login-item list was really written.
+    void autorunAtLoginChanged();
 
 protected:
     QWidget *buildMainView() override;

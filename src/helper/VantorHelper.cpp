@@ -1,0 +1,179 @@
+#include "VantorHelper.h"
+
+#include "DistributedNotificationCenter.h"
+#include "FileManager.h"
+#include "Notifications.h"
+#include "PropertyList.h"
+#include "VTDefaultsController.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusReply>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// The notifications the helper acts on, and the ones it only records.
+const char *const kRereadDefaults[] = {Notifications::Active, Notifications::Visible,
+                                       Notifications::HelperEnableUpdates, Notifications::HelperDisableUpdates};
+const char *const kRecordOnly[] = {Notifications::HelperShouldKeepAlive, Notifications::HelperShouldCheckForUpdates,
+                                   Notifications::FoldersChanged, Notifications::Folders};
+
+QString describe(const QVariantMap &userInfo)
+{
+    if (userInfo.isEmpty())
+        return {};
+    QStringList parts;
+    for (auto it = userInfo.cbegin(); it != userInfo.cend(); ++it) {
+        const QVariant &v = it.value();
+        parts.append(it.key() + u'='
+                     + (v.typeId() == QMetaType::QVariantList ? v.toStringList().join(u',') : v.toString()));
+    }
+    return QStringLiteral(" {%1}").arg(parts.join(QStringLiteral(", ")));
+}
+
+} // namespace
+
+VantorHelper::VantorHelper(const QString &version, QObject *parent)
+    : QObject(parent)
+    , m_version(version)
+{
+    const QString path = logPath();
+    if (!path.isEmpty()) {
+        const QString dir = QFileInfo(path).absolutePath();
+        QDir().mkpath(dir);
+        ::chmod(QFile::encodeName(dir).constData(), 0700);
+        m_logFd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    }
+    if (m_logFd < 0)
+        std::fprintf(stderr, "VantorHelper: cannot open the log file %s; logging to standard error\n",
+                     path.isEmpty() ? "(no state folder)" : qPrintable(path));
+}
+
+VantorHelper::~VantorHelper()
+{
+    if (m_logFd >= 0)
+        ::close(m_logFd);
+}
+
+QString VantorHelper::defaultsPath()
+{
+    // Worked out, not made: the helper never creates the pane's product folder.
+    const QStringList dirs = FileManager::applicationSupportDirectories();
+    if (dirs.isEmpty())
+        return {};
+    return dirs.first() + QStringLiteral("/Vantor/") + QLatin1String(VTDefaultsController::kFileName);
+}
+
+QString VantorHelper::logPath()
+{
+    QString state = qEnvironmentVariable("XDG_STATE_HOME");
+    if (!QDir::isAbsolutePath(state)) {
+        const QString home = qEnvironmentVariable("HOME");
+        if (!QDir::isAbsolutePath(home))
+            return {};
+        state = home + QStringLiteral("/.local/state");
+    }
+    return QDir::cleanPath(state) + QStringLiteral("/vantor/VantorHelper.log");
+}
+
+bool VantorHelper::start()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) {
+        log(QStringLiteral("no D-Bus session bus (%1); exiting").arg(bus.lastError().message()));
+        return false;
+    }
+
+    // Subscribed before the name is taken: whoever sees the name may post at once.
+    auto *center = DistributedNotificationCenter::defaultCenter();
+    auto handler = [this](const DistributedNotification &n) { received(n); };
+    center->addObserver(this, QLatin1String(Notifications::Version), handler);
+    center->addObserver(this, QLatin1String(Notifications::HelperShouldQuit), handler);
+    for (const char *name : kRereadDefaults)
+        center->addObserver(this, QLatin1String(name), handler);
+    for (const char *name : kRecordOnly)
+        center->addObserver(this, QLatin1String(name), handler);
+
+    const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply = bus.interface()->registerService(
+        QLatin1String(kBundleIdentifier), QDBusConnectionInterface::DontQueueService,
+        QDBusConnectionInterface::DontAllowReplacement);
+    if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
+        log(QStringLiteral("another helper owns %1; pid %2 exiting")
+                .arg(QLatin1String(kBundleIdentifier))
+                .arg(::getpid()));
+        return false;
+    }
+    // A helper whose bus has gone can hear nothing more: it ends with its session.
+    bus.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"), QStringLiteral("org.freedesktop.DBus.Local"),
+                QStringLiteral("Disconnected"), this, SLOT(busDisconnected()));
+    log(QStringLiteral("started, version %1, pid %2; %3").arg(m_version).arg(::getpid()).arg(readDefaults()));
+    return true;
+}
+
+void VantorHelper::busDisconnected()
+{
+    log(QStringLiteral("the session bus has gone; quitting"));
+    QCoreApplication::quit();
+}
+
+void VantorHelper::received(const DistributedNotification &notification)
+{
+    const QString &name = notification.name;
+    QString line = name + describe(notification.userInfo);
+    if (name == QLatin1String(Notifications::HelperShouldQuit)) {
+        log(line + QStringLiteral(": quitting"));
+        QCoreApplication::quit();
+        return;
+    }
+    if (name == QLatin1String(Notifications::Version)) {
+        const QString pane = notification.userInfo.value(QLatin1String(Notifications::VersionKey)).toString();
+        line += pane == m_version ? QStringLiteral(": same version as this helper")
+                                  : QStringLiteral(": this helper is version %1").arg(m_version);
+    }
+    for (const char *reread : kRereadDefaults) {
+        if (name == QLatin1String(reread))
+            line += QStringLiteral(": ") + readDefaults();
+    }
+    log(line);
+}
+
+QString VantorHelper::readDefaults()
+{
+    const QString path = defaultsPath();
+    if (path.isEmpty())
+        return QStringLiteral("no application-data folder; settings unchanged");
+    if (!QFileInfo::exists(path))
+        return QStringLiteral("%1 does not exist yet; settings unchanged").arg(path);
+    const std::optional<QVariant> read = PropertyList::readFile(path);
+    if (!read || read->typeId() != QMetaType::QVariantMap)
+        return QStringLiteral("%1 is not a readable settings property list; settings unchanged").arg(path);
+    m_defaults = read->toMap();
+    auto flag = [this](const char *key) {
+        return QStringLiteral("%1=%2").arg(QLatin1String(key),
+                                           PropertyList::boolValue(m_defaults.value(QLatin1String(key)))
+                                               ? QStringLiteral("true")
+                                               : QStringLiteral("false"));
+    };
+    return QStringLiteral("settings %1 %2 %3")
+        .arg(flag(VTDefaultsController::kActiveKey), flag(VTDefaultsController::kVisibleKey),
+             flag(VTDefaultsController::kCheckUpdatesKey));
+}
+
+void VantorHelper::log(const QString &line)
+{
+    const QByteArray text = QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8() + ' '
+        + QByteArray::number(::getpid()) + ' ' + line.toUtf8() + '\n';
+    // One write per line, appended, so lines from two helpers never interleave.
+    const int fd = m_logFd >= 0 ? m_logFd : STDERR_FILENO;
+    [[maybe_unused]] const ssize_t n = ::write(fd, text.constData(), size_t(text.size()));
+}

@@ -1,0 +1,128 @@
+#include "LoginItemsAgent.h"
+
+#include "BDAlias.h"
+#include "Bundle.h"
+#include "FileManager.h"
+#include "PreferencesDomain.h"
+
+#include <QFile>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstdio>
+#include <vector>
+#include <cstring>
+#include <csignal>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+extern char **environ;
+
+namespace {
+
+void report(const QString &line)
+{
+    std::fprintf(stderr, "vantor-login-items: %s\n", qPrintable(line));
+}
+
+} // namespace
+
+int LoginItemsAgent::openAll()
+{
+    const QVariant value = PreferencesDomain(QStringLiteral("loginwindow"))
+                               .copyValue(QStringLiteral("AutoLaunchedApplicationDictionary"));
+    int opened = 0;
+    const QVariantList entries = value.toList();
+    for (const QVariant &item : entries) {
+        const QVariantMap entry = item.toMap();
+        const QString application = locate(entry);
+        if (application.isEmpty()) {
+            report(QStringLiteral("cannot find the login item %1").arg(entry.value(QStringLiteral("Path")).toString()));
+            continue;
+        }
+        const QString executable = executableOf(application);
+        if (executable.isEmpty()) {
+            report(QStringLiteral("%1 is not an application").arg(application));
+            continue;
+        }
+        if (isSafeToRun(executable) && spawn(executable, entry.value(QStringLiteral("Hide")).toBool()))
+            ++opened;
+    }
+    return opened;
+}
+
+QString LoginItemsAgent::locate(const QVariantMap &entry)
+{
+    const QString path = entry.value(QStringLiteral("Path")).toString();
+    if (!path.isEmpty() && FileManager::fileExists(path))
+        return path;
+    const QVariant data = entry.value(QStringLiteral("AliasData"));
+    if (data.typeId() != QMetaType::QByteArray)
+        return {};
+    return BDAlias(data.toByteArray()).fullPath();
+}
+
+QString LoginItemsAgent::executableOf(const QString &application)
+{
+    const QFileInfo info(application);
+    if (info.isDir()) {
+        if (!QFileInfo::exists(application + QStringLiteral("/Contents/Info.plist")))
+            return {};
+        const Bundle *bundle = Bundle::bundleWithPath(application);
+        return bundle ? bundle->executablePath() : QString();
+    }
+    return info.isFile() && info.isExecutable() ? info.absoluteFilePath() : QString();
+}
+
+bool LoginItemsAgent::isSafeToRun(const QString &executable)
+{
+    // Nothing another user could have replaced: owned by us or root, writable by no one else.
+    struct stat st = {};
+    const QByteArray native = QFile::encodeName(executable);
+    if (::stat(native.constData(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        report(QStringLiteral("cannot run %1").arg(executable));
+        return false;
+    }
+    if ((st.st_uid != ::getuid() && st.st_uid != 0) || (st.st_mode & (S_IWGRP | S_IWOTH))) {
+        report(QStringLiteral("not running %1: another user can change it").arg(executable));
+        return false;
+    }
+    return true;
+}
+
+bool LoginItemsAgent::spawn(const QString &executable, bool hide)
+{
+    const QByteArray program = QFile::encodeName(executable);
+    char *const argv[] = {const_cast<char *>(program.constData()), nullptr};
+
+    // A hidden application runs without a display of its own, so it shows no window.
+    QList<QByteArray> env;
+    for (char **e = environ; *e; ++e) {
+        if (!hide || !QByteArray(*e).startsWith("QT_QPA_PLATFORM="))
+            env.append(*e);
+    }
+    if (hide)
+        env.append("QT_QPA_PLATFORM=offscreen");
+    std::vector<char *> envp;
+    for (QByteArray &e : env)
+        envp.push_back(e.data());
+    envp.push_back(nullptr);
+
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none, all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &all);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    pid_t pid = 0;
+    const int rc = posix_spawn(&pid, program.constData(), nullptr, &attr, argv, envp.data());
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) {
+        report(QStringLiteral("cannot start %1: %2").arg(executable, QString::fromLocal8Bit(std::strerror(rc))));
+        return false;
+    }
+    return true;
+}

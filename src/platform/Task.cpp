@@ -1,0 +1,42 @@
+#include "Task.h"
+
+#include "DetachedSpawn.h"
+#include "ProcessWatcher.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+extern char **environ;
+
+Task::Task(pid_t pid)
+    : m_pid(pid)
+    , m_watcher(new ProcessWatcher(pid, this))
+{
+    connect(m_watcher, &ProcessWatcher::finished, this, [this] {
+        Q_EMIT terminated();
+        deleteLater();
+    });
+}
+
+Task *Task::launchedTaskWithLaunchPath(const QString &launchPath, const QStringList &arguments, QString *error,
+                                       bool searchPath)
+{
+    QList<QByteArray> args{QFile::encodeName(launchPath)};
+    for (const QString &a : arguments)
+        args.append(QFile::encodeName(a));
+    std::vector<char *> argv;
+    for (QByteArray &a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+
+    const pid_t pid = DetachedSpawn::spawn(argv[0], argv.data(), environ, searchPath);
+    if (pid < 0) {
+        if (error)
+            *error = QStringLiteral("cannot start %1: %2").arg(launchPath, QString::fromLocal8Bit(std::strerror(errno)));
+        return nullptr;
+    }
+    return new Task(pid);
+}

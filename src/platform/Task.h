@@ -1,0 +1,34 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <sys/types.h>
+
+#include "VantorCommonExport.h"
+
+class ProcessWatcher;
+
+// A program started as a child process, detached into a session of its own (no shell). The
+// task owns itself: it reaps the child when it ends, says so, and then deletes itself.
+class VANTOR_COMMON_EXPORT Task : public QObject
+{
+    Q_OBJECT
+public:
+    // Null with *error set when the program cannot be started. With searchPath a bare name
+    // is looked up in $PATH.
+    static Task *launchedTaskWithLaunchPath(const QString &launchPath, const QStringList &arguments,
+                                            QString *error = nullptr, bool searchPath = false);
+
+    pid_t processIdentifier() const { return m_pid; }
+
+Q_SIGNALS:
+    void terminated();
+
+private:
+    explicit Task(pid_t pid);
+
+    pid_t m_pid;
+    ProcessWatcher *m_watcher;
+};

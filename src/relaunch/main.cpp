@@ -1,0 +1,120 @@
+// relaunch <application path> <process id>
+//
+// Waits for the process to end, then starts the application again, detached, with the
+// arguments, environment and working folder that process had. The pane starts this from a
+// copy in the user's private temporary folder just before the host quits.
+
+#include "DetachedSpawn.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <poll.h>
+#include <string>
+#include <vector>
+
+extern char **environ;
+
+namespace {
+
+// A NUL-separated /proc list (cmdline, environ); false when it cannot be read.
+bool readNulList(const std::string &path, std::vector<std::string> *items)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        return false;
+    const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (in.bad())
+        return false;
+    size_t start = 0;
+    while (start < all.size()) {
+        size_t end = all.find('\0', start);
+        if (end == std::string::npos)
+            end = all.size();
+        items->push_back(all.substr(start, end - start));
+        start = end + 1;
+    }
+    return true;
+}
+
+std::string realPath(const std::string &path)
+{
+    char buf[PATH_MAX];
+    return ::realpath(path.c_str(), buf) ? std::string(buf) : std::string();
+}
+
+std::vector<char *> pointers(std::vector<std::string> &items)
+{
+    std::vector<char *> out;
+    for (std::string &s : items)
+        out.push_back(s.data());
+    out.push_back(nullptr);
+    return out;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: relaunch <application path> <process id>\n");
+        return 2;
+    }
+    const std::string application = argv[1];
+    char *end = nullptr;
+    errno = 0;
+    const long pidValue = std::strtol(argv[2], &end, 10);
+    if (errno != 0 || end == argv[2] || *end != '\0' || pidValue <= 0 || pidValue > INT_MAX) {
+        std::fprintf(stderr, "relaunch: not a process id: %s\n", argv[2]);
+        return 2;
+    }
+    const pid_t pid = pid_t(pidValue);
+    if (::access(application.c_str(), X_OK) != 0) {
+        std::fprintf(stderr, "relaunch: cannot run %s: %s\n", application.c_str(), std::strerror(errno));
+        return 1;
+    }
+
+    // The pidfd pins the process, so what /proc says below is about it, not a successor.
+    const int pidfd = DetachedSpawn::pidfdOpen(pid);
+    if (pidfd < 0 && errno != ESRCH) {
+        std::fprintf(stderr, "relaunch: cannot watch process %d: %s\n", int(pid), std::strerror(errno));
+        return 1;
+    }
+
+    // Its arguments and environment are taken now, while it still runs, and only when it
+    // is the application we are to start again.
+    std::vector<std::string> arguments;
+    std::vector<std::string> environment;
+    std::string workingFolder;
+    if (pidfd >= 0) {
+        const std::string proc = "/proc/" + std::to_string(pid);
+        const std::string exe = realPath(proc + "/exe");
+        if (!exe.empty() && exe == realPath(application) && readNulList(proc + "/cmdline", &arguments)
+            && readNulList(proc + "/environ", &environment))
+            workingFolder = realPath(proc + "/cwd");
+        else
+            arguments.clear(), environment.clear();
+
+        pollfd wait = {pidfd, POLLIN, 0};
+        while (::poll(&wait, 1, -1) < 0 && errno == EINTR) {
+        }
+        ::close(pidfd);
+    }
+
+    if (arguments.empty())
+        arguments.push_back(application);
+    std::vector<char *> args = pointers(arguments);
+    std::vector<char *> env = pointers(environment);
+    if (!workingFolder.empty() && ::chdir(workingFolder.c_str()) != 0)
+        std::fprintf(stderr, "relaunch: cannot enter %s: %s\n", workingFolder.c_str(), std::strerror(errno));
+
+    if (DetachedSpawn::spawn(application.c_str(), args.data(), environment.empty() ? environ : env.data()) < 0) {
+        std::fprintf(stderr, "relaunch: cannot start %s: %s\n", application.c_str(), std::strerror(errno));
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,158 @@
+// The relaunch tool on its own, and the host coming back after an update.
+
+#include "DistributedNotificationCenter.h"
+#include "Notifications.h"
+#include "NotificationRecorder.h"
+#include "TestEnvironment.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDir>
+#include <QFileInfo>
+#include <QProcess>
+#include <QTest>
+#include <QUuid>
+
+#include <csignal>
+
+namespace {
+
+QString relaunchTool()
+{
+    return TestEnvironment::paneBundle()
+        + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/Frameworks/Sparkle.framework/Resources/relaunch");
+}
+
+// Processes whose environment holds token, running executable when one is given (they are
+// not our children, so /proc is the way).
+QList<int> processesWithToken(const QByteArray &token, const QString &executable = {})
+{
+    QList<int> pids;
+    const QString exe = QFileInfo(executable).canonicalFilePath();
+    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool ok = false;
+        const int pid = entry.toInt(&ok);
+        if (!ok || pid == QCoreApplication::applicationPid())
+            continue;
+        if (!exe.isEmpty() && QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() != exe)
+            continue;
+        if (TestEnvironment::readFile(QStringLiteral("/proc/%1/environ").arg(pid)).split('\0').contains(token))
+            pids.append(pid);
+    }
+    return pids;
+}
+
+} // namespace
+
+class TestRelaunch : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void badArguments_data();
+    void badArguments();
+    void startsAgainAsItWas();
+    void hostComesBackAfterUpdate();
+
+private:
+    TestEnvironment m_env;
+};
+
+void TestRelaunch::badArguments_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::newRow("none") << QStringList{} << 2;
+    QTest::newRow("no pid") << QStringList{QStringLiteral("/bin/true")} << 2;
+    QTest::newRow("pid not a number") << QStringList{QStringLiteral("/bin/true"), QStringLiteral("12x")} << 2;
+    QTest::newRow("pid negative") << QStringList{QStringLiteral("/bin/true"), QStringLiteral("-5")} << 2;
+    QTest::newRow("application missing") << QStringList{m_env.root() + QStringLiteral("/nothing"), QStringLiteral("1")} << 1;
+}
+
+void TestRelaunch::badArguments()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QProcess tool;
+    tool.start(relaunchTool(), arguments);
+    QVERIFY(tool.waitForFinished(5000));
+    QCOMPARE(tool.exitCode(), exitCode);
+    QVERIFY(!tool.readAllStandardError().trimmed().isEmpty());
+}
+
+void TestRelaunch::startsAgainAsItWas()
+{
+    // A stand-in application: the first run waits a moment; the second records how it was started.
+    const QString marker = m_env.root() + QStringLiteral("/first-run");
+    const QString record = m_env.root() + QStringLiteral("/second-run");
+    const QString script = m_env.root() + QStringLiteral("/app.sh");
+    TestEnvironment::writeFile(script, "if [ -e \"$MARKER\" ]; then echo \"$* $FLAVOUR $(pwd)\" > \"$RECORD\"; exit 0; fi\n"
+                                       "touch \"$MARKER\"; sleep 0.5\n");
+    QProcess app;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("MARKER"), marker);
+    env.insert(QStringLiteral("RECORD"), record);
+    env.insert(QStringLiteral("FLAVOUR"), QStringLiteral("mint"));
+    app.setProcessEnvironment(env);
+    app.setWorkingDirectory(m_env.home());
+    app.start(QStringLiteral("/bin/sh"), {script, QStringLiteral("one"), QStringLiteral("two words")});
+    QVERIFY(app.waitForStarted());
+    QTRY_VERIFY(QFileInfo::exists(marker));
+
+    QProcess tool;
+    tool.start(relaunchTool(), {QStringLiteral("/bin/sh"), QString::number(app.processId())});
+    QVERIFY(tool.waitForFinished(10000));
+    QCOMPARE(tool.exitCode(), 0);
+    QVERIFY(app.state() == QProcess::NotRunning || app.waitForFinished(1000));
+    QTRY_COMPARE(TestEnvironment::readFile(record), QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
+}
+
+void TestRelaunch::hostComesBackAfterUpdate()
+{
+    // No runtime folder: the private temporary folder is then made under $TMPDIR. A file
+    // planted in $TMPDIR itself under the tool's name must never run.
+    const QString planted = m_env.root() + QStringLiteral("/tmp/relaunch");
+    const QString plantedRan = m_env.root() + QStringLiteral("/planted-ran");
+    TestEnvironment::writeFile(planted, "#!/bin/sh\ntouch '" + QFile::encodeName(plantedRan) + "'\n");
+    QFile::setPermissions(planted, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther
+                                       | QFile::ExeOther | QFile::WriteOther);
+
+    const QByteArray token = "VANTOR_TEST_TOKEN=" + QUuid::createUuid().toByteArray(QUuid::WithoutBraces);
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("XDG_RUNTIME_DIR"));
+    env.insert(QString::fromLatin1(token.split('=').first()), QString::fromLatin1(token.split('=').last()));
+    NotificationRecorder recorder;
+    QProcess host;
+    host.setProcessEnvironment(env);
+    host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--pane"), TestEnvironment::paneBundle()});
+    QVERIFY(host.waitForStarted());
+    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    QTRY_VERIFY_WITH_TIMEOUT(bus->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper")).value(), 10000);
+    // The host subscribes right after its last start-up post.
+    QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperEnableUpdates), 20000));
+    recorder.settle(500);
+
+    auto *center = DistributedNotificationCenter::defaultCenter();
+    center->postNotificationName(QLatin1String(Notifications::RestartingAfterUpdate));
+    center->postNotificationName(QLatin1String(Notifications::Quit));
+    QVERIFY(host.waitForFinished(10000));
+
+    QList<int> again;
+    QTRY_VERIFY_WITH_TIMEOUT(!(again = processesWithToken(token, TestEnvironment::hostExecutable())).isEmpty(), 10000);
+    QCOMPARE(again.size(), 1);
+    QVERIFY(again.first() != int(host.processId()));
+    QVERIFY(!QFileInfo::exists(plantedRan));
+    const QStringList copies = QDir(m_env.root() + QStringLiteral("/tmp")).entryList({QStringLiteral("vantor-*")}, QDir::Dirs);
+    QCOMPARE(copies.size(), 1);
+    QVERIFY(QFileInfo(m_env.root() + QStringLiteral("/tmp/") + copies.first() + QStringLiteral("/relaunch")).isExecutable());
+
+    // The new host is nobody's child here: end it, and the helper, by hand.
+    for (int pid : processesWithToken(token))
+        ::kill(pid, SIGTERM);
+    QTRY_VERIFY_WITH_TIMEOUT(processesWithToken(token).isEmpty(), 10000);
+    center->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+    QTRY_VERIFY(!bus->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper")).value());
+}
+
+QTEST_MAIN(TestRelaunch)
+#include "tst_relaunch.moc"
