@@ -22,7 +22,7 @@ Task::Task(pid_t pid)
 }
 
 Task *Task::launchedTaskWithLaunchPath(const QString &launchPath, const QStringList &arguments, QString *error,
-                                       bool searchPath)
+                                       bool searchPath, const QList<QByteArray> &extraEnvironment)
 {
     QList<QByteArray> args{QFile::encodeName(launchPath)};
     for (const QString &a : arguments)
@@ -32,7 +32,16 @@ Task *Task::launchedTaskWithLaunchPath(const QString &launchPath, const QStringL
         argv.push_back(a.data());
     argv.push_back(nullptr);
 
-    const pid_t pid = DetachedSpawn::spawn(argv[0], argv.data(), environ, searchPath);
+    std::vector<char *> envp;
+    QList<QByteArray> extra = extraEnvironment;
+    if (!extra.isEmpty()) {
+        for (char **e = environ; *e; ++e)
+            envp.push_back(*e);
+        for (QByteArray &e : extra)
+            envp.push_back(e.data());
+        envp.push_back(nullptr);
+    }
+    const pid_t pid = DetachedSpawn::spawn(argv[0], argv.data(), extra.isEmpty() ? environ : envp.data(), searchPath);
     if (pid < 0) {
         if (error)
             *error = QStringLiteral("cannot start %1: %2").arg(launchPath, QString::fromLocal8Bit(std::strerror(errno)));

@@ -17,9 +17,11 @@ class VANTOR_COMMON_EXPORT Task : public QObject
     Q_OBJECT
 public:
     // Null with *error set when the program cannot be started. With searchPath a bare name
-    // is looked up in $PATH.
+    // is looked up in $PATH. extraEnvironment ("NAME=value" entries) is added to this
+    // process's environment for the child only.
     static Task *launchedTaskWithLaunchPath(const QString &launchPath, const QStringList &arguments,
-                                            QString *error = nullptr, bool searchPath = false);
+                                            QString *error = nullptr, bool searchPath = false,
+                                            const QList<QByteArray> &extraEnvironment = {});
 
     pid_t processIdentifier() const { return m_pid; }
 

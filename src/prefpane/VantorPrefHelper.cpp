@@ -149,11 +149,14 @@ void VantorPref::relaunchSystemPreferences()
     // An earlier copy may be there already; it is used as it is.
     FileManager::copyItemAtPath(source, destination);
 
-    // The host itself, not the pane: its executable, and this process.
+    // The host itself, not the pane: its executable, and this process. Its arguments travel
+    // with the tool, which may only get to look at this process after it has gone.
     const QString hostPath = QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget();
+    QFile cmdline(QStringLiteral("/proc/self/cmdline"));
+    const QByteArray hostArguments = cmdline.open(QIODevice::ReadOnly) ? cmdline.readAll() : QByteArray();
     QString error;
     if (!Task::launchedTaskWithLaunchPath(destination,
                                           {hostPath, QString::asprintf("%d", ProcessInfo::processInfo()->processIdentifier())},
-                                          &error))
+                                          &error, false, {"VANTOR_RELAUNCH_ARGUMENTS=" + hostArguments.toHex()}))
         qWarning("vantor: %s", qPrintable(error));
 }

@@ -47,6 +47,46 @@ std::string realPath(const std::string &path)
     return ::realpath(path.c_str(), buf) ? std::string(buf) : std::string();
 }
 
+// The host's arguments as the pane hands them over: its NUL-separated command line in hex.
+constexpr char kArgumentsVariable[] = "VANTOR_RELAUNCH_ARGUMENTS";
+
+bool decodeArguments(const char *hex, std::vector<std::string> *items)
+{
+    const std::string text = hex;
+    if (text.size() % 2 != 0)
+        return false;
+    std::string bytes;
+    for (size_t i = 0; i < text.size(); i += 2) {
+        char *end = nullptr;
+        const std::string pair = text.substr(i, 2);
+        const long value = std::strtol(pair.c_str(), &end, 16);
+        if (*end != '\0')
+            return false;
+        bytes.push_back(char(value));
+    }
+    size_t start = 0;
+    while (start < bytes.size()) {
+        size_t end = bytes.find('\0', start);
+        if (end == std::string::npos)
+            end = bytes.size();
+        items->push_back(bytes.substr(start, end - start));
+        start = end + 1;
+    }
+    return !items->empty();
+}
+
+// This tool's own environment, which is the host's (the host started it), less the hand-over.
+std::vector<std::string> ownEnvironment()
+{
+    std::vector<std::string> out;
+    const std::string prefix = std::string(kArgumentsVariable) + "=";
+    for (char **e = environ; *e; ++e) {
+        if (std::strncmp(*e, prefix.c_str(), prefix.size()) != 0)
+            out.emplace_back(*e);
+    }
+    return out;
+}
+
 std::vector<char *> pointers(std::vector<std::string> &items)
 {
     std::vector<char *> out;
@@ -85,12 +125,17 @@ int main(int argc, char *argv[])
         return 1;
     }
 
-    // Its arguments and environment are taken now, while it still runs, and only when it
+    // Its arguments and environment: handed over by the host when it started us (it may be
+    // gone before we look), else taken from /proc now, while it still runs, and only when it
     // is the application we are to start again.
     std::vector<std::string> arguments;
     std::vector<std::string> environment;
     std::string workingFolder;
-    if (pidfd >= 0) {
+    const char *handedOver = std::getenv(kArgumentsVariable);
+    if (handedOver && decodeArguments(handedOver, &arguments)) {
+        environment = ownEnvironment();
+    } else if (pidfd >= 0) {
+        arguments.clear();
         const std::string proc = "/proc/" + std::to_string(pid);
         const std::string exe = realPath(proc + "/exe");
         if (!exe.empty() && exe == realPath(application) && readNulList(proc + "/cmdline", &arguments)
@@ -98,7 +143,8 @@ int main(int argc, char *argv[])
             workingFolder = realPath(proc + "/cwd");
         else
             arguments.clear(), environment.clear();
-
+    }
+    if (pidfd >= 0) {
         pollfd wait = {pidfd, POLLIN, 0};
         while (::poll(&wait, 1, -1) < 0 && errno == EINTR) {
         }

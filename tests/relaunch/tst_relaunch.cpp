@@ -10,7 +10,10 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTest>
+
+#include <unistd.h>
 #include <QUuid>
 
 #include <csignal>
@@ -52,6 +55,7 @@ private Q_SLOTS:
     void badArguments_data();
     void badArguments();
     void startsAgainAsItWas();
+    void hostComesBackAfterUpdate_data();
     void hostComesBackAfterUpdate();
 
 private:
@@ -107,19 +111,39 @@ void TestRelaunch::startsAgainAsItWas()
     QTRY_COMPARE(TestEnvironment::readFile(record), QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
 }
 
+void TestRelaunch::hostComesBackAfterUpdate_data()
+{
+    QTest::addColumn<bool>("sharedTmp");
+    QTest::newRow("planted in $TMPDIR") << false;
+    QTest::newRow("planted in /tmp by another user") << true;
+}
+
 void TestRelaunch::hostComesBackAfterUpdate()
 {
-    // No runtime folder: the private temporary folder is then made under $TMPDIR. A file
-    // planted in $TMPDIR itself under the tool's name must never run.
-    const QString planted = m_env.root() + QStringLiteral("/tmp/relaunch");
+    // No runtime folder: the private temporary folder is then made under $TMPDIR (or /tmp).
+    // A file planted in that shared folder itself under the tool's name must never run.
+    QFETCH(bool, sharedTmp);
+    const QString tmpBase = sharedTmp ? QStringLiteral("/tmp") : m_env.root() + QStringLiteral("/tmp");
+    const QString planted = tmpBase + QStringLiteral("/relaunch");
+    if (sharedTmp && QFileInfo::exists(planted))
+        QSKIP("/tmp/relaunch already exists on this machine");
     const QString plantedRan = m_env.root() + QStringLiteral("/planted-ran");
     TestEnvironment::writeFile(planted, "#!/bin/sh\ntouch '" + QFile::encodeName(plantedRan) + "'\n");
     QFile::setPermissions(planted, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther
                                        | QFile::ExeOther | QFile::WriteOther);
+    if (sharedTmp && ::geteuid() == 0)
+        QVERIFY(::chown(QFile::encodeName(planted).constData(), 65534, 65534) == 0); // another user's
+    auto removePlanted = qScopeGuard([&] {
+        if (sharedTmp)
+            QFile::remove(planted);
+    });
+    const QStringList copiesBefore = QDir(tmpBase).entryList({QStringLiteral("vantor-*")}, QDir::Dirs);
 
     const QByteArray token = "VANTOR_TEST_TOKEN=" + QUuid::createUuid().toByteArray(QUuid::WithoutBraces);
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.remove(QStringLiteral("XDG_RUNTIME_DIR"));
+    if (sharedTmp)
+        env.remove(QStringLiteral("TMPDIR"));
     env.insert(QString::fromLatin1(token.split('=').first()), QString::fromLatin1(token.split('=').last()));
     NotificationRecorder recorder;
     QProcess host;
@@ -138,13 +162,17 @@ void TestRelaunch::hostComesBackAfterUpdate()
     QVERIFY(host.waitForFinished(10000));
 
     QList<int> again;
-    QTRY_VERIFY_WITH_TIMEOUT(!(again = processesWithToken(token, TestEnvironment::hostExecutable())).isEmpty(), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(!(again = processesWithToken(token, TestEnvironment::hostExecutable())).isEmpty(), 30000);
     QCOMPARE(again.size(), 1);
     QVERIFY(again.first() != int(host.processId()));
     QVERIFY(!QFileInfo::exists(plantedRan));
-    const QStringList copies = QDir(m_env.root() + QStringLiteral("/tmp")).entryList({QStringLiteral("vantor-*")}, QDir::Dirs);
+    QStringList copies = QDir(tmpBase).entryList({QStringLiteral("vantor-*")}, QDir::Dirs);
+    for (const QString &old : copiesBefore)
+        copies.removeAll(old);
     QCOMPARE(copies.size(), 1);
-    QVERIFY(QFileInfo(m_env.root() + QStringLiteral("/tmp/") + copies.first() + QStringLiteral("/relaunch")).isExecutable());
+    QVERIFY(QFileInfo(tmpBase + u'/' + copies.first() + QStringLiteral("/relaunch")).isExecutable());
+    if (sharedTmp)
+        QDir(tmpBase + u'/' + copies.first()).removeRecursively();
 
     // The new host is nobody's child here: end it, and the helper, by hand.
     for (int pid : processesWithToken(token))
