@@ -39,8 +39,10 @@ void VTFoldersCell::drawInteriorWithFrame(QPainter *painter, const QStyleOptionV
     painter->setPen(textColor(cell, missing));
     drawText(painter, text, QRectF(frame.x() + kTextInset, ty, frame.width(), frame.height()));
 
-    const QIcon icon = enabled ? iconProvider()->icon(QFileInfo(path))
-                               : iconProvider()->icon(QAbstractFileIconProvider::File);
+    QIcon icon = enabled ? iconProvider()->icon(QFileInfo(path)) : QIcon();
+    // What names nothing gets the generic icon, as the summary row does.
+    if (icon.isNull())
+        icon = iconProvider()->icon(QAbstractFileIconProvider::File);
     const QRectF target(kIconX, ty - 6, kIconSize, kIconSize);
     const qreal ratio = painter->device() ? painter->device()->devicePixelRatioF() : 1.0;
     const QPixmap pixmap = icon.pixmap(QSize(int(kIconSize), int(kIconSize)), ratio);

@@ -200,6 +200,9 @@ private Q_SLOTS:
         QFTableCell &cell = cellKind == Folder ? static_cast<QFTableCell &>(folders) : paths;
         const QImage image = render(cell, path, QStyle::State(state), true);
         QCOMPARE(count(image, isRed) > 5, red);
+        // What names nothing gets the generic icon.
+        if (cellKind == Folder)
+            QCOMPARE(count(image, [](QColor c) { return near(c, Qt::green); }) > 0, !existing);
         if (state == 0)
             QVERIFY(count(image, [](QColor c) { return near(c, QColor(128, 128, 128), 40); }) > 5);
     }
