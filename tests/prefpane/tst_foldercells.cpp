@@ -24,7 +24,8 @@ class PinnedIcons : public QAbstractFileIconProvider
 {
 public:
     QIcon icon(IconType) const override { return solid(Qt::green); }
-    QIcon icon(const QFileInfo &) const override { return solid(Qt::magenta); }
+    // Like the desktop's provider, nothing for a path that names nothing.
+    QIcon icon(const QFileInfo &info) const override { return info.exists() ? solid(Qt::magenta) : QIcon(); }
 
 private:
     static QIcon solid(const QColor &color)
