@@ -1,5 +1,6 @@
 #include "Alerts.h"
 
+#include <QApplication>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QPointer>
@@ -63,6 +64,11 @@ Alerts *g_shared = nullptr;
 } // namespace
 
 Alerts::~Alerts() = default;
+
+void Alerts::beep()
+{
+    QApplication::beep();
+}
 
 Alerts *Alerts::shared()
 {

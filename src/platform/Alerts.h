@@ -35,6 +35,8 @@ public:
     // Application-modal; returns the index of the button pressed.
     virtual int runModal(const Alert &alert) = 0;
     virtual void presentError(const PresentableError &error) = 0;
+    // The system beep: "nothing happened".
+    virtual void beep();
 
     static Alerts *shared();
     // Replaces the shared instance (tests); null restores the message-box one.

@@ -3,6 +3,8 @@
 #include <QDir>
 #include <QFile>
 #include <QMutex>
+#include <QStringDecoder>
+#include <QUrl>
 
 #include <cerrno>
 #include <cstdlib>
@@ -80,6 +82,32 @@ bool FileManager::fileExists(const QString &path, bool *isDirectory)
     if (isDirectory)
         *isDirectory = exists && S_ISDIR(st.st_mode);
     return exists;
+}
+
+bool FileManager::fileExistsAtFileSystemRepresentation(const QByteArray &path, bool *isDirectory)
+{
+    struct stat st = {};
+    const bool exists = !path.isEmpty() && ::stat(path.constData(), &st) == 0;
+    if (isDirectory)
+        *isDirectory = exists && S_ISDIR(st.st_mode);
+    return exists;
+}
+
+QByteArray FileManager::fileSystemRepresentation(const QUrl &fileURL)
+{
+    if (!fileURL.isLocalFile())
+        return {};
+    // Fully encoded, the path keeps undecodable bytes as %XX; decoding those gives the bytes.
+    return QByteArray::fromPercentEncoding(fileURL.path(QUrl::FullyEncoded).toLatin1());
+}
+
+std::optional<QString> FileManager::stringWithFileSystemRepresentation(const QByteArray &path)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString string = decoder.decode(path);
+    if (decoder.hasError() || path.contains('\0'))
+        return std::nullopt;
+    return string;
 }
 
 bool FileManager::copyItemAtPath(const QString &source, const QString &destination, QString *error)

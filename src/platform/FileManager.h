@@ -3,6 +3,10 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
+class QUrl;
+
 #include "VantorCommonExport.h"
 
 // File-system services of the desktop: where per-user data lives, the per-user private
@@ -21,6 +25,14 @@ public:
     static QString temporaryDirectory();
 
     static bool fileExists(const QString &path, bool *isDirectory = nullptr);
+    static bool fileExistsAtFileSystemRepresentation(const QByteArray &path, bool *isDirectory = nullptr);
+
+    // The bytes of a file: URL's path exactly as the file system has them; empty for any
+    // other URL. Paths are bytes: they need not be UTF-8.
+    static QByteArray fileSystemRepresentation(const QUrl &fileURL);
+    // The path as a string when its bytes are valid UTF-8; nullopt otherwise, since such a
+    // path cannot be sent or stored unchanged.
+    static std::optional<QString> stringWithFileSystemRepresentation(const QByteArray &path);
     // Copies a file with its permissions; fails, changing nothing, when destination exists.
     static bool copyItemAtPath(const QString &source, const QString &destination, QString *error = nullptr);
 };

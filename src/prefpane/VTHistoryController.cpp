@@ -81,6 +81,7 @@ void VTHistoryController::awakeFromNib(QFTableView *table)
     });
     if (!table)
         return;
+    table->setDelegate(this);
     table->setModel(m_foldersArrayController);
     table->setSelectionModel(m_foldersArrayController->selectionModel());
     table->setSelectionBehavior(QAbstractItemView::SelectRows);
@@ -88,8 +89,6 @@ void VTHistoryController::awakeFromNib(QFTableView *table)
     // Unsorted until the user picks a column: rows stay in store order, summary last.
     table->horizontalHeader()->setSortIndicator(-1, Qt::AscendingOrder);
     table->setSortingEnabled(true);
-    table->horizontalHeader()->setSectionResizeMode(QHeaderView::Stretch);
-    table->verticalHeader()->hide();
 }
 
 QFTableView *VTHistoryController::foldersTableView() const

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 
+#include "QFTableView.h"
 #include "VTSortDescriptor.h"
 
 class ArrayController;
@@ -16,7 +17,6 @@ class HistoryArrayModel;
 class HistoryContext;
 class HistoryModel;
 class HistoryStore;
-class QFTableView;
 class QStyleOptionViewItem;
 class QTableView;
 class QUndoStack;
@@ -28,7 +28,7 @@ struct HistoryRecord;
 // listed ones as the folder table's rows with a summary row for the rest, keeps the savings
 // totals, and asks the helper (by notification) to add or drop folders. It never writes a
 // record. Created with the interface, it lives until the process ends.
-class VTHistoryController : public QObject
+class VTHistoryController : public QObject, public QFTableViewDelegate
 {
     Q_OBJECT
     Q_PROPERTY(quint64 totalSavings READ totalSavings NOTIFY totalSavingsChanged)
@@ -67,9 +67,9 @@ public:
     void saveFoldersAndMarkAsChanged();
 
     // Table delegate.
-    void tableViewWillDisplayCell(QTableView *tableView, QStyleOptionViewItem &cell, int column, int row);
+    void tableViewWillDisplayCell(QTableView *tableView, QStyleOptionViewItem &cell, int column, int row) override;
     bool tableViewShouldSelectRow(QTableView *tableView, int row) const;
-    void tableviewRemoveSelectedRowIndexes(QTableView *tableView, const QList<int> &rowIndexes);
+    void tableviewRemoveSelectedRowIndexes(QTableView *tableView, const QList<int> &rowIndexes) override;
     // Window delegate: the window's undo acts on the history context.
     QUndoStack *windowWillReturnUndoManager(QWidget *window);
     void contextChanged(const DistributedNotification &notification);

@@ -7,17 +7,6 @@ int sign(int value)
     return value < 0 ? -1 : value > 0 ? 1 : 0;
 }
 
-QString lastPathComponent(const QString &path)
-{
-    QStringView view(path);
-    while (view.size() > 1 && view.endsWith(u'/'))
-        view.chop(1);
-    if (view == u"/")
-        return path.left(1);
-    const qsizetype slash = view.lastIndexOf(u'/');
-    return view.mid(slash + 1).toString();
-}
-
 int compareValues(const QVariant &a, const QVariant &b)
 {
     const QPartialOrdering order = QVariant::compare(a, b);
@@ -29,6 +18,17 @@ int compareValues(const QVariant &a, const QVariant &b)
 }
 
 } // namespace
+
+QString lastPathComponent(const QString &path)
+{
+    QStringView view(path);
+    while (view.size() > 1 && view.endsWith(u'/'))
+        view.chop(1);
+    if (view == u"/")
+        return path.left(1);
+    const qsizetype slash = view.lastIndexOf(u'/');
+    return view.mid(slash + 1).toString();
+}
 
 VTSortDescriptor::VTSortDescriptor(const QString &key, bool ascending, Comparison comparison)
     : m_key(key)

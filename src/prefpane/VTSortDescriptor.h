@@ -34,6 +34,8 @@ private:
     Comparison m_comparison = Comparison::Default;
 };
 
+// The text after the last "/" (trailing slashes ignored; "/" itself for the root).
+QString lastPathComponent(const QString &path);
 // Compares the last path components of two paths, ignoring case.
 int lastPathComponentCompare(const QString &receiver, const QString &other);
 // The platform's case-insensitive string comparison, as -1, 0 or 1.

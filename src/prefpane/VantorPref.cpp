@@ -39,6 +39,7 @@ QWidget *VantorPref::buildMainView()
     styleMainView();
     // The interface's own objects come with it, before mainViewDidLoad.
     setUpHistoryController();
+    setUpFolderEditing();
     return view;
 }
 

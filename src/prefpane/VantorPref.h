@@ -1,16 +1,19 @@
 #pragma once
 
 #include "PreferencePane.h"
+#include "QFTableView.h"
 
 #include <QPointF>
 #include <QPointer>
 #include <QVariantMap>
 
 #include <memory>
+#include <optional>
 
 class BubbleLayer;
 class QAbstractAnimation;
-class QFTableView;
+class FolderChooser;
+class QMimeData;
 class QVariantAnimation;
 class QLabel;
 class QPushButton;
@@ -23,7 +26,7 @@ class VantorPref;
 
 // The Vantor preference pane: switches the helper on and off, edits the folders it keeps
 // compressed and shows what was saved. Split by concern over several source files.
-class VantorPref : public PreferencePane
+class VantorPref : public PreferencePane, public QFTableViewDataSource
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID PreferencePane_iid FILE "VantorPref.json")
@@ -52,6 +55,19 @@ public:
     void setActiveButton(bool active, bool animated);
     void checkForUpdates(QObject *sender);
     void relaunchSystemPreferences();
+
+    // Editing the folder list (VantorPrefFolders.cpp).
+    void addFolder(QObject *sender);
+    void addFolderPanelDidEnd(FolderChooser *panel, int returnCode, void *contextInfo);
+    void removeFolder(QObject *sender);
+    // The dropped paths that are existing directories; nullopt when it holds no file paths.
+    // Directories whose paths are not UTF-8 are left out and listed in undecodable.
+    static std::optional<QStringList> foldersInPasteboard(const QMimeData *pasteboard,
+                                                          QList<QByteArray> *undecodable = nullptr);
+    Qt::DropAction tableViewValidateDrop(QFTableView *tableView, const QDropEvent *info, int proposedRow,
+                                         QFTableViewDataSource::DropOperation proposedDropOperation) override;
+    bool tableViewAcceptDrop(QFTableView *tableView, const QDropEvent *info, int row,
+                             QFTableViewDataSource::DropOperation dropOperation) override;
 
     // The helper's entry in the login-item list (VantorPrefLoginItem.cpp).
     bool autorunAtLogin() const;
@@ -87,6 +103,7 @@ private:
     void styleMainView();
     QPointF iconLayerPoint(const QPointF &point);
     void setUpHistoryController();
+    void setUpFolderEditing();
 
     std::unique_ptr<Ui::VantorPref> m_ui;
     QPointer<QWidget> m_iconLayer;

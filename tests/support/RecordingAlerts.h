@@ -24,15 +24,18 @@ public:
         return 0;
     }
     void presentError(const PresentableError &error) override { errors.append(error); }
+    void beep() override { ++beeps; }
 
     void clear()
     {
         sheets.clear();
         modals.clear();
         errors.clear();
+        beeps = 0;
     }
 
     QList<Alert> sheets;
     QList<Alert> modals;
     QList<PresentableError> errors;
+    int beeps = 0;
 };

@@ -1,0 +1,129 @@
+// VantorPref: editing the folder list with the chooser, the remove button and drops.
+#include "VantorPref.h"
+
+#include "FileManager.h"
+#include "FolderChooser.h"
+#include "QFTableView.h"
+#include "VTHistoryController.h"
+#include "ui_VantorPref.h"
+
+#include <QDir>
+#include <QDropEvent>
+#include <QMimeData>
+#include <QUrl>
+
+namespace {
+
+constexpr const char *kFilenamesType = "text/uri-list";
+
+// Such a path could not be sent to the helper or stored unchanged.
+void refuseUndecodablePaths(const QList<QByteArray> &paths)
+{
+    for (const QByteArray &path : paths) {
+        qWarning("Vantor cannot keep the folder %s compressed: its path is not valid UTF-8",
+                 path.toPercentEncoding("/").constData());
+    }
+}
+
+// Keeps the paths that are valid UTF-8; the others go to undecodable.
+QStringList decodablePaths(const QList<QByteArray> &paths, QList<QByteArray> *undecodable)
+{
+    QStringList strings;
+    for (const QByteArray &path : paths) {
+        if (const std::optional<QString> string = FileManager::stringWithFileSystemRepresentation(path))
+            strings.append(*string);
+        else if (undecodable)
+            undecodable->append(path);
+    }
+    return strings;
+}
+
+} // namespace
+
+void VantorPref::setUpFolderEditing()
+{
+    foldersTableView->setDataSource(this);
+    connect(m_ui->addFolderButton, &QPushButton::clicked, this, [this] { addFolder(m_ui->addFolderButton); });
+    connect(m_ui->removeFolderButton, &QPushButton::clicked, this,
+            [this] { removeFolder(m_ui->removeFolderButton); });
+}
+
+void VantorPref::addFolder(QObject *)
+{
+    FolderChooser *panel = FolderChooser::openPanel(this);
+    QWidget *window = foldersTableView ? foldersTableView->window() : nullptr;
+    panel->beginSheetForDirectory(window, QDir::homePath(), [this, panel](int returnCode) {
+        addFolderPanelDidEnd(panel, returnCode, nullptr);
+        panel->deleteLater();
+    });
+}
+
+void VantorPref::addFolderPanelDidEnd(FolderChooser *panel, int returnCode, void *)
+{
+    if (returnCode != FolderChooser::OK)
+        return;
+    // Passed on as chosen: duplicates are the helper's business.
+    QList<QByteArray> undecodable;
+    const QStringList folders = decodablePaths(panel->filenames(), &undecodable);
+    refuseUndecodablePaths(undecodable);
+    if (!folders.isEmpty())
+        VTHistoryController::sharedHistoryController()->addFolders(folders);
+}
+
+void VantorPref::removeFolder(QObject *)
+{
+    VTHistoryController::sharedHistoryController()->removeFolders();
+}
+
+std::optional<QStringList> VantorPref::foldersInPasteboard(const QMimeData *pasteboard,
+                                                            QList<QByteArray> *undecodable)
+{
+    QList<QByteArray> paths;
+    if (pasteboard && pasteboard->hasFormat(QLatin1String(kFilenamesType))) {
+        for (const QUrl &url : pasteboard->urls()) {
+            const QByteArray path = FileManager::fileSystemRepresentation(url);
+            if (!path.isEmpty())
+                paths.append(path);
+        }
+    }
+    if (paths.isEmpty())
+        return std::nullopt;
+    QList<QByteArray> directories;
+    for (const QByteArray &path : paths) {
+        bool isDirectory = false;
+        if (FileManager::fileExistsAtFileSystemRepresentation(path, &isDirectory) && isDirectory)
+            directories.append(path);
+    }
+    return decodablePaths(directories, undecodable);
+}
+
+Qt::DropAction VantorPref::tableViewValidateDrop(QFTableView *tableView, const QDropEvent *info, int,
+                                                 QFTableViewDataSource::DropOperation)
+{
+    // A folder whose path is refused still lets the drop happen, so its refusal is reported.
+    QList<QByteArray> undecodable;
+    const std::optional<QStringList> folders = foldersInPasteboard(info->mimeData(), &undecodable);
+    if (!folders || (folders->isEmpty() && undecodable.isEmpty()))
+        return Qt::IgnoreAction;
+    // Folders join the list, not a place in it: the drop is on the whole table.
+    tableView->setDropRow(-1, QFTableViewDataSource::DropOn);
+    return Qt::CopyAction;
+}
+
+bool VantorPref::tableViewAcceptDrop(QFTableView *tableView, const QDropEvent *info, int,
+                                     QFTableViewDataSource::DropOperation)
+{
+    if (info->source() && (info->source() == tableView || info->source() == tableView->viewport()))
+        return false;
+    const QMimeData *pasteboard = info->mimeData();
+    if (!pasteboard || !pasteboard->hasFormat(QLatin1String(kFilenamesType)))
+        return false;
+    QList<QByteArray> undecodable;
+    const std::optional<QStringList> folders = foldersInPasteboard(pasteboard, &undecodable);
+    refuseUndecodablePaths(undecodable);
+    if (!folders || folders->isEmpty())
+        return false;
+    VTHistoryController::sharedHistoryController()->addFolders(*folders);
+    tableView->reloadData();
+    return true;
+}

@@ -1,0 +1,271 @@
+#include "HistoryArrayModel.h"
+#include "QFTableCell.h"
+#include "VTFoldersCell.h"
+#include "VTPathCell.h"
+#include "VTSavingsCell.h"
+#include "VTStatusCell.h"
+
+#include <QApplication>
+#include <QFontDatabase>
+#include <QFontMetricsF>
+#include <QPainter>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cmath>
+
+namespace {
+
+const QColor kBlue(56, 117, 215);
+const QColor kBackground(Qt::white);
+
+// Solid squares, so an icon is known by its colour.
+class PinnedIcons : public QAbstractFileIconProvider
+{
+public:
+    QIcon icon(IconType) const override { return solid(Qt::green); }
+    // Like the desktop's provider, nothing for a path that names nothing.
+    QIcon icon(const QFileInfo &info) const override { return info.exists() ? solid(Qt::magenta) : QIcon(); }
+
+private:
+    static QIcon solid(const QColor &color)
+    {
+        QPixmap pixmap(24, 24);
+        pixmap.fill(color);
+        return QIcon(pixmap);
+    }
+};
+
+bool near(QColor a, QColor b, int tolerance = 24)
+{
+    return std::abs(a.red() - b.red()) <= tolerance && std::abs(a.green() - b.green()) <= tolerance
+        && std::abs(a.blue() - b.blue()) <= tolerance;
+}
+
+bool isRed(QColor c)
+{
+    return c.red() > 180 && c.green() < 110 && c.blue() < 110;
+}
+
+// The box of pixels that differ from the background.
+QRect inkBox(const QImage &image, const std::function<bool(QColor)> &ink = [](QColor c) { return !near(c, kBackground, 60); })
+{
+    QRect box;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            if (ink(image.pixelColor(x, y)))
+                box |= QRect(x, y, 1, 1);
+    return box;
+}
+
+int count(const QImage &image, const std::function<bool(QColor)> &test)
+{
+    int n = 0;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            n += test(image.pixelColor(x, y)) ? 1 : 0;
+    return n;
+}
+
+} // namespace
+
+// The folder table's cells drawn offscreen with a pinned font, palette and icons.
+class TestFolderCells : public QObject
+{
+    Q_OBJECT
+
+private:
+    HistoryArrayModel m_model;
+    QPalette m_palette;
+
+    enum Cell { Folder, Path, Status, Savings };
+
+    QImage render(QFTableCell &cell, const QVariant &value, QStyle::State state, bool on, QSize size = {200, 28})
+    {
+        m_model.setRows({{{"sortID", 0}, {"folder", value}, {"path", value}, {"status", value}, {"savings", value}}});
+        const int column = qobject_cast<VTFoldersCell *>(&cell) ? 0 : qobject_cast<VTPathCell *>(&cell) ? 1
+                          : qobject_cast<VTStatusCell *>(&cell) ? 2 : 3;
+        QImage image(size, QImage::Format_ARGB32);
+        image.fill(kBackground);
+        QPainter painter(&image);
+        QStyleOptionViewItem option;
+        option.rect = QRect(QPoint(0, 0), size);
+        option.state = state;
+        option.palette = m_palette;
+        option.checkState = on ? Qt::Checked : Qt::Unchecked;
+        cell.paint(&painter, option, m_model.index(0, column));
+        return image;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(QFontDatabase::addApplicationFont(QStringLiteral("/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf")) >= 0);
+        QApplication::setFont(QFont(QStringLiteral("DejaVu Sans")));
+        QVERIFY(QFTableCell::cellFont().family() == QStringLiteral("DejaVu Sans")
+                || QFTableCell::cellFont().family() == QStringLiteral("Lucida Grande"));
+        QCOMPARE(QFTableCell::cellFont().pixelSize(), 11);
+        m_palette.setColor(QPalette::Highlight, kBlue);
+        m_palette.setColor(QPalette::HighlightedText, Qt::white);
+        m_palette.setColor(QPalette::Text, Qt::black);
+        m_palette.setColor(QPalette::Base, Qt::white);
+    }
+
+    void disc_data()
+    {
+        QTest::addColumn<uint>("percent");
+        QTest::addColumn<QList<QPoint>>("filled"); // offsets from the centre
+        QTest::addColumn<QList<QPoint>>("empty");
+        const QPoint top(0, -5), right(5, 0), bottom(0, 5), left(-5, 0);
+        QTest::newRow("0: outline only") << 0u << QList<QPoint>{} << QList<QPoint>{top, right, bottom, left};
+        QTest::newRow("25: first quarter") << 25u << QList<QPoint>{QPoint(3, -3)}
+                                           << QList<QPoint>{QPoint(3, 3), QPoint(-3, 3), QPoint(-3, -3)};
+        QTest::newRow("50: right half") << 50u << QList<QPoint>{top + QPoint(2, 0), right, QPoint(2, 5)}
+                                        << QList<QPoint>{left, QPoint(-3, -3), QPoint(-3, 3)};
+        QTest::newRow("100: whole") << 100u << QList<QPoint>{right, bottom, left, QPoint(-3, -4)} << QList<QPoint>{};
+    }
+    void disc()
+    {
+        QFETCH(uint, percent);
+        QFETCH(QList<QPoint>, filled);
+        QFETCH(QList<QPoint>, empty);
+        VTStatusCell cell;
+        const QImage image = render(cell, percent, QStyle::State_Enabled, true, {56, 28});
+        const QPoint centre(28, 14);
+        // The outline is there whatever the progress: its top and bottom.
+        QVERIFY(!near(image.pixelColor(centre + QPoint(0, -8)), kBackground, 10));
+        QVERIFY(!near(image.pixelColor(centre + QPoint(0, 8)), kBackground, 10));
+        QStyleOptionViewItem option;
+        option.palette = m_palette;
+        const QColor fill = percent == 100 ? VTStatusCell::selectedControlColor(option) : kBlue;
+        for (const QPoint &p : filled)
+            QVERIFY2(near(image.pixelColor(centre + p), fill),
+                     qPrintable(QStringLiteral("filled at %1,%2").arg(p.x()).arg(p.y())));
+        for (const QPoint &p : empty)
+            QVERIFY2(near(image.pixelColor(centre + p), kBackground),
+                     qPrintable(QStringLiteral("empty at %1,%2").arg(p.x()).arg(p.y())));
+        if (percent == 100) // the white check mark, on its middle stroke
+            QVERIFY(near(image.pixelColor(centre + QPoint(-2, 1)), Qt::white, 60));
+    }
+
+    void aboveHundredDrawsAsHundred()
+    {
+        VTStatusCell cell;
+        QCOMPARE(render(cell, 150u, QStyle::State_Enabled, true, {56, 28}),
+                 render(cell, 100u, QStyle::State_Enabled, true, {56, 28}));
+    }
+
+    void offAtItsDeliberatePosition()
+    {
+        VTStatusCell cell;
+        const QSize size(56, 40);
+        const QImage image = render(cell, 40u, QStyle::State_Enabled, false, size);
+        const QFontMetricsF metrics(QFTableCell::cellFont());
+        const qreal tw = metrics.horizontalAdvance(QStringLiteral("OFF"));
+        const qreal left = std::floor((size.width() - tw) / 2);
+        // Top computed from the width, then 4 down; the capitals start at cap height below.
+        const qreal top = std::floor((size.height() - tw) / 2) + 4 + metrics.ascent() - metrics.capHeight();
+        const QRect ink = inkBox(image);
+        QVERIFY2(std::abs(ink.left() - left) <= 1.5, qPrintable(QString::number(ink.left())));
+        QVERIFY2(std::abs(ink.top() - top) <= 1.5, qPrintable(QString::number(ink.top())));
+        QVERIFY(near(image.pixelColor(ink.center()), Qt::black, 200) || count(image, [](QColor c) {
+                    return c.lightness() < 60; }) > 0);
+    }
+
+    void text_data()
+    {
+        QTest::addColumn<int>("cellKind");
+        QTest::addColumn<bool>("existing");
+        QTest::addColumn<int>("state");
+        QTest::addColumn<bool>("red");
+        const int enabled = int(QStyle::State_Enabled);
+        const int selected = int(QStyle::State_Enabled | QStyle::State_Selected);
+        QTest::newRow("folder present") << int(Folder) << true << enabled << false;
+        QTest::newRow("folder missing") << int(Folder) << false << enabled << true;
+        QTest::newRow("path missing") << int(Path) << false << enabled << true;
+        QTest::newRow("missing but selected") << int(Path) << false << selected << false;
+        QTest::newRow("missing but disabled") << int(Path) << false << 0 << false;
+    }
+    void text()
+    {
+        QFETCH(int, cellKind);
+        QFETCH(bool, existing);
+        QFETCH(int, state);
+        QFETCH(bool, red);
+        QTemporaryDir dir;
+        const QString path = existing ? dir.path() : dir.path() + QStringLiteral("/Gone Folder");
+        PinnedIcons icons;
+        VTFoldersCell folders;
+        folders.setIconProvider(&icons);
+        VTPathCell paths;
+        QFTableCell &cell = cellKind == Folder ? static_cast<QFTableCell &>(folders) : paths;
+        const QImage image = render(cell, path, QStyle::State(state), true);
+        QCOMPARE(count(image, isRed) > 5, red);
+        // What names nothing gets the generic icon.
+        if (cellKind == Folder)
+            QCOMPARE(count(image, [](QColor c) { return near(c, Qt::green); }) > 0, !existing);
+        if (state == 0)
+            QVERIFY(count(image, [](QColor c) { return near(c, QColor(128, 128, 128), 40); }) > 5);
+    }
+
+    void summaryRow()
+    {
+        PinnedIcons icons;
+        VTFoldersCell folders;
+        folders.setIconProvider(&icons);
+        const QImage name = render(folders, QStringLiteral("Other"), {}, true);
+        // The generic icon at x = 4, 24 pixels square.
+        const QRect green = inkBox(name, [](QColor c) { return near(c, Qt::green); });
+        QCOMPARE(green.left(), 4);
+        QCOMPARE(green.width(), 24);
+        QVERIFY(count(name, [](QColor c) { return near(c, Qt::magenta); }) == 0);
+        QVERIFY(inkBox(name, [](QColor c) { return near(c, QColor(128, 128, 128), 40); }).left() >= 34);
+
+        VTStatusCell status;
+        QVERIFY(inkBox(render(status, 100u, {}, true, {56, 28})).isEmpty());
+        VTSavingsCell savings;
+        QVERIFY(count(render(savings, 5000, {}, true, {80, 28}), [](QColor c) { return near(c, QColor(128, 128, 128), 40); }) > 5);
+    }
+
+    void folderIconAndLongName()
+    {
+        PinnedIcons icons;
+        VTFoldersCell cell;
+        cell.setIconProvider(&icons);
+        QTemporaryDir dir;
+        const QString path = dir.path() + QStringLiteral("/") + QString(60, u'W');
+        QVERIFY(QDir().mkpath(path));
+        const int width = 150;
+        const QImage image = render(cell, path, QStyle::State_Enabled, true, {width + 60, 28});
+        QCOMPARE(inkBox(image, [](QColor c) { return near(c, Qt::magenta); }).left(), 4);
+        // Cut to w - 34: the last ink before the cell's own right edge, with room for "...".
+        const QRect text = inkBox(image, [](QColor c) { return c.lightness() < 100 && !near(c, Qt::magenta, 60); });
+        QVERIFY(text.left() >= 34);
+        QVERIFY2(text.right() <= 34 + (width + 60 - 34), qPrintable(QString::number(text.right())));
+    }
+
+    void savingsCentred_data()
+    {
+        QTest::addColumn<qlonglong>("bytes");
+        QTest::addColumn<QString>("shown");
+        QTest::newRow("none") << 0LL << "-";
+        QTest::newRow("1024") << 1024LL << "1.02 KB";
+    }
+    void savingsCentred()
+    {
+        QFETCH(qlonglong, bytes);
+        QFETCH(QString, shown);
+        VTSavingsCell cell;
+        const QSize size(80, 28);
+        const QImage image = render(cell, bytes, QStyle::State_Enabled, true, size);
+        const qreal tw = QFontMetricsF(QFTableCell::cellFont()).horizontalAdvance(shown);
+        const QRect ink = inkBox(image);
+        QVERIFY(!ink.isEmpty());
+        // The ink spans the text's advance, centred.
+        QVERIFY2(std::abs(ink.left() - std::floor((size.width() - tw) / 2)) <= 2, qPrintable(QString::number(ink.left())));
+        QVERIFY(ink.width() <= tw + 1);
+    }
+};
+
+QTEST_MAIN(TestFolderCells)
+#include "tst_foldercells.moc"
