@@ -23,4 +23,6 @@ public:
     static bool fileExists(const QString &path, bool *isDirectory = nullptr);
     // Copies a file with its permissions; fails, changing nothing, when destination exists.
     static bool copyItemAtPath(const QString &source, const QString &destination, QString *error = nullptr);
+    // Removes a file, or a folder with everything in it; a link is removed, never followed.
+    static bool removeItemAtPath(const QString &path, QString *error = nullptr);
 };

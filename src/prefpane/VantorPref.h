@@ -4,6 +4,7 @@
 
 #include <QPointF>
 #include <QPointer>
+#include <QUrl>
 #include <QVariantMap>
 
 #include <memory>
@@ -58,6 +59,19 @@ public:
     void setAutorunAtLogin(bool autorun);
     void regenerateAutologinItem();
 
+    // Uninstall, restart, the sheets and help (VantorPrefUninstall.cpp).
+    void confirmUninstall(QObject *sender);
+    void uninstall(QObject *sender);
+    void removeOwnFiles();
+    void restart(QObject *sender);
+    void cancelSheet(QObject *sender);
+    void cancelSheetAction(QObject *sender);
+    void help(QObject *sender);
+    void showCustomSheet(QWidget *sheet);
+    void didEndSheet(QWidget *sheet, int returnCode, void *contextInfo);
+    // The product's FAQ page, opened by help.
+    static QUrl faqAddress();
+
     void addBubble();
     void animateBubbleLayer(BubbleLayer *layer);
     QVariantAnimation *bubbleAnimation();
@@ -87,6 +101,10 @@ private:
     void styleMainView();
     QPointF iconLayerPoint(const QPointF &point);
     void setUpHistoryController();
+    void loadSheets(QWidget *owner);
+    void endAttachedSheet();
+    void connectSettingsTab();
+    void bindSettingsControls();
 
     std::unique_ptr<Ui::VantorPref> m_ui;
     QPointer<QWidget> m_iconLayer;
