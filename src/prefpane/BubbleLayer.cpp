@@ -46,14 +46,15 @@ void BubbleLayer::addAnimation(QVariantAnimation *animation, const QString &key)
     animation->setParent(this);
     m_animations.insert(key, animation);
     const QByteArray property = animation->property("keyPath").toByteArray();
-    connect(animation, &QVariantAnimation::valueChanged, this, [this, property](const QVariant &value) {
+    auto present = [this, property](const QVariant &value) {
         if (property == "position")
             showPosition(value.toPointF());
         else if (property == "opacity") {
             m_presentationOpacity = value.toReal();
             update();
         }
-    });
+    };
+    connect(animation, &QVariantAnimation::valueChanged, this, present);
     // Back to the model state when it ends; removed from the layer if it asks to be.
     connect(animation, &QAbstractAnimation::finished, this, [this, key, animation, property] {
         if (property == "position")
@@ -68,6 +69,9 @@ void BubbleLayer::addAnimation(QVariantAnimation *animation, const QString &key)
         }
     });
     animation->start();
+    // An animation whose first value equals the one it was built with reports no change when
+    // it starts: show where it stands now.
+    present(animation->currentValue());
 }
 
 QVariantAnimation *BubbleLayer::animationForKey(const QString &key) const
