@@ -55,14 +55,19 @@ void BubbleLayer::addAnimation(QVariantAnimation *animation, const QString &key)
         }
     };
     connect(animation, &QVariantAnimation::valueChanged, this, present);
-    // Back to the model state when it ends; removed from the layer if it asks to be.
-    connect(animation, &QAbstractAnimation::finished, this, [this, key, animation, property] {
+    // Back to the model state whenever it stops, finished or interrupted.
+    connect(animation, &QAbstractAnimation::stateChanged, this, [this, property](QAbstractAnimation::State now) {
+        if (now != QAbstractAnimation::Stopped)
+            return;
         if (property == "position")
             showPosition(m_position);
         else if (property == "opacity") {
             m_presentationOpacity = m_opacity;
             update();
         }
+    });
+    // Removed from the layer on completion if it asks to be.
+    connect(animation, &QAbstractAnimation::finished, this, [this, key, animation] {
         if (animation->property("removedOnCompletion").toBool() && m_animations.value(key) == animation) {
             m_animations.remove(key);
             animation->deleteLater();
