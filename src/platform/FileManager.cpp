@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -117,5 +118,25 @@ bool FileManager::copyItemAtPath(const QString &source, const QString &destinati
         return true;
     if (error)
         *error = file.errorString();
+    return false;
+}
+
+bool FileManager::removeItemAtPath(const QString &path, QString *error)
+{
+    struct stat st = {};
+    const QByteArray encoded = QFile::encodeName(path);
+    QString why;
+    if (::lstat(encoded.constData(), &st) != 0)
+        why = QString::fromLocal8Bit(std::strerror(errno));
+    else if (S_ISDIR(st.st_mode)) {
+        // Removes the links inside, never what they point to.
+        if (!QDir(path).removeRecursively())
+            why = QStringLiteral("some of its contents could not be removed");
+    } else if (::unlink(encoded.constData()) != 0)
+        why = QString::fromLocal8Bit(std::strerror(errno));
+    if (why.isEmpty())
+        return true;
+    if (error)
+        *error = QStringLiteral("cannot remove %1: %2").arg(path, why);
     return false;
 }

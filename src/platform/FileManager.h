@@ -35,4 +35,6 @@ public:
     static std::optional<QString> stringWithFileSystemRepresentation(const QByteArray &path);
     // Copies a file with its permissions; fails, changing nothing, when destination exists.
     static bool copyItemAtPath(const QString &source, const QString &destination, QString *error = nullptr);
+    // Removes a file, or a folder with everything in it; a link is removed, never followed.
+    static bool removeItemAtPath(const QString &path, QString *error = nullptr);
 };

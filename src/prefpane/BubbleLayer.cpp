@@ -46,28 +46,37 @@ void BubbleLayer::addAnimation(QVariantAnimation *animation, const QString &key)
     animation->setParent(this);
     m_animations.insert(key, animation);
     const QByteArray property = animation->property("keyPath").toByteArray();
-    connect(animation, &QVariantAnimation::valueChanged, this, [this, property](const QVariant &value) {
+    auto present = [this, property](const QVariant &value) {
         if (property == "position")
             showPosition(value.toPointF());
         else if (property == "opacity") {
             m_presentationOpacity = value.toReal();
             update();
         }
-    });
-    // Back to the model state when it ends; removed from the layer if it asks to be.
-    connect(animation, &QAbstractAnimation::finished, this, [this, key, animation, property] {
+    };
+    connect(animation, &QVariantAnimation::valueChanged, this, present);
+    // Back to the model state whenever it stops, finished or interrupted.
+    connect(animation, &QAbstractAnimation::stateChanged, this, [this, property](QAbstractAnimation::State now) {
+        if (now != QAbstractAnimation::Stopped)
+            return;
         if (property == "position")
             showPosition(m_position);
         else if (property == "opacity") {
             m_presentationOpacity = m_opacity;
             update();
         }
+    });
+    // Removed from the layer on completion if it asks to be.
+    connect(animation, &QAbstractAnimation::finished, this, [this, key, animation] {
         if (animation->property("removedOnCompletion").toBool() && m_animations.value(key) == animation) {
             m_animations.remove(key);
             animation->deleteLater();
         }
     });
     animation->start();
+    // An animation whose first value equals the one it was built with reports no change when
+    // it starts: show where it stands now.
+    present(animation->currentValue());
 }
 
 QVariantAnimation *BubbleLayer::animationForKey(const QString &key) const

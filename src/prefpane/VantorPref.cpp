@@ -37,6 +37,8 @@ QWidget *VantorPref::buildMainView()
     foldersTableView = m_ui->foldersTableView;
     connect(toggleActiveButton, &QPushButton::clicked, this, [this] { toggleActive(toggleActiveButton); });
     styleMainView();
+    loadSheets(view);
+    connectSettingsTab();
     // The interface's own objects come with it, before mainViewDidLoad.
     setUpHistoryController();
     setUpFolderEditing();
@@ -121,6 +123,8 @@ void VantorPref::mainViewDidLoad()
     connect(store, &VTDefaultsController::autorunAtLoginChanged, this,
             [this, store] { setAutorunAtLogin(store->autorunAtLogin()); }, Qt::DirectConnection);
     regenerateAutologinItem();
+
+    bindSettingsControls();
 }
 
 void VantorPref::didSelect()

@@ -5,6 +5,7 @@
 
 #include <QPointF>
 #include <QPointer>
+#include <QUrl>
 #include <QVariantMap>
 
 #include <memory>
@@ -74,6 +75,19 @@ public:
     void setAutorunAtLogin(bool autorun);
     void regenerateAutologinItem();
 
+    // Uninstall, restart, the sheets and help (VantorPrefUninstall.cpp).
+    void confirmUninstall(QObject *sender);
+    void uninstall(QObject *sender);
+    void removeOwnFiles();
+    void restart(QObject *sender);
+    void cancelSheet(QObject *sender);
+    void cancelSheetAction(QObject *sender);
+    void help(QObject *sender);
+    void showCustomSheet(QWidget *sheet);
+    void didEndSheet(QWidget *sheet, int returnCode, void *contextInfo);
+    // The product's FAQ page, opened by help.
+    static QUrl faqAddress();
+
     void addBubble();
     void animateBubbleLayer(BubbleLayer *layer);
     QVariantAnimation *bubbleAnimation();
@@ -104,6 +118,10 @@ private:
     QPointF iconLayerPoint(const QPointF &point);
     void setUpHistoryController();
     void setUpFolderEditing();
+    void loadSheets(QWidget *owner);
+    void endAttachedSheet();
+    void connectSettingsTab();
+    void bindSettingsControls();
 
     std::unique_ptr<Ui::VantorPref> m_ui;
     QPointer<QWidget> m_iconLayer;

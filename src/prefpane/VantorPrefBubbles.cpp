@@ -25,14 +25,15 @@ constexpr int kStartDelayMs = 10;
 QWidget *VantorPref::iconLayer()
 {
     if (!m_iconLayer) {
-        // Above the icon and reaching higher than it, so rising bubbles are not clipped.
+        // Above the icon and reaching higher and wider than it, so rising bubbles are not clipped.
         const QRect icon = iconButton->geometry();
         const int headroom = int(kLineEnd.y() + kBubbleSize.height()) - icon.height();
         m_iconLayer = new QWidget(iconButton->parentWidget());
         m_iconLayer->setObjectName(QStringLiteral("iconLayer"));
         m_iconLayer->setAttribute(Qt::WA_TransparentForMouseEvents);
         m_iconLayer->setAttribute(Qt::WA_NoSystemBackground);
-        m_iconLayer->setGeometry(icon.x(), icon.y() - headroom, icon.width(), icon.height() + headroom);
+        const int width = qMax(icon.width(), int(kLineEnd.x() + kBubbleSize.width() / 2));
+        m_iconLayer->setGeometry(icon.x(), icon.y() - headroom, width, icon.height() + headroom);
         m_iconLayer->show();
         m_iconLayer->raise();
     }

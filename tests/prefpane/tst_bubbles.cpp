@@ -49,6 +49,8 @@ void TestBubbles::oneBubbleRisesAndIsRemoved()
     QCOMPARE(iconPoint(bubble->position()), QPointF(100, 35));
     QCOMPARE(bubble->presentationOpacity(), 0.0); // invisible until animated
     QTRY_VERIFY(bubble->animationForKey(QStringLiteral("opacity")));
+    // Shown at once, not only once the fade begins.
+    QCOMPARE(bubble->presentationOpacity(), 1.0);
     QTRY_COMPARE(bubbles().size(), 0);
 }
 

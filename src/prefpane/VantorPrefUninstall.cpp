@@ -1,0 +1,118 @@
+// VantorPref: uninstalling the product, restarting the host, the sheets and the help page.
+
+#include "VantorPref.h"
+
+#include "Bundle.h"
+#include "FileManager.h"
+#include "PreferencePaneHost.h"
+#include "SheetSession.h"
+#include "VTPreferenceCommunicator.h"
+#include "Workspace.h"
+#include "ui_RestartSheet.h"
+#include "ui_UninstallSheet.h"
+
+#include <QIcon>
+#include <QLabel>
+#include <QPushButton>
+
+QUrl VantorPref::faqAddress()
+{
+    return QUrl(QStringLiteral("https://www.quillfen.com/vantor/faq/"));
+}
+
+void VantorPref::loadSheets(QWidget *owner)
+{
+    // Windows of their own, kept hidden with the main view until shown on the host's window.
+    uninstallSheet = new QWidget(owner, Qt::Sheet);
+    Ui::UninstallSheet uninstallUi;
+    uninstallUi.setupUi(uninstallSheet);
+    connect(uninstallUi.confirmUninstallButton, &QPushButton::clicked, this,
+            [this, button = uninstallUi.confirmUninstallButton] { uninstall(button); });
+    connect(uninstallUi.cancelUninstallButton, &QPushButton::clicked, this,
+            [this, button = uninstallUi.cancelUninstallButton] { cancelSheet(button); });
+
+    restartSheet = new QWidget(owner, Qt::Sheet);
+    Ui::RestartSheet restartUi;
+    restartUi.setupUi(restartSheet);
+    connect(restartUi.restartButton, &QPushButton::clicked, this,
+            [this, button = restartUi.restartButton] { restart(button); });
+
+    const QString icon = bundle() ? bundle()->pathForResource(QStringLiteral("vantor"), QStringLiteral("png")) : QString();
+    if (!icon.isEmpty()) {
+        const QPixmap picture = QIcon(icon).pixmap(64, 64);
+        uninstallUi.uninstallIcon->setPixmap(picture);
+        restartUi.restartIcon->setPixmap(picture);
+    }
+    for (QLabel *title : {uninstallUi.uninstallTitle, restartUi.restartTitle}) {
+        QFont bold = title->font();
+        bold.setBold(true);
+        title->setFont(bold);
+    }
+}
+
+void VantorPref::confirmUninstall(QObject *)
+{
+    showCustomSheet(uninstallSheet);
+}
+
+void VantorPref::uninstall(QObject *)
+{
+    endAttachedSheet();
+    if (autorunAtLogin())
+        setAutorunAtLogin(false);
+    // Before the bundle goes: the tool is copied out of the helper inside it.
+    relaunchSystemPreferences();
+    VTPreferenceCommunicator::sharedCommunicatorController()->notifyHelperShouldQuit();
+    removeOwnFiles();
+    showCustomSheet(restartSheet);
+}
+
+void VantorPref::removeOwnFiles()
+{
+    // Loaded code keeps running without its files; a failure leaves the bundle and goes on.
+    QString error;
+    if (bundle() && !FileManager::removeItemAtPath(bundle()->bundlePath(), &error))
+        qWarning("vantor: %s", qPrintable(error));
+}
+
+void VantorPref::restart(QObject *sender)
+{
+    endAttachedSheet();
+    if (host())
+        host()->terminate(sender);
+}
+
+void VantorPref::cancelSheet(QObject *)
+{
+    endAttachedSheet();
+}
+
+void VantorPref::cancelSheetAction(QObject *sender)
+{
+    cancelSheet(sender);
+}
+
+void VantorPref::help(QObject *)
+{
+    Workspace::shared()->openURL(faqAddress());
+}
+
+void VantorPref::showCustomSheet(QWidget *sheet)
+{
+    if (!host())
+        return;
+    SheetSession::beginSheet(sheet, host()->mainWindow(), [this](QWidget *ended, int returnCode) {
+        didEndSheet(ended, returnCode, nullptr);
+    });
+}
+
+void VantorPref::didEndSheet(QWidget *sheet, int, void *)
+{
+    sheet->hide();
+}
+
+void VantorPref::endAttachedSheet()
+{
+    if (host())
+        SheetSession::endSheet(SheetSession::attachedSheet(host()->mainWindow()));
+}
