@@ -1,0 +1,207 @@
+#include "CompressionWorker.h"
+
+#include "BtrfsCompressor.h"
+#include "CompressionModel.h"
+#include "VTExclusionRules.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Every regular file below folder (relative byte paths), not crossing into other file
+// systems; sets the compression property on each folder on the way so new files inherit it.
+QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder)
+{
+    QList<QByteArray> files;
+    struct stat top {};
+    ::fstat(folderFd, &top);
+    QList<QByteArray> pending{QByteArray()};
+    while (!pending.isEmpty()) {
+        const QByteArray relative = pending.takeLast();
+        const int fd = relative.isEmpty() ? ::dup(folderFd)
+                                          : ::openat(folderFd, relative.constData(),
+                                                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0)
+            continue;
+        struct stat st {};
+        if (::fstat(fd, &st) != 0 || st.st_dev != top.st_dev) {
+            ::close(fd);
+            continue;
+        }
+        BtrfsCompressor::setCompressionProperty(fd);
+        DIR *dir = ::fdopendir(fd);
+        if (!dir) {
+            ::close(fd);
+            continue;
+        }
+        while (const struct dirent *entry = ::readdir(dir)) {
+            const QByteArray name(entry->d_name);
+            if (name == "." || name == "..")
+                continue;
+            const QByteArray path = relative.isEmpty() ? name : relative + '/' + name;
+            unsigned char type = entry->d_type;
+            if (type == DT_UNKNOWN) {
+                struct stat child {};
+                if (::fstatat(folderFd, path.constData(), &child, AT_SYMLINK_NOFOLLOW) != 0)
+                    continue;
+                type = S_ISDIR(child.st_mode) ? DT_DIR : S_ISREG(child.st_mode) ? DT_REG : DT_UNKNOWN;
+            }
+            // Names may be any bytes; the rules speak Unicode, so decode as the file system would.
+            if (VTExclusionRules::mustExcludePath(QFile::decodeName(folder + '/' + path)))
+                continue;
+            if (type == DT_DIR)
+                pending.append(path);
+            else if (type == DT_REG)
+                files.append(path);
+        }
+        ::closedir(dir);
+    }
+    return files;
+}
+
+int openForReading(int folderFd, const QByteArray &path)
+{
+    // Reading must not change the file's access time; only its owner may ask for that.
+    int fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME);
+    if (fd < 0 && errno == EPERM)
+        fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    return fd;
+}
+
+} // namespace
+
+CompressionWorker::CompressionWorker(QObject *parent)
+    : QThread(parent)
+{
+}
+
+CompressionWorker::~CompressionWorker()
+{
+    stop();
+}
+
+void CompressionWorker::enqueue(qint64 id, const QByteArray &folder)
+{
+    QMutexLocker locker(&m_lock);
+    for (const Job &job : std::as_const(m_jobs)) {
+        if (job.id == id)
+            return;
+    }
+    if (m_current == id)
+        return;
+    m_jobs.append({id, folder});
+    m_wake.wakeAll();
+}
+
+void CompressionWorker::cancel(qint64 id)
+{
+    QMutexLocker locker(&m_lock);
+    m_jobs.removeIf([id](const Job &job) { return job.id == id; });
+    if (m_current == id)
+        m_cancelCurrent = true;
+    m_wake.wakeAll();
+}
+
+void CompressionWorker::cancelAll()
+{
+    QMutexLocker locker(&m_lock);
+    m_jobs.clear();
+    if (m_current != 0)
+        m_cancelCurrent = true;
+    m_wake.wakeAll();
+}
+
+void CompressionWorker::setActive(bool active)
+{
+    QMutexLocker locker(&m_lock);
+    m_active = active;
+    m_wake.wakeAll();
+}
+
+void CompressionWorker::stop()
+{
+    {
+        QMutexLocker locker(&m_lock);
+        m_stopping = true;
+        m_cancelCurrent = true;
+        m_wake.wakeAll();
+    }
+    wait();
+}
+
+bool CompressionWorker::cancelled(qint64) const
+{
+    return m_cancelCurrent.load();
+}
+
+bool CompressionWorker::waitUntilActive(qint64 id)
+{
+    QMutexLocker locker(&m_lock);
+    while (!m_active && !m_cancelCurrent.load())
+        m_wake.wait(&m_lock);
+    return !cancelled(id);
+}
+
+void CompressionWorker::run()
+{
+    BtrfsCompressor::lowerThreadPriority();
+    for (;;) {
+        Job job;
+        {
+            QMutexLocker locker(&m_lock);
+            while (!m_stopping && (m_jobs.isEmpty() || !m_active))
+                m_wake.wait(&m_lock);
+            if (m_stopping)
+                return;
+            job = m_jobs.takeFirst();
+            m_current = job.id;
+            m_cancelCurrent = false;
+        }
+        compressFolder(job);
+        QMutexLocker locker(&m_lock);
+        m_current = 0;
+    }
+}
+
+void CompressionWorker::compressFolder(const Job &job)
+{
+    const int folderFd = ::open(job.folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folderFd < 0) {
+        Q_EMIT failed(job.id, QString::fromLocal8Bit(std::strerror(errno)));
+        return;
+    }
+    const QList<QByteArray> files = collectFiles(folderFd, job.folder);
+    CompressionModel model;
+    quint64 savings = 0;
+    qsizetype done = 0;
+    for (const QByteArray &path : files) {
+        if (!waitUntilActive(job.id))
+            break;
+        const int fd = openForReading(folderFd, path);
+        struct stat st {};
+        if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+            const qint64 estimate = model.savingsForFile(fd);
+            // A file that would not shrink is left as it is.
+            if (estimate > 0 && (BtrfsCompressor::isCompressed(fd)
+                                 || BtrfsCompressor::compressFile(fd, m_cancelCurrent)
+                                     == BtrfsCompressor::Result::Compressed))
+                savings += quint64(estimate);
+        }
+        if (fd >= 0)
+            ::close(fd);
+        if (cancelled(job.id))
+            break;
+        ++done;
+        Q_EMIT progress(job.id, quint32(done * 100 / files.size()), savings);
+    }
+    ::close(folderFd);
+    if (!cancelled(job.id))
+        Q_EMIT finished(job.id, 100, savings);
+}
