@@ -7,6 +7,8 @@
 #include <QFile>
 
 #include <cerrno>
+#include <optional>
+#include <thread>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -65,6 +67,55 @@ QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder)
     }
     return files;
 }
+
+// Estimates handed from the estimating thread to the compressing one, a few files ahead.
+class EstimateQueue
+{
+public:
+    struct Entry {
+        QByteArray path;
+        qint64 estimate;
+    };
+    static constexpr qsizetype kAhead = 32;
+
+    // False once the consumer has closed the queue.
+    bool push(Entry entry)
+    {
+        QMutexLocker locker(&m_lock);
+        while (!m_closed && m_entries.size() >= kAhead)
+            m_changed.wait(&m_lock);
+        if (m_closed)
+            return false;
+        m_entries.append(std::move(entry));
+        m_changed.wakeAll();
+        return true;
+    }
+    // Nothing once every file has been handed over or the queue was closed.
+    std::optional<Entry> pop(qsizetype expected)
+    {
+        QMutexLocker locker(&m_lock);
+        while (!m_closed && m_entries.isEmpty() && m_popped < expected)
+            m_changed.wait(&m_lock);
+        if (m_entries.isEmpty())
+            return std::nullopt;
+        ++m_popped;
+        m_changed.wakeAll();
+        return m_entries.takeFirst();
+    }
+    void close()
+    {
+        QMutexLocker locker(&m_lock);
+        m_closed = true;
+        m_changed.wakeAll();
+    }
+
+private:
+    QMutex m_lock;
+    QWaitCondition m_changed;
+    QList<Entry> m_entries;
+    qsizetype m_popped = 0;
+    bool m_closed = false;
+};
 
 int openForReading(int folderFd, const QByteArray &path)
 {
@@ -178,29 +229,48 @@ void CompressionWorker::compressFolder(const Job &job)
         return;
     }
     const QList<QByteArray> files = collectFiles(folderFd, job.folder);
-    CompressionModel model;
+
+    // The estimate of the next files is worked out on a second thread while the file system
+    // rewrites the current one: the two together take little longer than the rewrite alone.
+    EstimateQueue estimates;
+    std::thread estimator([&] {
+        BtrfsCompressor::lowerThreadPriority();
+        CompressionModel model;
+        for (const QByteArray &path : files) {
+            const int fd = openForReading(folderFd, path);
+            struct stat st {};
+            qint64 estimate = 0;
+            if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
+                estimate = model.savingsForFile(fd);
+            if (fd >= 0)
+                ::close(fd);
+            if (!estimates.push({path, estimate}))
+                return;
+        }
+    });
+
     quint64 savings = 0;
     qsizetype done = 0;
-    for (const QByteArray &path : files) {
+    while (const std::optional<EstimateQueue::Entry> entry = estimates.pop(files.size())) {
         if (!waitUntilActive(job.id))
             break;
-        const int fd = openForReading(folderFd, path);
-        struct stat st {};
-        if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-            const qint64 estimate = model.savingsForFile(fd);
-            // A file that would not shrink is left as it is.
-            if (estimate > 0 && (BtrfsCompressor::isCompressed(fd)
-                                 || BtrfsCompressor::compressFile(fd, m_cancelCurrent)
-                                     == BtrfsCompressor::Result::Compressed))
-                savings += quint64(estimate);
+        // A file that would not shrink is left as it is.
+        if (entry->estimate > 0) {
+            const int fd = openForReading(folderFd, entry->path);
+            if (fd >= 0
+                && (BtrfsCompressor::isCompressed(fd)
+                    || BtrfsCompressor::compressFile(fd, m_cancelCurrent) == BtrfsCompressor::Result::Compressed))
+                savings += quint64(entry->estimate);
+            if (fd >= 0)
+                ::close(fd);
         }
-        if (fd >= 0)
-            ::close(fd);
         if (cancelled(job.id))
             break;
         ++done;
         Q_EMIT progress(job.id, quint32(done * 100 / files.size()), savings);
     }
+    estimates.close();
+    estimator.join();
     ::close(folderFd);
     if (!cancelled(job.id))
         Q_EMIT finished(job.id, 100, savings);
