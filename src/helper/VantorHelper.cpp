@@ -5,11 +5,13 @@
 #include "DistributedNotificationCenter.h"
 #include "FolderRequests.h"
 #include "SavingsModel.h"
+#include "TrayIcon.h"
 #include "FileManager.h"
 #include "Notifications.h"
 #include "PropertyList.h"
 #include "VTDefaultsController.h"
 
+#include <QApplication>
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -65,6 +67,7 @@ VantorHelper::VantorHelper(const QString &version, QObject *parent)
 
 VantorHelper::~VantorHelper()
 {
+    m_trayIcon.reset();
     m_folderRequests.reset();
     m_engine.reset();
     m_savings.reset();
@@ -133,6 +136,13 @@ bool VantorHelper::start()
     m_folderRequests = std::make_unique<FolderRequests>(m_savings.get(), m_engine.get());
     m_engine->setActive(setting(VTDefaultsController::kActiveKey));
     m_engine->resume();
+    // A tray needs a display; without one the helper still does its work.
+    if (qobject_cast<QApplication *>(QCoreApplication::instance())) {
+        m_trayIcon = std::make_unique<TrayIcon>();
+        connect(m_savings.get(), &SavingsModel::totalSavingsChanged, m_trayIcon.get(), &TrayIcon::setTotalSavings);
+        m_trayIcon->setTotalSavings(m_savings->totalSavings());
+        m_trayIcon->setVisible(setting(VTDefaultsController::kVisibleKey));
+    }
     return true;
 }
 
@@ -162,6 +172,10 @@ void VantorHelper::received(const DistributedNotification &notification)
     }
     if (name == QLatin1String(Notifications::Active))
         m_engine->setActive(setting(VTDefaultsController::kActiveKey));
+    if (name == QLatin1String(Notifications::Visible) && m_trayIcon) {
+        m_trayIcon->setVisible(setting(VTDefaultsController::kVisibleKey));
+        line += m_trayIcon->isShown() ? QStringLiteral("; tray icon shown") : QStringLiteral("; tray icon hidden");
+    }
     if (name == QLatin1String(Notifications::Folders))
         line += QStringLiteral(": ") + m_folderRequests->handle(notification.userInfo);
     if (name == QLatin1String(Notifications::HelperShouldCheckForUpdates)) {

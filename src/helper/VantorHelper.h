@@ -10,6 +10,7 @@ class CompressionEngine;
 class DesktopNotifier;
 class FolderRequests;
 class SavingsModel;
+class TrayIcon;
 struct DistributedNotification;
 
 // The background helper. It owns the bus name that says "the helper is running", follows
@@ -50,4 +51,5 @@ private:
     std::unique_ptr<SavingsModel> m_savings;
     std::unique_ptr<CompressionEngine> m_engine;
     std::unique_ptr<FolderRequests> m_folderRequests;
+    std::unique_ptr<TrayIcon> m_trayIcon;
 };
