@@ -71,15 +71,16 @@ QList<HistoryRecord> HistoryContext::fetchRecords(Predicate predicate) const
 QList<HistoryRecord> HistoryContext::fetchRecords(const QString &condition) const
 {
     QList<HistoryRecord> records;
-    sqlite3_stmt *statement = prepare(select("ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED", condition));
+    sqlite3_stmt *statement = prepare(select("Z_PK, ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED", condition));
     if (!statement)
         return records;
     while (sqlite3_step(statement) == SQLITE_ROW) {
         HistoryRecord record;
-        record.folder = columnText(statement, 0);
-        record.status = static_cast<quint32>(sqlite3_column_int64(statement, 1));
-        record.savings = columnUnsigned64(statement, 2);
-        record.enabled = sqlite3_column_int64(statement, 3) != 0;
+        record.objectID = sqlite3_column_int64(statement, 0);
+        record.folder = columnText(statement, 1);
+        record.status = static_cast<quint32>(sqlite3_column_int64(statement, 2));
+        record.savings = columnUnsigned64(statement, 3);
+        record.enabled = sqlite3_column_int64(statement, 4) != 0;
         records.append(std::move(record));
     }
     finish(statement);
@@ -122,4 +123,80 @@ void HistoryContext::endReadTransaction()
 {
     if (--m_readDepth == 0 && sqlite3_get_autocommit(m_store->connection()) == 0)
         sqlite3_exec(m_store->connection(), "COMMIT", nullptr, nullptr, nullptr);
+}
+
+int HistoryContext::write(const char *sql, const std::function<void(sqlite3_stmt *)> &bind)
+{
+    sqlite3 *db = m_store->connection();
+    // IMMEDIATE takes the write lock up front, so the busy timeout covers the whole write.
+    if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        qWarning("vantor: cannot write the history store: %s", sqlite3_errmsg(db));
+        return -1;
+    }
+    sqlite3_stmt *statement = prepare(sql);
+    int changed = -1;
+    if (statement) {
+        bind(statement);
+        if (sqlite3_step(statement) == SQLITE_DONE)
+            changed = sqlite3_changes(db);
+        else
+            qWarning("vantor: writing the history store failed: %s", sqlite3_errmsg(db));
+        sqlite3_finalize(statement);
+    }
+    if (changed >= 0 && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        qWarning("vantor: cannot commit to the history store: %s", sqlite3_errmsg(db));
+        changed = -1;
+    }
+    if (changed < 0)
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    return changed;
+}
+
+qint64 HistoryContext::insertRecord(const HistoryRecord &record)
+{
+    const QByteArray folder = record.folder.toUtf8();
+    const int changed = write("INSERT INTO ZHISTORY (ZFOLDER, ZFOLDERALIAS, ZSTATUS, ZSAVINGS, ZENABLED) "
+                              "VALUES (?1, ?2, ?3, ?4, ?5)",
+                              [&](sqlite3_stmt *s) {
+                                  sqlite3_bind_text(s, 1, folder.constData(), int(folder.size()), SQLITE_TRANSIENT);
+                                  sqlite3_bind_blob(s, 2, record.folderAlias.constData(),
+                                                    int(record.folderAlias.size()), SQLITE_TRANSIENT);
+                                  sqlite3_bind_int64(s, 3, record.status);
+                                  sqlite3_bind_int64(s, 4, static_cast<qint64>(record.savings));
+                                  sqlite3_bind_int(s, 5, record.enabled ? 1 : 0);
+                              });
+    return changed == 1 ? sqlite3_last_insert_rowid(m_store->connection()) : 0;
+}
+
+bool HistoryContext::reenableRecord(qint64 objectID, const QString &folder, const QByteArray &folderAlias)
+{
+    const QByteArray path = folder.toUtf8();
+    return write("UPDATE ZHISTORY SET ZFOLDER = ?2, ZFOLDERALIAS = ?3, ZENABLED = 1 WHERE Z_PK = ?1",
+                 [&](sqlite3_stmt *s) {
+                     sqlite3_bind_int64(s, 1, objectID);
+                     sqlite3_bind_text(s, 2, path.constData(), int(path.size()), SQLITE_TRANSIENT);
+                     sqlite3_bind_blob(s, 3, folderAlias.constData(), int(folderAlias.size()), SQLITE_TRANSIENT);
+                 })
+        == 1;
+}
+
+bool HistoryContext::setEnabled(qint64 objectID, bool enabled)
+{
+    return write("UPDATE ZHISTORY SET ZENABLED = ?2 WHERE Z_PK = ?1",
+                 [&](sqlite3_stmt *s) {
+                     sqlite3_bind_int64(s, 1, objectID);
+                     sqlite3_bind_int(s, 2, enabled ? 1 : 0);
+                 })
+        == 1;
+}
+
+bool HistoryContext::setProgress(qint64 objectID, quint32 status, quint64 savings)
+{
+    return write("UPDATE ZHISTORY SET ZSTATUS = ?2, ZSAVINGS = ?3 WHERE Z_PK = ?1",
+                 [&](sqlite3_stmt *s) {
+                     sqlite3_bind_int64(s, 1, objectID);
+                     sqlite3_bind_int64(s, 2, status);
+                     sqlite3_bind_int64(s, 3, static_cast<qint64>(savings));
+                 })
+        == 1;
 }

@@ -4,6 +4,8 @@
 #include <QList>
 #include <QString>
 
+#include <functional>
+
 #include "VantorCommonExport.h"
 
 class HistoryStore;
@@ -11,6 +13,7 @@ struct sqlite3_stmt;
 
 // One History record as the pane reads it.
 struct HistoryRecord {
+    qint64 objectID = 0; // Z_PK
     QString folder;
     QByteArray folderAlias;
     quint32 status = 0;
@@ -49,9 +52,23 @@ public:
     void beginReadTransaction();
     void endReadTransaction();
 
+    // Writing, for the helper (the pane never writes). Each write runs in a transaction of its
+    // own, so a record is never left half-written; false, with one log line, when it failed.
+    // The new record's id, or 0.
+    qint64 insertRecord(const HistoryRecord &record);
+    // Points a record at its folder again (path and alias data) and lists it.
+    bool reenableRecord(qint64 objectID, const QString &folder, const QByteArray &folderAlias);
+    bool setEnabled(qint64 objectID, bool enabled);
+    // Status and savings together, so a reader never sees one without the other. False also
+    // when the record no longer exists.
+    bool setProgress(qint64 objectID, quint32 status, quint64 savings);
+
 private:
     sqlite3_stmt *prepare(const QByteArray &sql) const;
     void finish(sqlite3_stmt *statement) const;
+    // Runs one prepared statement, with bind filling its parameters, in a write transaction;
+    // the number of rows it changed, or -1.
+    int write(const char *sql, const std::function<void(sqlite3_stmt *)> &bind);
 
     HistoryStore *m_store;
     int m_readDepth = 0;

@@ -123,8 +123,33 @@ bool HistoryStore::addPersistentStore(const QString &path, HistoryStoreError *er
             return fail(rc, reason);
         }
     }
+    struct stat opened {};
+    if (::stat(encoded.constData(), &opened) == 0) {
+        m_device = opened.st_dev;
+        m_inode = opened.st_ino;
+    }
     m_path = path;
     return true;
+}
+
+bool HistoryStore::isStoreFileReplaced() const
+{
+    if (m_path.isEmpty())
+        return false;
+    struct stat now {};
+    if (::stat(QFile::encodeName(m_path).constData(), &now) != 0)
+        return true;
+    return quint64(now.st_dev) != m_device || quint64(now.st_ino) != m_inode;
+}
+
+bool HistoryStore::reopenPersistentStore(HistoryStoreError *error)
+{
+    const QString path = m_path;
+    sqlite3_close(m_db);
+    m_db = nullptr;
+    m_path.clear();
+    ensureIntegrityOfDatabaseAtPath(path);
+    return addPersistentStore(path, error);
 }
 
 bool HistoryStore::ensureIntegrityOfDatabaseAtPath(const QString &path)

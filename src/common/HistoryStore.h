@@ -48,6 +48,12 @@ public:
     QString storePath() const { return m_path; }
     sqlite3 *connection() const { return m_db; }
 
+    // True when the file at the store's path is no longer the one this store opened (the
+    // pane deleted an unusable store, or it was replaced). A long-lived writer then reopens.
+    bool isStoreFileReplaced() const;
+    // Closes the connection and opens the store at the same path again.
+    bool reopenPersistentStore(HistoryStoreError *error);
+
     // The integrity rule: a file whose schema cannot be read is shown the "Vantor Database
     // Error" alert and deleted. True when the file is absent or sound.
     static bool ensureIntegrityOfDatabaseAtPath(const QString &path);
@@ -70,4 +76,6 @@ private:
     std::shared_ptr<const HistoryModel> m_model;
     sqlite3 *m_db = nullptr;
     QString m_path;
+    quint64 m_device = 0;
+    quint64 m_inode = 0;
 };

@@ -1,11 +1,17 @@
 #include "VantorHelper.h"
 
+#include "CompressionEngine.h"
+#include "DesktopNotifier.h"
 #include "DistributedNotificationCenter.h"
+#include "FolderRequests.h"
+#include "SavingsModel.h"
+#include "TrayIcon.h"
 #include "FileManager.h"
 #include "Notifications.h"
 #include "PropertyList.h"
 #include "VTDefaultsController.h"
 
+#include <QApplication>
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -25,8 +31,8 @@ namespace {
 // The notifications the helper acts on, and the ones it only records.
 const char *const kRereadDefaults[] = {Notifications::Active, Notifications::Visible,
                                        Notifications::HelperEnableUpdates, Notifications::HelperDisableUpdates};
-const char *const kRecordOnly[] = {Notifications::HelperShouldKeepAlive, Notifications::HelperShouldCheckForUpdates,
-                                   Notifications::FoldersChanged, Notifications::Folders};
+const char *const kRecordOnly[] = {Notifications::HelperShouldKeepAlive, Notifications::FoldersChanged};
+const char *const kActedOn[] = {Notifications::HelperShouldCheckForUpdates, Notifications::Folders};
 
 QString describe(const QVariantMap &userInfo)
 {
@@ -61,6 +67,10 @@ VantorHelper::VantorHelper(const QString &version, QObject *parent)
 
 VantorHelper::~VantorHelper()
 {
+    m_trayIcon.reset();
+    m_folderRequests.reset();
+    m_engine.reset();
+    m_savings.reset();
     if (m_logFd >= 0)
         ::close(m_logFd);
 }
@@ -103,6 +113,8 @@ bool VantorHelper::start()
         center->addObserver(this, QLatin1String(name), handler);
     for (const char *name : kRecordOnly)
         center->addObserver(this, QLatin1String(name), handler);
+    for (const char *name : kActedOn)
+        center->addObserver(this, QLatin1String(name), handler);
 
     const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply = bus.interface()->registerService(
         QLatin1String(kBundleIdentifier), QDBusConnectionInterface::DontQueueService,
@@ -117,6 +129,20 @@ bool VantorHelper::start()
     bus.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"), QStringLiteral("org.freedesktop.DBus.Local"),
                 QStringLiteral("Disconnected"), this, SLOT(busDisconnected()));
     log(QStringLiteral("started, version %1, pid %2; %3").arg(m_version).arg(::getpid()).arg(readDefaults()));
+
+    m_notifier = std::make_unique<DesktopNotifier>();
+    m_savings = std::make_unique<SavingsModel>();
+    m_engine = std::make_unique<CompressionEngine>(m_savings.get(), m_notifier.get());
+    m_folderRequests = std::make_unique<FolderRequests>(m_savings.get(), m_engine.get());
+    m_engine->setActive(setting(VTDefaultsController::kActiveKey));
+    m_engine->resume();
+    // A tray needs a display; without one the helper still does its work.
+    if (qobject_cast<QApplication *>(QCoreApplication::instance())) {
+        m_trayIcon = std::make_unique<TrayIcon>();
+        connect(m_savings.get(), &SavingsModel::totalSavingsChanged, m_trayIcon.get(), &TrayIcon::setTotalSavings);
+        m_trayIcon->setTotalSavings(m_savings->totalSavings());
+        m_trayIcon->setVisible(setting(VTDefaultsController::kVisibleKey));
+    }
     return true;
 }
 
@@ -144,6 +170,22 @@ void VantorHelper::received(const DistributedNotification &notification)
         if (name == QLatin1String(reread))
             line += QStringLiteral(": ") + readDefaults();
     }
+    if (name == QLatin1String(Notifications::Active))
+        m_engine->setActive(setting(VTDefaultsController::kActiveKey));
+    if (name == QLatin1String(Notifications::Visible) && m_trayIcon) {
+        m_trayIcon->setVisible(setting(VTDefaultsController::kVisibleKey));
+        line += m_trayIcon->isShown() ? QStringLiteral("; tray icon shown") : QStringLiteral("; tray icon hidden");
+    }
+    if (name == QLatin1String(Notifications::Folders))
+        line += QStringLiteral(": ") + m_folderRequests->handle(notification.userInfo);
+    if (name == QLatin1String(Notifications::HelperShouldCheckForUpdates)) {
+        // Installed from packages: the package manager brings updates, so nothing is fetched here.
+        m_notifier->notify(QStringLiteral("Vantor updates"),
+                           QStringLiteral("Vantor for Linux is updated by your package manager. "
+                                          "Use your system's software updates to get a newer version; "
+                                          "nothing was downloaded."));
+        line += QStringLiteral(": answered with a desktop notification");
+    }
     log(line);
 }
 
@@ -167,6 +209,13 @@ QString VantorHelper::readDefaults()
     return QStringLiteral("settings %1 %2 %3")
         .arg(flag(VTDefaultsController::kActiveKey), flag(VTDefaultsController::kVisibleKey),
              flag(VTDefaultsController::kCheckUpdatesKey));
+}
+
+bool VantorHelper::setting(const char *key) const
+{
+    // A setting missing from the file has its built-in default, which is true for all of them.
+    const QVariant value = m_defaults.value(QLatin1String(key));
+    return !value.isValid() || PropertyList::boolValue(value);
 }
 
 void VantorHelper::log(const QString &line)

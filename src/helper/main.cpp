@@ -4,14 +4,27 @@
 #include "ProcessInfo.h"
 #include "VantorHelper.h"
 
+#include <QApplication>
 #include <QCoreApplication>
+
+#include <csignal>
+#include <memory>
 
 int main(int argc, char *argv[])
 {
-    QCoreApplication app(argc, argv);
+    // With a display the helper has a tray icon; without one (a headless session) it still works.
+    const bool display = qEnvironmentVariableIsSet("WAYLAND_DISPLAY") || qEnvironmentVariableIsSet("DISPLAY")
+        || qEnvironmentVariableIsSet("QT_QPA_PLATFORM");
+    std::unique_ptr<QCoreApplication> application = display ? std::make_unique<QApplication>(argc, argv)
+                                                             : std::make_unique<QCoreApplication>(argc, argv);
+    QCoreApplication &app = *application;
+    QApplication::setQuitOnLastWindowClosed(false);
     QCoreApplication::setApplicationName(QStringLiteral("VantorHelper"));
 
     ProcessInfo::processInfo()->installTerminationHandler();
+    // A writer opening a file being compressed breaks the helper's lease with SIGIO; the
+    // worker notices that itself, and the signal must not end the process.
+    std::signal(SIGIO, SIG_IGN);
 
     const Bundle *bundle = Bundle::mainBundle();
     const QString version =

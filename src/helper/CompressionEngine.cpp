@@ -1,0 +1,102 @@
+#include "CompressionEngine.h"
+
+#include "BtrfsCompressor.h"
+#include "CompressionWorker.h"
+#include "DesktopNotifier.h"
+#include "SavingsModel.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *notifier, QObject *parent)
+    : QObject(parent)
+    , m_savings(savings)
+    , m_notifier(notifier)
+    , m_worker(new CompressionWorker(this))
+{
+    connect(m_worker, &CompressionWorker::progress, this, &CompressionEngine::progress);
+    connect(m_worker, &CompressionWorker::finished, this, &CompressionEngine::finished);
+    connect(m_worker, &CompressionWorker::failed, this, &CompressionEngine::failed);
+    // Ids of the old file mean nothing in the new one.
+    connect(m_savings, &SavingsModel::storeReopened, m_worker, &CompressionWorker::cancelAll);
+    connect(m_savings, &SavingsModel::recordVanished, m_worker, &CompressionWorker::cancel);
+    m_worker->start();
+}
+
+CompressionEngine::~CompressionEngine()
+{
+    stop();
+}
+
+void CompressionEngine::stop()
+{
+    m_worker->stop();
+    m_savings->flush();
+}
+
+void CompressionEngine::resume()
+{
+    for (const HistoryRecord &record : m_savings->records(HistoryContext::Predicate::Enabled)) {
+        if (record.status < 100)
+            addFolder(record.objectID, record.folder);
+    }
+}
+
+void CompressionEngine::addFolder(qint64 id, const QString &folder)
+{
+    m_removed.remove(id);
+    const QByteArray path = QFile::encodeName(folder);
+    const int fd = ::open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        failed(id, QString::fromLocal8Bit(std::strerror(errno)));
+        return;
+    }
+    const bool btrfs = BtrfsCompressor::isBtrfs(fd);
+    ::close(fd);
+    if (btrfs) {
+        m_worker->enqueue(id, path);
+        return;
+    }
+    // Nothing to do and nothing saved: the folder is done, and the user learns why.
+    const QString fileSystem = BtrfsCompressor::fileSystemName(path);
+    m_savings->setProgress(id, 100, 0);
+    m_savings->flush();
+    m_notifier->notify(QStringLiteral("Vantor cannot compress \"%1\"").arg(folder),
+                       QStringLiteral("The folder %1 is on %2, a file system without transparent compression. "
+                                      "Vantor compresses folders on btrfs only; nothing in this folder was changed.")
+                           .arg(folder, fileSystem));
+}
+
+void CompressionEngine::removeFolder(qint64 id)
+{
+    m_removed.insert(id);
+    m_worker->cancel(id);
+}
+
+void CompressionEngine::setActive(bool active)
+{
+    m_worker->setActive(active);
+}
+
+void CompressionEngine::progress(qint64 id, quint32 status, quint64 savings)
+{
+    if (!m_removed.contains(id))
+        m_savings->setProgress(id, status, savings);
+}
+
+void CompressionEngine::finished(qint64 id, quint32 status, quint64 savings)
+{
+    if (m_removed.contains(id))
+        return;
+    m_savings->setProgress(id, status, savings);
+    m_savings->flush();
+}
+
+void CompressionEngine::failed(qint64 id, const QString &reason)
+{
+    qWarning("VantorHelper: cannot compress folder record %lld: %s", static_cast<long long>(id), qPrintable(reason));
+}

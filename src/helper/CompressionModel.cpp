@@ -1,0 +1,52 @@
+#include "CompressionModel.h"
+
+#include <zstd.h>
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
+
+CompressionModel::CompressionModel()
+    : m_context(ZSTD_createCCtx())
+    , m_input(size_t(kChunkSize))
+    , m_output(ZSTD_compressBound(size_t(kChunkSize)))
+{
+}
+
+CompressionModel::~CompressionModel()
+{
+    ZSTD_freeCCtx(m_context);
+}
+
+qint64 CompressionModel::savingsForChunk(const char *data, qint64 size)
+{
+    const size_t compressed =
+        ZSTD_compressCCtx(m_context, m_output.data(), m_output.size(), data, size_t(size), kLevel);
+    const qint64 plain = roundUpToBlock(size);
+    if (ZSTD_isError(compressed))
+        return 0;
+    const qint64 stored = roundUpToBlock(qint64(compressed));
+    return stored < plain ? plain - stored : 0;
+}
+
+qint64 CompressionModel::savingsForFile(int fd)
+{
+    struct stat st {};
+    if (::fstat(fd, &st) != 0)
+        return -1;
+    if (st.st_size <= kBlockSize)
+        return 0;
+    qint64 savings = 0;
+    for (qint64 offset = 0; offset < st.st_size;) {
+        const ssize_t n = ::pread(fd, m_input.data(), m_input.size(), offset);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break; // shrank while read
+        savings += savingsForChunk(m_input.data(), n);
+        offset += n;
+    }
+    return savings;
+}

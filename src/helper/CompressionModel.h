@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <cstddef>
+#include <vector>
+
+struct ZSTD_CCtx_s;
+
+// What transparent zstd compression saves for one file, worked out the way btrfs stores
+// data: the file is cut into 128 KiB chunks, each compressed at zstd's default level; a
+// chunk is kept compressed only when that saves at least one 4 KiB block, otherwise it is
+// stored plainly. Files that fit in one block are left out: they gain nothing worth a rewrite.
+// Used where the real on-disk figure needs privileges the helper does not have.
+class CompressionModel
+{
+public:
+    static constexpr qint64 kChunkSize = 128 * 1024;
+    static constexpr qint64 kBlockSize = 4096;
+    static constexpr int kLevel = 3; // btrfs's default zstd level
+
+    CompressionModel();
+    ~CompressionModel();
+    CompressionModel(const CompressionModel &) = delete;
+    CompressionModel &operator=(const CompressionModel &) = delete;
+
+    // Bytes the file's data would save on disk; -1 when it cannot be read.
+    qint64 savingsForFile(int fd);
+    // Bytes one chunk would save.
+    qint64 savingsForChunk(const char *data, qint64 size);
+
+    static qint64 roundUpToBlock(qint64 bytes) { return (bytes + kBlockSize - 1) / kBlockSize * kBlockSize; }
+
+private:
+    ZSTD_CCtx_s *m_context;
+    std::vector<char> m_input;
+    std::vector<char> m_output;
+};

@@ -1,0 +1,277 @@
+#include "CompressionWorker.h"
+
+#include "BtrfsCompressor.h"
+#include "CompressionModel.h"
+#include "VTExclusionRules.h"
+
+#include <QFile>
+
+#include <cerrno>
+#include <optional>
+#include <thread>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+// Every regular file below folder (relative byte paths), not crossing into other file
+// systems; sets the compression property on each folder on the way so new files inherit it.
+QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder)
+{
+    QList<QByteArray> files;
+    struct stat top {};
+    ::fstat(folderFd, &top);
+    QList<QByteArray> pending{QByteArray()};
+    while (!pending.isEmpty()) {
+        const QByteArray relative = pending.takeLast();
+        const int fd = relative.isEmpty() ? ::dup(folderFd)
+                                          : ::openat(folderFd, relative.constData(),
+                                                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0)
+            continue;
+        struct stat st {};
+        if (::fstat(fd, &st) != 0 || st.st_dev != top.st_dev) {
+            ::close(fd);
+            continue;
+        }
+        BtrfsCompressor::setCompressionProperty(fd);
+        DIR *dir = ::fdopendir(fd);
+        if (!dir) {
+            ::close(fd);
+            continue;
+        }
+        while (const struct dirent *entry = ::readdir(dir)) {
+            const QByteArray name(entry->d_name);
+            if (name == "." || name == "..")
+                continue;
+            const QByteArray path = relative.isEmpty() ? name : relative + '/' + name;
+            unsigned char type = entry->d_type;
+            if (type == DT_UNKNOWN) {
+                struct stat child {};
+                if (::fstatat(folderFd, path.constData(), &child, AT_SYMLINK_NOFOLLOW) != 0)
+                    continue;
+                type = S_ISDIR(child.st_mode) ? DT_DIR : S_ISREG(child.st_mode) ? DT_REG : DT_UNKNOWN;
+            }
+            // Names may be any bytes; the rules speak Unicode, so decode as the file system would.
+            if (VTExclusionRules::mustExcludePath(QFile::decodeName(folder + '/' + path)))
+                continue;
+            if (type == DT_DIR)
+                pending.append(path);
+            else if (type == DT_REG)
+                files.append(path);
+        }
+        ::closedir(dir);
+    }
+    return files;
+}
+
+// Estimates handed from the estimating thread to the compressing one, a few files ahead.
+class EstimateQueue
+{
+public:
+    struct Entry {
+        QByteArray path;
+        qint64 estimate;
+    };
+    static constexpr qsizetype kAhead = 32;
+
+    // False once the consumer has closed the queue.
+    bool push(Entry entry)
+    {
+        QMutexLocker locker(&m_lock);
+        while (!m_closed && m_entries.size() >= kAhead)
+            m_changed.wait(&m_lock);
+        if (m_closed)
+            return false;
+        m_entries.append(std::move(entry));
+        m_changed.wakeAll();
+        return true;
+    }
+    // Nothing once every file has been handed over or the queue was closed.
+    std::optional<Entry> pop(qsizetype expected)
+    {
+        QMutexLocker locker(&m_lock);
+        while (!m_closed && m_entries.isEmpty() && m_popped < expected)
+            m_changed.wait(&m_lock);
+        if (m_entries.isEmpty())
+            return std::nullopt;
+        ++m_popped;
+        m_changed.wakeAll();
+        return m_entries.takeFirst();
+    }
+    void close()
+    {
+        QMutexLocker locker(&m_lock);
+        m_closed = true;
+        m_changed.wakeAll();
+    }
+
+private:
+    QMutex m_lock;
+    QWaitCondition m_changed;
+    QList<Entry> m_entries;
+    qsizetype m_popped = 0;
+    bool m_closed = false;
+};
+
+int openForReading(int folderFd, const QByteArray &path)
+{
+    // Reading must not change the file's access time; only its owner may ask for that.
+    int fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME);
+    if (fd < 0 && errno == EPERM)
+        fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    return fd;
+}
+
+} // namespace
+
+CompressionWorker::CompressionWorker(QObject *parent)
+    : QThread(parent)
+{
+}
+
+CompressionWorker::~CompressionWorker()
+{
+    stop();
+}
+
+void CompressionWorker::enqueue(qint64 id, const QByteArray &folder)
+{
+    QMutexLocker locker(&m_lock);
+    for (const Job &job : std::as_const(m_jobs)) {
+        if (job.id == id)
+            return;
+    }
+    if (m_current == id)
+        return;
+    m_jobs.append({id, folder});
+    m_wake.wakeAll();
+}
+
+void CompressionWorker::cancel(qint64 id)
+{
+    QMutexLocker locker(&m_lock);
+    m_jobs.removeIf([id](const Job &job) { return job.id == id; });
+    if (m_current == id)
+        m_cancelCurrent = true;
+    m_wake.wakeAll();
+}
+
+void CompressionWorker::cancelAll()
+{
+    QMutexLocker locker(&m_lock);
+    m_jobs.clear();
+    if (m_current != 0)
+        m_cancelCurrent = true;
+    m_wake.wakeAll();
+}
+
+void CompressionWorker::setActive(bool active)
+{
+    QMutexLocker locker(&m_lock);
+    m_active = active;
+    m_wake.wakeAll();
+}
+
+void CompressionWorker::stop()
+{
+    {
+        QMutexLocker locker(&m_lock);
+        m_stopping = true;
+        m_cancelCurrent = true;
+        m_wake.wakeAll();
+    }
+    wait();
+}
+
+bool CompressionWorker::cancelled(qint64) const
+{
+    return m_cancelCurrent.load();
+}
+
+bool CompressionWorker::waitUntilActive(qint64 id)
+{
+    QMutexLocker locker(&m_lock);
+    while (!m_active && !m_cancelCurrent.load())
+        m_wake.wait(&m_lock);
+    return !cancelled(id);
+}
+
+void CompressionWorker::run()
+{
+    BtrfsCompressor::lowerThreadPriority();
+    for (;;) {
+        Job job;
+        {
+            QMutexLocker locker(&m_lock);
+            while (!m_stopping && (m_jobs.isEmpty() || !m_active))
+                m_wake.wait(&m_lock);
+            if (m_stopping)
+                return;
+            job = m_jobs.takeFirst();
+            m_current = job.id;
+            m_cancelCurrent = false;
+        }
+        compressFolder(job);
+        QMutexLocker locker(&m_lock);
+        m_current = 0;
+    }
+}
+
+void CompressionWorker::compressFolder(const Job &job)
+{
+    const int folderFd = ::open(job.folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folderFd < 0) {
+        Q_EMIT failed(job.id, QString::fromLocal8Bit(std::strerror(errno)));
+        return;
+    }
+    const QList<QByteArray> files = collectFiles(folderFd, job.folder);
+
+    // The estimate of the next files is worked out on a second thread while the file system
+    // rewrites the current one: the two together take little longer than the rewrite alone.
+    EstimateQueue estimates;
+    std::thread estimator([&] {
+        BtrfsCompressor::lowerThreadPriority();
+        CompressionModel model;
+        for (const QByteArray &path : files) {
+            const int fd = openForReading(folderFd, path);
+            struct stat st {};
+            qint64 estimate = 0;
+            if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
+                estimate = model.savingsForFile(fd);
+            if (fd >= 0)
+                ::close(fd);
+            if (!estimates.push({path, estimate}))
+                return;
+        }
+    });
+
+    quint64 savings = 0;
+    qsizetype done = 0;
+    while (const std::optional<EstimateQueue::Entry> entry = estimates.pop(files.size())) {
+        if (!waitUntilActive(job.id))
+            break;
+        // A file that would not shrink is left as it is.
+        if (entry->estimate > 0) {
+            const int fd = openForReading(folderFd, entry->path);
+            if (fd >= 0
+                && (BtrfsCompressor::isCompressed(fd)
+                    || BtrfsCompressor::compressFile(fd, m_cancelCurrent) == BtrfsCompressor::Result::Compressed))
+                savings += quint64(entry->estimate);
+            if (fd >= 0)
+                ::close(fd);
+        }
+        if (cancelled(job.id))
+            break;
+        ++done;
+        Q_EMIT progress(job.id, quint32(done * 100 / files.size()), savings);
+    }
+    estimates.close();
+    estimator.join();
+    ::close(folderFd);
+    if (!cancelled(job.id))
+        Q_EMIT finished(job.id, 100, savings);
+}

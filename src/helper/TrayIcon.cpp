@@ -1,0 +1,54 @@
+#include "TrayIcon.h"
+
+#include "DistributedNotificationCenter.h"
+#include "Notifications.h"
+#include "VTUtil.h"
+
+#include <QIcon>
+#include <QMenu>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QSystemTrayIcon>
+
+TrayIcon::TrayIcon(QObject *parent)
+    : QObject(parent)
+    , m_icon(new QSystemTrayIcon(QIcon::fromTheme(QStringLiteral("vantor"), QIcon::fromTheme(QStringLiteral("drive-harddisk"))), this))
+    , m_menu(new QMenu)
+{
+    m_menu->addAction(QStringLiteral("Open Vantor settings"), this, &TrayIcon::openSettings);
+    m_icon->setContextMenu(m_menu);
+    connect(m_icon, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger)
+            openSettings();
+    });
+    setTotalSavings(0);
+}
+
+TrayIcon::~TrayIcon()
+{
+    delete m_menu; // a menu has no parent object
+}
+
+void TrayIcon::setVisible(bool visible)
+{
+    m_icon->setVisible(visible && QSystemTrayIcon::isSystemTrayAvailable());
+}
+
+bool TrayIcon::isShown() const
+{
+    return m_icon->isVisible();
+}
+
+void TrayIcon::setTotalSavings(quint64 total)
+{
+    m_icon->setToolTip(QStringLiteral("Vantor: %1 saved").arg(VTUtil::getPrettySize(total)));
+}
+
+void TrayIcon::openSettings()
+{
+    const QString host = QStandardPaths::findExecutable(QLatin1String(kHostExecutable));
+    if (host.isEmpty() || !QProcess::startDetached(host, {}))
+        qWarning("VantorHelper: cannot start %s to open the settings", kHostExecutable);
+    // A pane already open comes to its history tab.
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::ShowHistory));
+}

@@ -1,0 +1,61 @@
+#include "LoopMount.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+
+#include <unistd.h>
+
+LoopMount::LoopMount(const QString &dir, const QString &type, int megabytes)
+    : m_image(dir + QStringLiteral("/%1.img").arg(type))
+    , m_mountPoint(dir + u'/' + type)
+    , m_type(type)
+    , m_megabytes(megabytes)
+{
+}
+
+LoopMount::~LoopMount()
+{
+    if (m_mounted)
+        run(QStringLiteral("umount"), {m_mountPoint});
+    QDir().rmdir(m_mountPoint);
+    QFile::remove(m_image);
+}
+
+bool LoopMount::run(const QString &program, const QStringList &arguments)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, arguments);
+    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
+        m_reason = QStringLiteral("%1 %2 failed: %3")
+                       .arg(program, arguments.join(u' '),
+                            QString::fromLocal8Bit(process.readAll()).trimmed() + process.errorString());
+        return false;
+    }
+    return true;
+}
+
+bool LoopMount::mount()
+{
+    if (::geteuid() != 0) {
+        m_reason = QStringLiteral("mounting a %1 image needs root").arg(m_type);
+        return false;
+    }
+    QFile image(m_image);
+    if (!image.open(QIODevice::WriteOnly) || !image.resize(qint64(m_megabytes) * 1024 * 1024)) {
+        m_reason = QStringLiteral("cannot make the image %1").arg(m_image);
+        return false;
+    }
+    image.close();
+    QDir().mkpath(m_mountPoint);
+    const QString mkfs = QStringLiteral("mkfs.") + m_type;
+    const QStringList quiet = m_type == QLatin1String("btrfs") ? QStringList{QStringLiteral("-q")}
+                                                               : QStringList{QStringLiteral("-q"), QStringLiteral("-F")};
+    if (!run(mkfs, quiet + QStringList{m_image}))
+        return false;
+    if (!run(QStringLiteral("mount"), {QStringLiteral("-o"), QStringLiteral("loop"), m_image, m_mountPoint}))
+        return false;
+    m_mounted = true;
+    return true;
+}

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QString>
+
+// A small file system of the test's own: a sparse image, formatted and loop-mounted in a
+// folder the test owns; unmounted and removed again when the object goes. Mounting needs
+// root and loop devices; where either is missing, mount() fails and reason() says why, so
+// the test can skip.
+class LoopMount
+{
+public:
+    // type: "btrfs" or "ext4". The image and the mount point are made inside dir.
+    LoopMount(const QString &dir, const QString &type, int megabytes = 256);
+    ~LoopMount();
+    LoopMount(const LoopMount &) = delete;
+    LoopMount &operator=(const LoopMount &) = delete;
+
+    bool mount();
+    QString reason() const { return m_reason; }
+    QString mountPoint() const { return m_mountPoint; }
+
+private:
+    bool run(const QString &program, const QStringList &arguments);
+
+    QString m_image;
+    QString m_mountPoint;
+    QString m_type;
+    int m_megabytes;
+    bool m_mounted = false;
+    QString m_reason;
+};
