@@ -12,6 +12,10 @@
 
 int main(int argc, char *argv[])
 {
+    // Before anything logs: standard error may be a pipe nobody reads any more (the pane
+    // that started us is gone).
+    std::signal(SIGPIPE, SIG_IGN);
+
     // With a display the helper has a tray icon; without one (a headless session) it still works.
     const bool display = qEnvironmentVariableIsSet("WAYLAND_DISPLAY") || qEnvironmentVariableIsSet("DISPLAY")
         || qEnvironmentVariableIsSet("QT_QPA_PLATFORM");

@@ -15,6 +15,7 @@
 #include <QPixmap>
 #include <QTimer>
 
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 
@@ -44,6 +45,9 @@ void ensureUserDataFolder()
 
 int main(int argc, char *argv[])
 {
+    // Before anything logs: standard error may be a pipe nobody reads any more (the program
+    // that started us before a relaunch, a closed terminal).
+    std::signal(SIGPIPE, SIG_IGN);
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("vantor-preferences"));
     QApplication::setApplicationDisplayName(QStringLiteral("Vantor"));
