@@ -22,6 +22,7 @@ private Q_SLOTS:
     void brokenPaneIsOneLineAndExitOne();
     void noPaneInstalledSaysSo();
     void quitNotificationFromAnotherProcess();
+    void secondStartLaunchesNoSecondHelper();
     void faultsAreReportedNotFatal_data();
     void faultsAreReportedNotFatal();
 
@@ -177,6 +178,18 @@ void TestHost::quitNotificationFromAnotherProcess()
     QVERIFY(host.waitForFinished(20000));
     QCOMPARE(host.exitStatus(), QProcess::NormalExit);
     QCOMPARE(host.exitCode(), 0);
+}
+
+void TestHost::secondStartLaunchesNoSecondHelper()
+{
+    QCOMPARE(screenshot(environment()).exitCode, 0);
+    QTRY_COMPARE(TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).size(), 1);
+    const int first = TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).firstKey();
+    QCOMPARE(screenshot(environment()).exitCode, 0);
+    QTest::qWait(500);
+    QCOMPARE(TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).keys(), QList<int>{first});
+    TestEnvironment::postWithGdbus(QStringLiteral("vantorHelperShouldQuit"));
+    QTRY_VERIFY(TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).isEmpty());
 }
 
 void TestHost::faultsAreReportedNotFatal_data()

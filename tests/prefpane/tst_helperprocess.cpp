@@ -29,29 +29,12 @@ const QString kHelperName = QStringLiteral("com.quillfen.VantorHelper");
 
 QString helperExecutable()
 {
-    return TestEnvironment::paneBundle()
-        + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/MacOS/VantorHelper");
+    return TestEnvironment::helperExecutable();
 }
 
-// Live (not zombie) processes running the helper executable.
 QList<int> helperProcesses()
 {
-    QList<int> pids;
-    const QString exe = QFileInfo(helperExecutable()).canonicalFilePath();
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        bool ok = false;
-        const int pid = entry.toInt(&ok);
-        if (!ok || QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() != exe)
-            continue;
-        // Only helpers on this test's own bus: other tests start theirs at the same time.
-        const QByteArray environ = TestEnvironment::readFile(QStringLiteral("/proc/%1/environ").arg(pid));
-        if (!environ.split('\0').contains("DBUS_SESSION_BUS_ADDRESS=" + qgetenv("DBUS_SESSION_BUS_ADDRESS")))
-            continue;
-        const QByteArray stat = TestEnvironment::readFile(QStringLiteral("/proc/%1/stat").arg(pid));
-        if (!stat.contains(") Z"))
-            pids.append(pid);
-    }
-    return pids;
+    return TestEnvironment::processesOnThisBus(helperExecutable()).keys();
 }
 
 uint nameOwnerPid()

@@ -29,28 +29,9 @@ namespace {
 const QString kHelperName = QStringLiteral("com.quillfen.VantorHelper");
 const QString kListKey = QStringLiteral("AutoLaunchedApplicationDictionary");
 
-bool onOurBus(int pid)
-{
-    const QByteArray environ = TestEnvironment::readFile(QStringLiteral("/proc/%1/environ").arg(pid));
-    return environ.split('\0').contains("DBUS_SESSION_BUS_ADDRESS=" + qgetenv("DBUS_SESSION_BUS_ADDRESS"));
-}
-
-// Live processes on this test's bus running executable; each with its arguments.
 QMap<int, QList<QByteArray>> processesRunning(const QString &executable)
 {
-    QMap<int, QList<QByteArray>> found;
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        bool ok = false;
-        const int pid = entry.toInt(&ok);
-        if (!ok || QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() != executable || !onOurBus(pid))
-            continue;
-        if (TestEnvironment::readFile(QStringLiteral("/proc/%1/stat").arg(pid)).contains(") Z"))
-            continue;
-        QList<QByteArray> args = TestEnvironment::readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).split('\0');
-        args.removeLast();
-        found.insert(pid, args);
-    }
-    return found;
+    return TestEnvironment::processesOnThisBus(executable);
 }
 
 bool helperOwnsItsName()

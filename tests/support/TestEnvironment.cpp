@@ -69,3 +69,29 @@ int TestEnvironment::postWithGdbus(const QString &name, const QString &userInfo)
                               QStringLiteral("com.quillfen.vantor.DistributedNotification.Post"),
                               QStringLiteral("'%1'").arg(name), userInfo});
 }
+
+QMap<int, QList<QByteArray>> TestEnvironment::processesOnThisBus(const QString &executable)
+{
+    QMap<int, QList<QByteArray>> found;
+    const QString exe = QFileInfo(executable).canonicalFilePath();
+    const QByteArray bus = "DBUS_SESSION_BUS_ADDRESS=" + qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool ok = false;
+        const int pid = entry.toInt(&ok);
+        if (!ok || QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() != exe)
+            continue;
+        if (!readFile(QStringLiteral("/proc/%1/environ").arg(pid)).split('\0').contains(bus))
+            continue;
+        if (readFile(QStringLiteral("/proc/%1/stat").arg(pid)).contains(") Z"))
+            continue;
+        QList<QByteArray> args = readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).split('\0');
+        args.removeLast();
+        found.insert(pid, args);
+    }
+    return found;
+}
+
+QString TestEnvironment::helperExecutable()
+{
+    return paneBundle() + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/MacOS/VantorHelper");
+}

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
+#include <QMap>
 #include <QString>
 #include <QTemporaryDir>
 
@@ -30,6 +32,11 @@ public:
     // Posts a distributed notification from another process (gdbus, a third-party sender);
     // userInfo is in GVariant text form. Returns gdbus's exit code.
     static int postWithGdbus(const QString &name, const QString &userInfo = QStringLiteral("@a{sv} {}"));
+
+    // Live (not zombie) processes running executable on this test's own session bus (other
+    // tests start theirs at the same time), each with its arguments.
+    static QMap<int, QList<QByteArray>> processesOnThisBus(const QString &executable);
+    static QString helperExecutable();
 
 private:
     QTemporaryDir m_dir;
