@@ -21,6 +21,18 @@ extern char **environ;
 
 namespace {
 
+void splitAtNul(const std::string &all, std::vector<std::string> *items)
+{
+    size_t start = 0;
+    while (start < all.size()) {
+        size_t end = all.find('\0', start);
+        if (end == std::string::npos)
+            end = all.size();
+        items->push_back(all.substr(start, end - start));
+        start = end + 1;
+    }
+}
+
 // A NUL-separated /proc list (cmdline, environ); false when it cannot be read.
 bool readNulList(const std::string &path, std::vector<std::string> *items)
 {
@@ -30,14 +42,7 @@ bool readNulList(const std::string &path, std::vector<std::string> *items)
     const std::string all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (in.bad())
         return false;
-    size_t start = 0;
-    while (start < all.size()) {
-        size_t end = all.find('\0', start);
-        if (end == std::string::npos)
-            end = all.size();
-        items->push_back(all.substr(start, end - start));
-        start = end + 1;
-    }
+    splitAtNul(all, items);
     return true;
 }
 
@@ -64,14 +69,7 @@ bool decodeArguments(const char *hex, std::vector<std::string> *items)
             return false;
         bytes.push_back(char(value));
     }
-    size_t start = 0;
-    while (start < bytes.size()) {
-        size_t end = bytes.find('\0', start);
-        if (end == std::string::npos)
-            end = bytes.size();
-        items->push_back(bytes.substr(start, end - start));
-        start = end + 1;
-    }
+    splitAtNul(bytes, items);
     return !items->empty();
 }
 
