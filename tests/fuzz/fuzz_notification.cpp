@@ -125,7 +125,7 @@ void check(const DistributedNotification &note)
 {
     ++g_delivered;
     // Every payload must be one a property list can hold: the helper keeps and logs them.
-    if (PropertyList::toXml(note.userInfo).isEmpty()) {
+    if (PropertyList::toData(note.userInfo).isEmpty()) {
         std::fprintf(stderr, "payload of %s is not a property-list value\n", qPrintable(note.name));
         std::abort();
     }

@@ -13,6 +13,7 @@
 #include <QTest>
 #include <QUuid>
 
+#include <climits>
 #include <csignal>
 
 namespace {
@@ -52,6 +53,7 @@ private Q_SLOTS:
     void badArguments_data();
     void badArguments();
     void startsAgainAsItWas();
+    void survivesClosedOutput();
     void hostComesBackAfterUpdate();
 
 private:
@@ -105,6 +107,25 @@ void TestRelaunch::startsAgainAsItWas()
     QCOMPARE(tool.exitCode(), 0);
     QVERIFY(app.state() == QProcess::NotRunning || app.waitForFinished(1000));
     QTRY_COMPARE(TestEnvironment::readFile(record), QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
+}
+
+// The ended process's output was a pipe whose reader has gone too; the application started
+// again writes to its output and must live on.
+void TestRelaunch::survivesClosedOutput()
+{
+    const QString record = m_env.root() + QStringLiteral("/after-output");
+    const QString script = m_env.root() + QStringLiteral("/talker.sh");
+    TestEnvironment::writeFile(script, "#!/bin/sh\nsleep 0.5\necho one line >&2\necho out\necho alive > '"
+                                           + QFile::encodeName(record) + "'\n");
+    QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    {
+        QProcess tool;
+        // A process id that has already ended: the application starts at once.
+        tool.start(relaunchTool(), {script, QStringLiteral("%1").arg(INT_MAX)});
+        QVERIFY(tool.waitForFinished(5000));
+        QCOMPARE(tool.exitCode(), 0);
+    } // the tool's pipes are closed here, before the application writes
+    QTRY_COMPARE(TestEnvironment::readFile(record), QByteArray("alive\n"));
 }
 
 void TestRelaunch::hostComesBackAfterUpdate()

@@ -7,6 +7,8 @@
 #include "TestEnvironment.h"
 #include "VTUtil.h"
 
+#include <QDir>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QTest>
@@ -44,6 +46,7 @@ void TestCrashSafety::killedWriterLeavesOldOrNew()
             return ReliabilityStates::settingsAt(step);
         return QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), ReliabilityStates::loginListAt(step)}};
     };
+    QVERIFY(QDir().mkpath(QFileInfo(path).path()));
     QVERIFY(PropertyList::writeFile(path, expected(0)));
 
     // VANTOR_KILLS=1000 for the long run.

@@ -121,7 +121,8 @@ void TestDamagedHistory::damagedStore_data()
     QTest::newRow("text") << "text" << "replaced";
     QTest::newRow("empty") << "empty" << "kept";
     QTest::newRow("truncated header") << "header" << "replaced";
-    QTest::newRow("truncated to half") << "half" << "kept";
+    // The header's page count no longer matches the file: the schema cannot be read.
+    QTest::newRow("truncated to half") << "half" << "replaced";
     QTest::newRow("zeroed first page") << "zero-first" << "replaced";
     QTest::newRow("zeroed pages") << "zero-inner" << "kept";
     QTest::newRow("damaged schema") << "schema" << "replaced";
@@ -185,11 +186,15 @@ void TestDamagedHistory::damagedStore()
         // A new, empty store took its place.
         QCOMPARE(sqlite(path, QStringLiteral("SELECT count(*) FROM ZHISTORY")), QStringLiteral("0"));
     } else {
-        // The alert, then the store's own error and the stack's.
-        QCOMPARE(run.alerts.size(), 3);
-        QCOMPARE(run.alerts.at(0), kCorruptAlert);
-        QCOMPARE(run.alerts.at(2), QStringLiteral("vantor-preferences: alert: Failed to initialize the store: "
-                                                  "There was an error building up the data file."));
+        // The alert, then the store's own error and the stack's; every request of the store
+        // during start-up tries again, with the same three.
+        QVERIFY(!run.alerts.isEmpty() && run.alerts.size() % 3 == 0);
+        for (qsizetype i = 0; i < run.alerts.size(); i += 3) {
+            QCOMPARE(run.alerts.at(i), kCorruptAlert);
+            QVERIFY(run.alerts.at(i + 1).startsWith(QStringLiteral("vantor-preferences: alert: The history store ")));
+            QCOMPARE(run.alerts.at(i + 2), QStringLiteral("vantor-preferences: alert: Failed to initialize the store: "
+                                                          "There was an error building up the data file."));
+        }
         QVERIFY(QFileInfo(path).isDir());
     }
 }
