@@ -83,9 +83,9 @@ QVariant value(Input &in, int depth)
     case 11: return QVariant::fromValue(QDBusSignature(QStringLiteral("a{sv}")));
     case 12: return in.bytes(in.byte() * 4);
     case 13: {
-        // Arrays, up to a huge one of 100,000 entries.
+        // Arrays, up to a huge one of 20,000 entries.
         const uint8_t n = in.byte();
-        const int count = n >= 250 ? 100000 : n % 8;
+        const int count = n >= 250 ? 20000 : n % 8;
         QVariantList list;
         if (count > 8) {
             const QVariant item = value(in, depth + 1);
