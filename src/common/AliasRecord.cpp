@@ -112,7 +112,9 @@ std::optional<AliasRecord> AliasRecord::fromBytes(const QByteArray &bytes)
     if (bytes.size() < kHeaderSize + kTrailerSize || std::memcmp(bytes.constData(), kMagic, sizeof kMagic) != 0)
         return std::nullopt;
     const char *data = bytes.constData();
-    if (qFromLittleEndian<quint16>(data + 4) != kVersion || qFromLittleEndian<quint32>(data + 8) != quint32(bytes.size()))
+    // Reserved must be 0: a record using it was made by a format this code does not know.
+    if (qFromLittleEndian<quint16>(data + 4) != kVersion || qFromLittleEndian<quint16>(data + 6) != 0
+        || qFromLittleEndian<quint32>(data + 8) != quint32(bytes.size()))
         return std::nullopt;
     const qsizetype bodyEnd = bytes.size() - kTrailerSize;
     if (qFromLittleEndian<quint16>(data + bodyEnd) != qChecksum(QByteArrayView(data, bodyEnd)))

@@ -3,20 +3,48 @@
 #include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDBusSignature>
 #include <QDBusVariant>
 #include <QPointer>
 
 namespace {
 
-// Incoming a{sv} values arrive partly still marshalled; turn them into plain property-list values.
+// Incoming a{sv} values arrive partly still marshalled, and carry whatever D-Bus types the
+// sender chose. Handlers are promised property-list values: types with a property-list
+// counterpart are converted (bytes to integers, object paths and signatures to strings),
+// the rest (structures, file descriptors) are dropped. An invalid result means "drop".
 QVariant unmarshal(const QVariant &value, int depth = 0)
 {
     if (depth > 64)
         return {};
-    if (value.canConvert<QDBusVariant>() && value.userType() == qMetaTypeId<QDBusVariant>())
+    const int type = value.userType();
+    if (type == qMetaTypeId<QDBusVariant>())
         return unmarshal(value.value<QDBusVariant>().variant(), depth + 1);
-    if (value.userType() != qMetaTypeId<QDBusArgument>())
+    if (type == qMetaTypeId<QDBusObjectPath>())
+        return value.value<QDBusObjectPath>().path();
+    if (type == qMetaTypeId<QDBusSignature>())
+        return value.value<QDBusSignature>().signature();
+    switch (type) {
+    case QMetaType::Bool:
+    case QMetaType::Short:
+    case QMetaType::UShort:
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::Double:
+    case QMetaType::QString:
+    case QMetaType::QByteArray:
+    case QMetaType::QStringList:
         return value;
+    case QMetaType::UChar:
+        return int(value.value<uchar>());
+    default:
+        break;
+    }
+    if (type != qMetaTypeId<QDBusArgument>())
+        return {};
 
     const auto arg = value.value<QDBusArgument>();
     switch (arg.currentType()) {
@@ -28,8 +56,11 @@ QVariant unmarshal(const QVariant &value, int depth = 0)
         }
         QVariantList list;
         arg.beginArray();
-        while (!arg.atEnd())
-            list.append(unmarshal(arg.asVariant(), depth + 1));
+        while (!arg.atEnd()) {
+            const QVariant item = unmarshal(arg.asVariant(), depth + 1);
+            if (item.isValid())
+                list.append(item);
+        }
         arg.endArray();
         return list;
     }
@@ -38,10 +69,11 @@ QVariant unmarshal(const QVariant &value, int depth = 0)
         arg.beginMap();
         while (!arg.atEnd()) {
             arg.beginMapEntry();
-            const QVariant key = arg.asVariant();
-            const QVariant v = arg.asVariant();
+            const QVariant key = unmarshal(arg.asVariant(), depth + 1);
+            const QVariant v = unmarshal(arg.asVariant(), depth + 1);
             arg.endMapEntry();
-            map.insert(key.toString(), unmarshal(v, depth + 1));
+            if (key.isValid() && v.isValid())
+                map.insert(key.toString(), v);
         }
         arg.endMap();
         return map;
@@ -49,7 +81,6 @@ QVariant unmarshal(const QVariant &value, int depth = 0)
     case QDBusArgument::VariantType:
         return unmarshal(arg.asVariant(), depth + 1);
     default:
-        // Structures are not property-list values.
         return {};
     }
 }
@@ -119,8 +150,11 @@ void DistributedNotificationCenter::addObserver(QObject *observer, const QString
 void DistributedNotificationCenter::deliver(const QString &name, const QVariantMap &userInfo)
 {
     DistributedNotification note{name, {}};
-    for (auto it = userInfo.cbegin(); it != userInfo.cend(); ++it)
-        note.userInfo.insert(it.key(), unmarshal(it.value()));
+    for (auto it = userInfo.cbegin(); it != userInfo.cend(); ++it) {
+        const QVariant value = unmarshal(it.value());
+        if (value.isValid())
+            note.userInfo.insert(it.key(), value);
+    }
     // A handler may add observers or delete its observer; work on a snapshot.
     const QList<Observer> snapshot = m_observers;
     for (const Observer &o : snapshot) {

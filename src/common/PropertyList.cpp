@@ -8,7 +8,9 @@
 
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <memory>
 
@@ -47,11 +49,12 @@ std::optional<QVariant> toVariant(plist_t node, int depth)
         return QVariant(d);
     }
     case PLIST_STRING: {
-        char *s = nullptr;
-        plist_get_string_val(node, &s);
-        QString str = QString::fromUtf8(s ? s : "");
-        std::free(s);
-        return QVariant(str);
+        // Not plist_get_string_val, which copies only to assert that no NUL is inside.
+        uint64_t length = 0;
+        const char *s = plist_get_string_ptr(node, &length);
+        if (!s)
+            return QVariant(QString());
+        return QVariant(QString::fromUtf8(s, qsizetype(strnlen(s, size_t(length)))));
     }
     case PLIST_DATA: {
         char *d = nullptr;
@@ -170,6 +173,99 @@ plist_t fromVariant(const QVariant &v, int depth)
     }
 }
 
+bool isXmlText(const QString &text)
+{
+    for (const QChar c : text) {
+        const char16_t u = c.unicode();
+        if ((u < 0x20 && u != 0x9 && u != 0xA && u != 0xD) || u == 0xFFFE || u == 0xFFFF)
+            return false;
+    }
+    return true;
+}
+
+// libplist writes strings into XML as they are, whatever they hold.
+bool xmlCanHold(const QVariant &v, int depth)
+{
+    if (depth > kMaxDepth)
+        return false;
+    switch (v.typeId()) {
+    case QMetaType::QString:
+        return isXmlText(v.toString());
+    case QMetaType::QStringList:
+    case QMetaType::QVariantList: {
+        const QVariantList list = v.toList();
+        return std::all_of(list.cbegin(), list.cend(), [depth](const QVariant &item) { return xmlCanHold(item, depth + 1); });
+    }
+    case QMetaType::QVariantMap: {
+        const QVariantMap map = v.toMap();
+        for (auto it = map.cbegin(); it != map.cend(); ++it) {
+            if (!isXmlText(it.key()) || !xmlCanHold(it.value(), depth + 1))
+                return false;
+        }
+        return true;
+    }
+    default:
+        return true;
+    }
+}
+
+quint64 bigEndian(const uchar *p, int size)
+{
+    quint64 v = 0;
+    for (int i = 0; i < size; ++i)
+        v = (v << 8) | p[i];
+    return v;
+}
+
+// libplist 2.2 ends the process (an assertion) when it is asked for a dictionary key with a
+// NUL inside, which a binary list can hold and there is no other way to read. So binary
+// lists with a NUL in any string are refused before libplist builds them. The check walks
+// the object table only as far as finding each string needs; libplist checks the rest.
+bool binaryStringsHaveNoNul(const QByteArray &data)
+{
+    constexpr qsizetype kTrailer = 32;
+    const auto *bytes = reinterpret_cast<const uchar *>(data.constData());
+    const quint64 size = quint64(data.size());
+    if (size < 8 + kTrailer)
+        return false;
+    const uchar *trailer = bytes + size - kTrailer;
+    const int offsetSize = trailer[6];
+    const quint64 objects = bigEndian(trailer + 8, 8);
+    const quint64 tableAt = bigEndian(trailer + 24, 8);
+    if (offsetSize < 1 || offsetSize > 8 || tableAt >= size || objects > (size - tableAt) / quint64(offsetSize))
+        return false;
+    for (quint64 i = 0; i < objects; ++i) {
+        const quint64 at = bigEndian(bytes + tableAt + i * quint64(offsetSize), offsetSize);
+        if (at >= size)
+            return false;
+        const uchar marker = bytes[at];
+        const int kind = marker >> 4;
+        if (kind != 0x5 && kind != 0x6)
+            continue;
+        quint64 length = marker & 0xF;
+        quint64 start = at + 1;
+        if (length == 0xF) {
+            // The length follows as an integer object: 0x1n and 2^n bytes.
+            if (start >= size || (bytes[start] & 0xF0) != 0x10 || (bytes[start] & 0xF) > 3)
+                return false;
+            const int lengthSize = 1 << (bytes[start] & 0xF);
+            if (start + 1 + quint64(lengthSize) > size)
+                return false;
+            length = bigEndian(bytes + start + 1, lengthSize);
+            start += 1 + quint64(lengthSize);
+        }
+        const quint64 unit = kind == 0x6 ? 2 : 1;
+        if (length > (size - start) / unit)
+            return false;
+        for (quint64 j = 0; j < length; ++j) {
+            const uchar *c = bytes + start + j * unit;
+            if (c[0] == 0 && (unit == 1 || c[1] == 0))
+                return false;
+        }
+    }
+    return true;
+}
+
 // libplist 2.2 trusts its XML input; only well-formed documents with a plist root reach it.
 bool isWellFormedPlistXml(const QByteArray &data)
 {
@@ -194,6 +290,8 @@ std::optional<QVariant> PropertyList::fromData(const QByteArray &data)
         return std::nullopt;
     plist_t raw = nullptr;
     if (plist_is_binary(data.constData(), uint32_t(data.size()))) {
+        if (!binaryStringsHaveNoNul(data))
+            return std::nullopt;
         plist_from_bin(data.constData(), uint32_t(data.size()), &raw);
     } else {
         if (!isWellFormedPlistXml(data))
@@ -208,6 +306,8 @@ std::optional<QVariant> PropertyList::fromData(const QByteArray &data)
 
 QByteArray PropertyList::toXml(const QVariant &value)
 {
+    if (!xmlCanHold(value, 0))
+        return {};
     PlistPtr root(fromVariant(value, 0));
     if (!root)
         return {};
@@ -217,6 +317,25 @@ QByteArray PropertyList::toXml(const QVariant &value)
     QByteArray out(xml, qsizetype(length));
     plist_to_xml_free(xml);
     return out;
+}
+
+QByteArray PropertyList::toBinary(const QVariant &value)
+{
+    PlistPtr root(fromVariant(value, 0));
+    if (!root)
+        return {};
+    char *bin = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(root.get(), &bin, &length);
+    QByteArray out(bin, qsizetype(length));
+    plist_to_bin_free(bin);
+    return out;
+}
+
+QByteArray PropertyList::toData(const QVariant &value)
+{
+    const QByteArray xml = toXml(value);
+    return xml.isEmpty() ? toBinary(value) : xml;
 }
 
 std::optional<QVariant> PropertyList::readFile(const QString &path)
@@ -231,13 +350,13 @@ std::optional<QVariant> PropertyList::readFile(const QString &path)
 
 bool PropertyList::writeFile(const QString &path, const QVariant &value, QString *error)
 {
-    const QByteArray xml = toXml(value);
-    if (xml.isEmpty()) {
+    const QByteArray data = toData(value);
+    if (data.isEmpty()) {
         if (error)
             *error = QStringLiteral("value cannot be stored in a property list");
         return false;
     }
-    return AtomicFile::write(path, xml, error);
+    return AtomicFile::write(path, data, error);
 }
 
 bool PropertyList::boolValue(const QVariant &value)

@@ -11,10 +11,12 @@
 namespace {
 
 QMutex g_lock;
+// Bundles live until the process ends, as callers keep their pointers; the table is never
+// destroyed either, so nothing looks lost to a leak checker at exit.
 QHash<QString, Bundle *> &bundles()
 {
-    static QHash<QString, Bundle *> map;
-    return map;
+    static auto *map = new QHash<QString, Bundle *>;
+    return *map;
 }
 
 QString executableFile()

@@ -115,4 +115,6 @@ private:
     // refresh asked for meanwhile runs once the build is over.
     bool m_building = false;
     bool m_refreshPending = false;
+    // A refresh is queued behind the notifications that are waiting; they all share it.
+    bool m_refreshQueued = false;
 };

@@ -57,7 +57,19 @@ void VTHistoryController::savingsNeedRefreshing(const DistributedNotification &)
         m_refreshPending = true;
         return;
     }
-    refresh();
+    // A burst of notifications would otherwise run one full refresh each, and painting waits
+    // behind them all. The queued refresh runs after every notification that has already
+    // arrived, so the last one is always followed by a refresh.
+    if (m_refreshQueued)
+        return;
+    m_refreshQueued = true;
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            m_refreshQueued = false;
+            refresh();
+        },
+        Qt::QueuedConnection);
 }
 
 void VTHistoryController::refresh()

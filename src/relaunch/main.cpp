@@ -11,10 +11,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <poll.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 extern char **environ;
@@ -156,8 +158,22 @@ int main(int argc, char *argv[])
     if (!workingFolder.empty() && ::chdir(workingFolder.c_str()) != 0)
         std::fprintf(stderr, "relaunch: cannot enter %s: %s\n", workingFolder.c_str(), std::strerror(errno));
 
-    if (DetachedSpawn::spawn(application.c_str(), args.data(), environment.empty() ? environ : env.data()) < 0) {
-        std::fprintf(stderr, "relaunch: cannot start %s: %s\n", application.c_str(), std::strerror(errno));
+    // The application is started detached: it must not share the ended process's output,
+    // often a pipe whose reader went away with it, where its first log line would end it
+    // (SIGPIPE). Our own errors still go where they went.
+    const int savedError = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null >= 0) {
+        for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+            ::dup2(null, fd);
+        ::close(null);
+    }
+    const bool started = DetachedSpawn::spawn(application.c_str(), args.data(), environment.empty() ? environ : env.data()) >= 0;
+    const int spawnError = errno;
+    if (savedError >= 0)
+        ::dup2(savedError, STDERR_FILENO);
+    if (!started) {
+        std::fprintf(stderr, "relaunch: cannot start %s: %s\n", application.c_str(), std::strerror(spawnError));
         return 1;
     }
     return 0;

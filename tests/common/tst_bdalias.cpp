@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTest>
+#include <QtEndian>
 
 #include <sys/stat.h>
 
@@ -91,14 +92,25 @@ private Q_SLOTS:
         const QByteArray good = BDAlias::aliasWithPath(m_env.home())->aliasData();
         QByteArray flipped = good;
         flipped[flipped.size() / 2] = char(flipped[flipped.size() / 2] ^ 0x40);
+        // Changed fields with a checksum that matches them, so the field itself is refused.
+        auto mended = [](QByteArray bytes) {
+            const qsizetype body = bytes.size() - 2;
+            qToLittleEndian<quint16>(qChecksum(QByteArrayView(bytes.constData(), body)), bytes.data() + body);
+            return bytes;
+        };
         QByteArray newer = good;
         newer[4] = 2;
+        newer = mended(newer);
+        QByteArray reserved = good;
+        reserved[7] = char(0x80);
+        reserved = mended(reserved);
         QTest::addRow("empty") << QByteArray("");
         QTest::addRow("garbage") << QByteArray("\x00\x01garbage that is no alias record at all", 40);
         QTest::addRow("one byte short") << good.chopped(1);
         QTest::addRow("one byte long") << good + 'x';
         QTest::addRow("bit flipped") << flipped;
         QTest::addRow("unknown version") << newer;
+        QTest::addRow("reserved bits set") << reserved;
     }
     void unreadableDataIsNone()
     {

@@ -1,5 +1,6 @@
 #include "DistributedNotificationCenter.h"
 #include "NotificationRecorder.h"
+#include "PropertyList.h"
 #include "TestEnvironment.h"
 #include "VTPreferenceCommunicator.h"
 
@@ -15,6 +16,8 @@ private Q_SLOTS:
     void payloadsArriveAsPropertyListValues();
     void observersHearOnlyTheirNames();
     void thirdPartySenderIsHeard();
+    void foreignTypesArriveAsPropertyListValues_data();
+    void foreignTypesArriveAsPropertyListValues();
     void communicatorSenders_data();
     void communicatorSenders();
     void communicatorIsCreatedOnce();
@@ -73,6 +76,35 @@ void TestDistributedNotificationCenter::thirdPartySenderIsHeard()
              0);
     QVERIFY(QTest::qWaitFor([&] { return !heard.isEmpty(); }, 5000));
     QCOMPARE(heard.value("foldersToRemove").toStringList(), QStringList({"/x", "/y"}));
+}
+
+void TestDistributedNotificationCenter::foreignTypesArriveAsPropertyListValues_data()
+{
+    QTest::addColumn<QString>("userInfo");
+    QTest::addColumn<QVariantMap>("expected");
+    QTest::newRow("byte") << "{'y': <byte 0x41>}" << QVariantMap{{"y", 65}};
+    QTest::newRow("object path") << "{'p': <objectpath '/a/b'>}" << QVariantMap{{"p", QStringLiteral("/a/b")}};
+    QTest::newRow("signature") << "{'g': <signature 'a{sv}'>}" << QVariantMap{{"g", QStringLiteral("a{sv}")}};
+    QTest::newRow("structure dropped") << "{'s': <('x', 1)>, 'k': <true>}" << QVariantMap{{"k", true}};
+    QTest::newRow("inside an array") << "{'a': <[<objectpath '/x'>, <('x', 1)>, <byte 2>]>}"
+                                     << QVariantMap{{"a", QVariantList{QStringLiteral("/x"), 2}}};
+    QTest::newRow("dictionary with integer keys") << "{'d': <{1: 'one'}>}"
+                                                  << QVariantMap{{"d", QVariantMap{{"1", QStringLiteral("one")}}}};
+}
+
+// Another program may send any D-Bus type; handlers only ever see property-list values.
+void TestDistributedNotificationCenter::foreignTypesArriveAsPropertyListValues()
+{
+    QFETCH(QString, userInfo);
+    QFETCH(QVariantMap, expected);
+    QObject observer;
+    std::optional<QVariantMap> heard;
+    DistributedNotificationCenter::defaultCenter()->addObserver(
+        &observer, QStringLiteral("test.foreign"), [&](const DistributedNotification &n) { heard = n.userInfo; });
+    QCOMPARE(TestEnvironment::postWithGdbus(QStringLiteral("test.foreign"), userInfo), 0);
+    QVERIFY(QTest::qWaitFor([&] { return heard.has_value(); }, 5000));
+    QCOMPARE(*heard, expected);
+    QVERIFY(!PropertyList::toXml(*heard).isEmpty());
 }
 
 void TestDistributedNotificationCenter::communicatorSenders_data()

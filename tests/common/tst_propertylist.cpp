@@ -19,6 +19,8 @@ private Q_SLOTS:
     void notAPropertyList_data();
     void notAPropertyList();
     void readsBinary();
+    void binaryNulIsRefused_data();
+    void binaryNulIsRefused();
     void boolValue_data();
     void boolValue();
     void writeIsAtomicAndPrivate();
@@ -44,6 +46,11 @@ void TestPropertyList::roundTrip_data()
     QTest::newRow("empty array") << QVariant(QVariantMap{{"folderAliases", QVariantList()}}) << "{'folderAliases': []}";
     QTest::newRow("date") << QVariant(QVariantMap{{"t", QDateTime(QDate(2020, 1, 2), QTime(3, 4, 5), Qt::UTC)}})
                           << "{'t': datetime.datetime(2020, 1, 2, 3, 4, 5)}";
+    // Legal in file names and binary lists, not in XML: such values are kept in binary form.
+    QTest::newRow("control characters") << QVariant(QVariantMap{{"Path", QStringLiteral("/home/u/a\x01" "b\x1f")}})
+                                        << "{'Path': '/home/u/a\\x01b\\x1f'}";
+    QTest::newRow("control character in a key") << QVariant(QVariantMap{{"k\x08", QVariantList{true}}})
+                                                 << "{'k\\x08': [True]}";
 }
 
 void TestPropertyList::roundTrip()
@@ -54,7 +61,7 @@ void TestPropertyList::roundTrip()
     QVERIFY(PropertyList::writeFile(path, value));
     const auto back = PropertyList::readFile(path);
     QVERIFY(back.has_value());
-    QCOMPARE(PropertyList::toXml(*back), PropertyList::toXml(value));
+    QCOMPARE(PropertyList::toData(*back), PropertyList::toData(value));
     // A third-party reader sees the same values.
     QCOMPARE(TestEnvironment::pythonPlist(path), python);
 }
@@ -91,6 +98,27 @@ void TestPropertyList::readsBinary()
     QVERIFY(back.has_value());
     QCOMPARE(back->toMap().value("visible"), QVariant(false));
     QCOMPARE(back->toMap().value("n").toLongLong(), 7);
+
+}
+
+// Strings with a NUL inside, as another program may write them in binary form: libplist
+// ends the process when such a string or key is read. They are no property list here.
+void TestPropertyList::binaryNulIsRefused_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    // {"Path": "/a\0b"}, {"a\0b": 1} and ["x\0é"] (UTF-16), as Python's plistlib writes them.
+    QTest::newRow("in a value") << QByteArray::fromHex("62706c6973743030d101025450617468542f610062080b100000000000000101"
+                                                       "000000000000000300000000000000000000000000000015");
+    QTest::newRow("in a key") << QByteArray::fromHex("62706c6973743030d10102536100621001080b0f000000000000010100000000"
+                                                     "0000000300000000000000000000000000000011");
+    QTest::newRow("in UTF-16") << QByteArray::fromHex("62706c6973743030a101630078000000e9080a00000000000001010000000000"
+                                                      "00000200000000000000000000000000000011");
+}
+
+void TestPropertyList::binaryNulIsRefused()
+{
+    QFETCH(QByteArray, bytes);
+    QVERIFY(!PropertyList::fromData(bytes).has_value());
 }
 
 void TestPropertyList::boolValue_data()

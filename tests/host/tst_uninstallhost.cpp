@@ -114,6 +114,7 @@ void TestUninstallHost::uninstallThenRestart()
     QCOMPARE(tools.size(), 1);
     QCOMPARE(tools.first().mid(1), (QList<QByteArray>{QFile::encodeName(host), QByteArray::number(first.processId())}));
 
+    recorder.clear();
     first.write("click restartButton\n");
     QVERIFY(first.waitForFinished(10000));
     QCOMPARE(first.exitCode(), 0);
@@ -122,7 +123,11 @@ void TestUninstallHost::uninstallThenRestart()
     QMap<int, QList<QByteArray>> again;
     QTRY_VERIFY_WITH_TIMEOUT(!(again = processes(token, QFileInfo(host).canonicalFilePath())).isEmpty(), 10000);
     QCOMPARE(again.size(), 1);
-    QTRY_VERIFY_WITH_TIMEOUT(said(err, "no Vantor pane is installed"), 10000);
+    // Started detached, its output goes nowhere; a host with the pane would announce the
+    // pane's version as it starts.
+    QTest::qWait(1500);
+    QVERIFY(processes(token, QFileInfo(host).canonicalFilePath()).contains(again.firstKey()));
+    QVERIFY(!recorder.names().contains(QLatin1String(Notifications::Version)));
     QVERIFY(processes(token, tool).isEmpty());
 
     // Nobody's child here: ended by hand.

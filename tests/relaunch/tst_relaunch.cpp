@@ -16,6 +16,7 @@
 #include <unistd.h>
 #include <QUuid>
 
+#include <climits>
 #include <csignal>
 
 namespace {
@@ -55,6 +56,7 @@ private Q_SLOTS:
     void badArguments_data();
     void badArguments();
     void startsAgainAsItWas();
+    void survivesClosedOutput();
     void hostComesBackAfterUpdate_data();
     void hostComesBackAfterUpdate();
 
@@ -109,6 +111,25 @@ void TestRelaunch::startsAgainAsItWas()
     QCOMPARE(tool.exitCode(), 0);
     QVERIFY(app.state() == QProcess::NotRunning || app.waitForFinished(1000));
     QTRY_COMPARE(TestEnvironment::readFile(record), QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
+}
+
+// The ended process's output was a pipe whose reader has gone too; the application started
+// again writes to its output and must live on.
+void TestRelaunch::survivesClosedOutput()
+{
+    const QString record = m_env.root() + QStringLiteral("/after-output");
+    const QString script = m_env.root() + QStringLiteral("/talker.sh");
+    TestEnvironment::writeFile(script, "#!/bin/sh\nsleep 0.5\necho one line >&2\necho out\necho alive > '"
+                                           + QFile::encodeName(record) + "'\n");
+    QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    {
+        QProcess tool;
+        // A process id that has already ended: the application starts at once.
+        tool.start(relaunchTool(), {script, QStringLiteral("%1").arg(INT_MAX)});
+        QVERIFY(tool.waitForFinished(5000));
+        QCOMPARE(tool.exitCode(), 0);
+    } // the tool's pipes are closed here, before the application writes
+    QTRY_COMPARE(TestEnvironment::readFile(record), QByteArray("alive\n"));
 }
 
 void TestRelaunch::hostComesBackAfterUpdate_data()
@@ -174,10 +195,15 @@ void TestRelaunch::hostComesBackAfterUpdate()
     if (sharedTmp)
         QDir(tmpBase + u'/' + copies.first()).removeRecursively();
 
-    // The new host is nobody's child here: end it, and the helper, by hand.
-    for (int pid : processesWithToken(token))
-        ::kill(pid, SIGTERM);
-    QTRY_VERIFY_WITH_TIMEOUT(processesWithToken(token).isEmpty(), 10000);
+    // The new host is nobody's child here: end it, and the helper, by hand. The new host may
+    // still be starting and launch a helper meanwhile, so end whatever is there until none is.
+    auto endAll = [&] {
+        const QList<int> pids = processesWithToken(token);
+        for (int pid : pids)
+            ::kill(pid, SIGTERM);
+        return pids.isEmpty();
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(endAll(), 10000);
     center->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
     QTRY_VERIFY(!bus->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper")).value());
 }

@@ -1,0 +1,98 @@
+// The settings and the login-item list are written by a process that can die at any moment.
+// A writer is killed (SIGKILL) at random moments, over and over, and after every kill the
+// file must parse and hold either the settings before the interrupted write or after it.
+#include "PreferencesDomain.h"
+#include "PropertyList.h"
+#include "ReliabilityStates.h"
+#include "TestEnvironment.h"
+#include "VTUtil.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QTest>
+#include <QThread>
+
+#include <csignal>
+
+class TestCrashSafety : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void killedWriterLeavesOldOrNew_data();
+    void killedWriterLeavesOldOrNew();
+
+private:
+    TestEnvironment m_env;
+};
+
+void TestCrashSafety::killedWriterLeavesOldOrNew_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::newRow("defaults.plist") << "settings";
+    QTest::newRow("login list") << "login";
+}
+
+void TestCrashSafety::killedWriterLeavesOldOrNew()
+{
+    QFETCH(QString, mode);
+    const bool settings = mode == QLatin1String("settings");
+    const QString path = settings ? VTUtil::applicationSupportFolder() + QStringLiteral("/defaults.plist")
+                                  : PreferencesDomain(QStringLiteral("loginwindow")).filePath();
+    auto expected = [&](qint64 step) -> QVariant {
+        if (settings)
+            return ReliabilityStates::settingsAt(step);
+        return QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), ReliabilityStates::loginListAt(step)}};
+    };
+    QVERIFY(QDir().mkpath(QFileInfo(path).path()));
+    QVERIFY(PropertyList::writeFile(path, expected(0)));
+
+    // VANTOR_KILLS=1000 for the long run.
+    const int kills = qEnvironmentVariableIntValue("VANTOR_KILLS") > 0 ? qEnvironmentVariableIntValue("VANTOR_KILLS") : 100;
+    auto *random = QRandomGenerator::global();
+    qint64 step = 0;
+    int interruptedWrites = 0;
+    for (int kill = 0; kill < kills; ++kill) {
+        QProcess writer;
+        writer.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        writer.start(QStringLiteral(VANTOR_RELIABILITY_WRITER), {mode, QString::number(step)});
+        QVERIFY2(writer.waitForReadyRead(30000), "the writer did not start writing");
+        // Anywhere from the first write on, at a random moment within some dozens of writes.
+        QThread::usleep(random->bounded(20000));
+        ::kill(pid_t(writer.processId()), SIGKILL);
+        QVERIFY(writer.waitForFinished(10000));
+        QCOMPARE(writer.exitStatus(), QProcess::CrashExit);
+
+        // The last step known done, and whether the next one had begun.
+        qint64 done = step;
+        bool begun = false;
+        for (const QByteArray &line : writer.readAllStandardOutput().split('\n')) {
+            if (line.startsWith("d "))
+                done = line.mid(2).toLongLong(), begun = false;
+            else if (line.startsWith("w "))
+                begun = true;
+        }
+        const std::optional<QVariant> onDisk = PropertyList::readFile(path);
+        QVERIFY2(onDisk, qPrintable(QStringLiteral("kill %1: the file does not parse").arg(kill)));
+        if (*onDisk == expected(done)) {
+            step = done;
+        } else {
+            QVERIFY2(begun && *onDisk == expected(done + 1),
+                     qPrintable(QStringLiteral("kill %1: the file holds neither step %2 nor %3").arg(kill).arg(done).arg(done + 1)));
+            step = done + 1;
+        }
+        if (begun)
+            ++interruptedWrites;
+        // Now and then a third-party reader agrees.
+        if (kill % 25 == 0)
+            QVERIFY(!TestEnvironment::pythonPlist(path).startsWith(QLatin1String("ERROR")));
+    }
+    qInfo("%s: %d kills, %d of them during a write, %lld steps written", qPrintable(mode), kills,
+          interruptedWrites, static_cast<long long>(step));
+    QVERIFY(step > 0);
+}
+
+QTEST_GUILESS_MAIN(TestCrashSafety)
+#include "tst_crashsafety.moc"
