@@ -3,6 +3,7 @@
 #include "DetachedSpawn.h"
 #include "ProcessWatcher.h"
 
+#include <QCoreApplication>
 #include <QFile>
 
 #include <cerrno>
@@ -11,8 +12,11 @@
 
 extern char **environ;
 
+// Owned by the application until the child ends, so a child that outlives us (the relaunch
+// tool waits for our end) leaves nothing behind.
 Task::Task(pid_t pid)
-    : m_pid(pid)
+    : QObject(QCoreApplication::instance())
+    , m_pid(pid)
     , m_watcher(new ProcessWatcher(pid, this))
 {
     connect(m_watcher, &ProcessWatcher::finished, this, [this] {
