@@ -21,10 +21,7 @@ private:
 
     static QString sqlite(const QString &path, const QString &sql)
     {
-        QProcess shell;
-        shell.start(QStringLiteral("sqlite3"), {path, sql});
-        shell.waitForFinished(30000);
-        return QString::fromUtf8(shell.readAllStandardOutput()).trimmed();
+        return TestEnvironment::sqlite(path, sql);
     }
 
     // Many rows spread the table over many pages; the schema stays on page one.

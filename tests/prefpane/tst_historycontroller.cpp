@@ -28,20 +28,13 @@ private:
 
     QString sqlite(const QString &sql) const
     {
-        QProcess shell;
-        shell.start(QStringLiteral("sqlite3"), {storePath(), sql});
-        shell.waitForFinished(30000);
-        return QString::fromUtf8(shell.readAllStandardOutput()).trimmed();
+        return TestEnvironment::sqlite(storePath(), sql);
     }
 
     // Another program tells the pane that savings changed.
     static void emitSavingsChanged()
     {
-        QProcess::execute(QStringLiteral("gdbus"),
-                          {QStringLiteral("emit"), QStringLiteral("--session"), QStringLiteral("--object-path"),
-                           QStringLiteral("/com/quillfen/vantor"), QStringLiteral("--signal"),
-                           QStringLiteral("com.quillfen.vantor.DistributedNotification.Post"),
-                           QStringLiteral("vantorSavingsChanged"), QStringLiteral("{'from': <'gdbus'>}")});
+        TestEnvironment::postWithGdbus(QStringLiteral("vantorSavingsChanged"), QStringLiteral("{'from': <'gdbus'>}"));
     }
 
     void refreshFromAnotherProgram()

@@ -24,10 +24,7 @@ constexpr qint64 kPage = 4096;
 
 QString sqlite(const QString &path, const QString &sql)
 {
-    QProcess shell;
-    shell.start(QStringLiteral("sqlite3"), {path, sql});
-    shell.waitForFinished(30000);
-    return QString::fromUtf8(shell.readAllStandardOutput() + shell.readAllStandardError()).trimmed();
+    return TestEnvironment::sqlite(path, sql);
 }
 
 ino_t inodeOf(const QString &path)

@@ -30,10 +30,7 @@ private:
     QString storePath() const { return m_env.productFolder() + QStringLiteral("/history.db"); }
     QString sqlite(const QString &sql) const
     {
-        QProcess shell;
-        shell.start(QStringLiteral("sqlite3"), {storePath(), sql});
-        shell.waitForFinished(30000);
-        return QString::fromUtf8(shell.readAllStandardOutput()).trimmed();
+        return TestEnvironment::sqlite(storePath(), sql);
     }
     static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
     // What the table shows adds up: rows (summary row included) make the total.

@@ -95,3 +95,11 @@ QString TestEnvironment::helperExecutable()
 {
     return paneBundle() + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/MacOS/VantorHelper");
 }
+
+QString TestEnvironment::sqlite(const QString &database, const QString &sql)
+{
+    QProcess shell;
+    shell.start(QStringLiteral("sqlite3"), {database, sql});
+    shell.waitForFinished(30000);
+    return QString::fromUtf8(shell.readAllStandardOutput() + shell.readAllStandardError()).trimmed();
+}

@@ -29,6 +29,8 @@ public:
     // Python's plistlib reading path; the repr() of what it finds, or "ERROR: ..." when it fails.
     static QString pythonPlist(const QString &path);
 
+    // The sqlite3 shell's answer (output, then any error) to sql on database.
+    static QString sqlite(const QString &database, const QString &sql);
     // Posts a distributed notification from another process (gdbus, a third-party sender);
     // userInfo is in GVariant text form. Returns gdbus's exit code.
     static int postWithGdbus(const QString &name, const QString &userInfo = QStringLiteral("@a{sv} {}"));
