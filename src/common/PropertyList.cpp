@@ -304,32 +304,35 @@ std::optional<QVariant> PropertyList::fromData(const QByteArray &data)
     return toVariant(root.get(), 0);
 }
 
+namespace {
+
+// One of libplist's writers over a value; empty when the value holds no property-list value.
+template <class Write, class Release>
+QByteArray serialized(const QVariant &value, Write write, Release release)
+{
+    PlistPtr root(fromVariant(value, 0));
+    if (!root)
+        return {};
+    char *bytes = nullptr;
+    uint32_t length = 0;
+    write(root.get(), &bytes, &length);
+    QByteArray out(bytes, qsizetype(length));
+    release(bytes);
+    return out;
+}
+
+} // namespace
+
 QByteArray PropertyList::toXml(const QVariant &value)
 {
     if (!xmlCanHold(value, 0))
         return {};
-    PlistPtr root(fromVariant(value, 0));
-    if (!root)
-        return {};
-    char *xml = nullptr;
-    uint32_t length = 0;
-    plist_to_xml(root.get(), &xml, &length);
-    QByteArray out(xml, qsizetype(length));
-    plist_to_xml_free(xml);
-    return out;
+    return serialized(value, plist_to_xml, plist_to_xml_free);
 }
 
 QByteArray PropertyList::toBinary(const QVariant &value)
 {
-    PlistPtr root(fromVariant(value, 0));
-    if (!root)
-        return {};
-    char *bin = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(root.get(), &bin, &length);
-    QByteArray out(bin, qsizetype(length));
-    plist_to_bin_free(bin);
-    return out;
+    return serialized(value, plist_to_bin, plist_to_bin_free);
 }
 
 QByteArray PropertyList::toData(const QVariant &value)

@@ -78,8 +78,7 @@ void VantorPref::styleMainView()
 
 void VantorPref::mainViewDidLoad()
 {
-    versionNumberTextField->setText(
-        bundle() ? bundle()->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString() : QString());
+    versionNumberTextField->setText(bundleVersion());
 
     // Made now so that both exist before anything else uses them.
     VTDefaultsController::create();
@@ -145,6 +144,12 @@ void VantorPref::didUnselect()
         VTPreferenceCommunicator::sharedCommunicatorController()->notifyHelperShouldQuit();
 }
 
+QString VantorPref::bundleVersion() const
+{
+    // The pane's own bundle, not the host's.
+    return bundle() ? bundle()->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString() : QString();
+}
+
 void VantorPref::firstRunInit()
 {
     VTDefaultsController::sharedDefaultsController()->setFirstRunDone();
@@ -152,8 +157,7 @@ void VantorPref::firstRunInit()
 
 void VantorPref::checkRunningHelperVersion()
 {
-    const QString version =
-        bundle() ? bundle()->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString() : QString();
+    const QString version = bundleVersion();
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::Version), {{QLatin1String(Notifications::VersionKey), version}});
 }

@@ -114,6 +114,7 @@ protected:
     QWidget *buildMainView() override;
 
 private:
+    QString bundleVersion() const;
     void styleMainView();
     QPointF iconLayerPoint(const QPointF &point);
     void setUpHistoryController();

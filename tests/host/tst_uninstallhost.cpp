@@ -22,21 +22,7 @@ namespace {
 // Processes whose environment holds token and that run executable; with their arguments.
 QMap<int, QList<QByteArray>> processes(const QByteArray &token, const QString &executable)
 {
-    QMap<int, QList<QByteArray>> found;
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        bool ok = false;
-        const int pid = entry.toInt(&ok);
-        if (!ok || QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() != executable)
-            continue;
-        if (!TestEnvironment::readFile(QStringLiteral("/proc/%1/environ").arg(pid)).split('\0').contains(token))
-            continue;
-        if (TestEnvironment::readFile(QStringLiteral("/proc/%1/stat").arg(pid)).contains(") Z"))
-            continue;
-        QList<QByteArray> args = TestEnvironment::readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).split('\0');
-        args.removeLast();
-        found.insert(pid, args);
-    }
-    return found;
+    return TestEnvironment::processesWithEnvironment(token, executable);
 }
 
 } // namespace

@@ -27,23 +27,9 @@ QString relaunchTool()
         + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/Frameworks/Sparkle.framework/Resources/relaunch");
 }
 
-// Processes whose environment holds token, running executable when one is given (they are
-// not our children, so /proc is the way).
 QList<int> processesWithToken(const QByteArray &token, const QString &executable = {})
 {
-    QList<int> pids;
-    const QString exe = QFileInfo(executable).canonicalFilePath();
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        bool ok = false;
-        const int pid = entry.toInt(&ok);
-        if (!ok || pid == QCoreApplication::applicationPid())
-            continue;
-        if (!exe.isEmpty() && QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() != exe)
-            continue;
-        if (TestEnvironment::readFile(QStringLiteral("/proc/%1/environ").arg(pid)).split('\0').contains(token))
-            pids.append(pid);
-    }
-    return pids;
+    return TestEnvironment::processesWithEnvironment(token, executable).keys();
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "TestEnvironment.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -70,17 +71,19 @@ int TestEnvironment::postWithGdbus(const QString &name, const QString &userInfo)
                               QStringLiteral("'%1'").arg(name), userInfo});
 }
 
-QMap<int, QList<QByteArray>> TestEnvironment::processesOnThisBus(const QString &executable)
+QMap<int, QList<QByteArray>> TestEnvironment::processesWithEnvironment(const QByteArray &entry,
+                                                                        const QString &executable)
 {
     QMap<int, QList<QByteArray>> found;
     const QString exe = QFileInfo(executable).canonicalFilePath();
-    const QByteArray bus = "DBUS_SESSION_BUS_ADDRESS=" + qgetenv("DBUS_SESSION_BUS_ADDRESS");
-    for (const QString &entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+    for (const QString &name : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
         bool ok = false;
-        const int pid = entry.toInt(&ok);
-        if (!ok || QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() != exe)
+        const int pid = name.toInt(&ok);
+        if (!ok || pid == QCoreApplication::applicationPid())
             continue;
-        if (!readFile(QStringLiteral("/proc/%1/environ").arg(pid)).split('\0').contains(bus))
+        if (!exe.isEmpty() && QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget() != exe)
+            continue;
+        if (!readFile(QStringLiteral("/proc/%1/environ").arg(pid)).split('\0').contains(entry))
             continue;
         if (readFile(QStringLiteral("/proc/%1/stat").arg(pid)).contains(") Z"))
             continue;
@@ -89,6 +92,11 @@ QMap<int, QList<QByteArray>> TestEnvironment::processesOnThisBus(const QString &
         found.insert(pid, args);
     }
     return found;
+}
+
+QMap<int, QList<QByteArray>> TestEnvironment::processesOnThisBus(const QString &executable)
+{
+    return processesWithEnvironment("DBUS_SESSION_BUS_ADDRESS=" + qgetenv("DBUS_SESSION_BUS_ADDRESS"), executable);
 }
 
 QString TestEnvironment::helperExecutable()

@@ -35,8 +35,12 @@ public:
     // userInfo is in GVariant text form. Returns gdbus's exit code.
     static int postWithGdbus(const QString &name, const QString &userInfo = QStringLiteral("@a{sv} {}"));
 
-    // Live (not zombie) processes running executable on this test's own session bus (other
-    // tests start theirs at the same time), each with its arguments.
+    // Live (not zombie) processes other than this one whose environment holds entry
+    // ("NAME=value"), running executable when one is given, each with its arguments. They
+    // need not be our children, so /proc is the way.
+    static QMap<int, QList<QByteArray>> processesWithEnvironment(const QByteArray &entry,
+                                                                 const QString &executable = {});
+    // Those on this test's own session bus (other tests start theirs at the same time).
     static QMap<int, QList<QByteArray>> processesOnThisBus(const QString &executable);
     static QString helperExecutable();
 
