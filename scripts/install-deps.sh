@@ -10,7 +10,7 @@ packages=(
     # run: session bus, desktop integration
     dbus dbus-bin dbus-daemon libglib2.0-bin dex
     # tests: third-party readers, a display, fonts, the helper's file system
-    libplist-utils sqlite3 python3 xvfb xauth fonts-dejavu-core
+    libplist-utils sqlite3 python3 xvfb xauth xdotool fonts-dejavu-core
     btrfs-progs btrfs-compsize
     # fuzzing and sanitizers
     clang-14 libclang-rt-14-dev libfuzzer-14-dev

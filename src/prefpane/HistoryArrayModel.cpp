@@ -3,6 +3,10 @@
 #include "VTSizeToPrettySizeTransformer.h"
 
 #include <QFileInfo>
+#include <QMimeData>
+#include <QUrl>
+
+#include <set>
 
 HistoryArrayModel::HistoryArrayModel(QObject *parent)
     : QAbstractTableModel(parent)
@@ -75,4 +79,48 @@ QVariant HistoryArrayModel::headerData(int section, Qt::Orientation orientation,
     static const QStringList titles{QStringLiteral("Folder"), QStringLiteral("Path"), QStringLiteral("Status"),
                                     QStringLiteral("Savings")};
     return titles.value(section);
+}
+
+Qt::ItemFlags HistoryArrayModel::flags(const QModelIndex &index) const
+{
+    Qt::ItemFlags flags = QAbstractTableModel::flags(index);
+    // The summary row stands for no folder.
+    if (index.isValid() && index.row() < m_rows.size()
+        && m_rows.at(index.row()).value(QStringLiteral("sortID")).toInt() == 0)
+        flags |= Qt::ItemIsDragEnabled;
+    return flags;
+}
+
+QStringList HistoryArrayModel::mimeTypes() const
+{
+    return {QStringLiteral("text/uri-list"), QStringLiteral("text/plain")};
+}
+
+QMimeData *HistoryArrayModel::mimeData(const QModelIndexList &indexes) const
+{
+    std::set<int> rows;
+    for (const QModelIndex &index : indexes) {
+        if (index.isValid() && (flags(index) & Qt::ItemIsDragEnabled))
+            rows.insert(index.row());
+    }
+    if (rows.empty())
+        return nullptr;
+    QList<QUrl> urls;
+    QStringList paths;
+    for (int row : rows) {
+        const QString path = m_rows.at(row).value(QStringLiteral("path")).toString();
+        urls.append(QUrl::fromLocalFile(path));
+        paths.append(path);
+    }
+    auto *data = new QMimeData;
+    data->setUrls(urls);
+    // Editors and terminals take the paths themselves.
+    data->setText(paths.join(QLatin1Char('\n')));
+    return data;
+}
+
+Qt::DropActions HistoryArrayModel::supportedDragActions() const
+{
+    // Never a move: a file manager must not take the user's folder away.
+    return Qt::CopyAction;
 }

@@ -114,9 +114,11 @@ void VantorPref::mainViewDidLoad()
     // Opens the history store now rather than at its first use.
     VTHistoryController::sharedHistoryController()->managedObjectContext();
 
-    // Folders may be dropped on the table.
+    // Folders may be dropped on the table, and its rows dragged out as folders.
     foldersTableView->setAcceptDrops(true);
     foldersTableView->viewport()->setAcceptDrops(true);
+    foldersTableView->setDragEnabled(true);
+    foldersTableView->setDefaultDropAction(Qt::CopyAction);
 
     // One way: the store drives the login item, never the other way round.
     connect(store, &VTDefaultsController::autorunAtLoginChanged, this,

@@ -1,0 +1,86 @@
+// Another application on the same display, as a file manager would be: its window drags the
+// paths it was given as file URLs when pressed, and takes any drop of URLs. It reports on
+// standard output, one line each: "ready", "dropped <url> <url>..." and "result copy|ignore".
+#include <QApplication>
+#include <QDrag>
+#include <QDropEvent>
+#include <QMimeData>
+#include <QMouseEvent>
+#include <QUrl>
+#include <QWidget>
+
+#include <cstdio>
+
+namespace {
+
+void report(const QByteArray &line)
+{
+    std::fputs(line.constData(), stdout);
+    std::fputc('\n', stdout);
+    std::fflush(stdout);
+}
+
+class Peer : public QWidget
+{
+public:
+    explicit Peer(QList<QUrl> urls) : m_urls(std::move(urls)) { setAcceptDrops(true); }
+
+protected:
+    void showEvent(QShowEvent *) override { report("ready"); }
+
+    void mouseMoveEvent(QMouseEvent *event) override
+    {
+        if (m_urls.isEmpty() || !(event->buttons() & Qt::LeftButton) || m_dragging)
+            return;
+        m_dragging = true;
+        auto *drag = new QDrag(this);
+        auto *data = new QMimeData;
+        data->setUrls(m_urls);
+        drag->setMimeData(data);
+        const Qt::DropAction result = drag->exec(Qt::CopyAction | Qt::MoveAction | Qt::LinkAction);
+        report(result == Qt::IgnoreAction ? "result ignore"
+               : result == Qt::CopyAction ? "result copy"
+                                          : "result other");
+        m_dragging = false;
+    }
+
+    void dragEnterEvent(QDragEnterEvent *event) override
+    {
+        if (event->mimeData()->hasUrls() && event->source() != this)
+            event->acceptProposedAction();
+    }
+
+    void dropEvent(QDropEvent *event) override
+    {
+        QByteArray line = "dropped";
+        for (const QUrl &url : event->mimeData()->urls())
+            line += ' ' + url.toEncoded();
+        report(line);
+        event->setDropAction(Qt::CopyAction);
+        event->accept();
+    }
+
+private:
+    QList<QUrl> m_urls;
+    bool m_dragging = false;
+};
+
+} // namespace
+
+// dnd-peer <x> <y> <width> <height> [path...]
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    const QStringList args = app.arguments();
+    if (args.size() < 5) {
+        std::fputs("usage: dnd-peer <x> <y> <width> <height> [path...]\n", stderr);
+        return 2;
+    }
+    QList<QUrl> urls;
+    for (const QString &path : args.mid(5))
+        urls.append(QUrl::fromLocalFile(path));
+    Peer peer(urls);
+    peer.setGeometry(args[1].toInt(), args[2].toInt(), args[3].toInt(), args[4].toInt());
+    peer.show();
+    return app.exec();
+}
