@@ -33,9 +33,20 @@ bool ArrayController::lessThan(const QModelIndex &left, const QModelIndex &right
     VTSortDescriptor descriptor = m_descriptors.at(column);
     if (m_order == Qt::DescendingOrder)
         descriptor = descriptor.reversedSortDescriptor();
-    const QVariantMap first = left.data(HistoryArrayModel::RowRole).toMap();
-    const QVariantMap second = right.data(HistoryArrayModel::RowRole).toMap();
-    return descriptor.compareObject(first, second) < 0;
+    // Sorting compares many times per row: values are read from the rows, not dictionaries.
+    const int keyColumn = int(HistoryArrayModel::columnKeys().indexOf(descriptor.key()));
+    if (keyColumn < 0) {
+        return descriptor.compareObject(left.data(HistoryArrayModel::RowRole).toMap(),
+                                        right.data(HistoryArrayModel::RowRole).toMap())
+            < 0;
+    }
+    const QModelIndex first = left.siblingAtColumn(keyColumn);
+    const QModelIndex second = right.siblingAtColumn(keyColumn);
+    return descriptor.compareRows(first.data(HistoryArrayModel::SortIDRole).toInt(),
+                                  first.data(HistoryArrayModel::ValueRole),
+                                  second.data(HistoryArrayModel::SortIDRole).toInt(),
+                                  second.data(HistoryArrayModel::ValueRole))
+        < 0;
 }
 
 Qt::ItemFlags ArrayController::flags(const QModelIndex &index) const

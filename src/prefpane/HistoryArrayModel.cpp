@@ -6,6 +6,7 @@
 #include <QMimeData>
 #include <QUrl>
 
+#include <iterator>
 #include <set>
 
 HistoryArrayModel::HistoryArrayModel(QObject *parent)
@@ -13,19 +14,55 @@ HistoryArrayModel::HistoryArrayModel(QObject *parent)
 {
 }
 
+namespace {
+
+constexpr HistoryRow::Key kColumns[] = {HistoryRow::Folder, HistoryRow::Path, HistoryRow::Status, HistoryRow::Savings};
+constexpr int kColumnCount = int(std::size(kColumns));
+
+} // namespace
+
 QStringList HistoryArrayModel::columnKeys()
 {
-    return {QStringLiteral("folder"), QStringLiteral("path"), QStringLiteral("status"), QStringLiteral("savings")};
+    static const QStringList keys = [] {
+        QStringList names;
+        for (HistoryRow::Key key : kColumns)
+            names.append(HistoryRow::keyName(key));
+        return names;
+    }();
+    return keys;
 }
 
-void HistoryArrayModel::setRows(const QList<QVariantMap> &rows)
+QList<QVariantMap> HistoryArrayModel::rows() const
+{
+    QList<QVariantMap> rows;
+    rows.reserve(m_rows.size());
+    for (const HistoryRow &row : m_rows)
+        rows.append(row.dictionary());
+    return rows;
+}
+
+QVariantMap HistoryArrayModel::row(int index) const
+{
+    return index >= 0 && index < m_rows.size() ? m_rows.at(index).dictionary() : QVariantMap();
+}
+
+void HistoryArrayModel::setRows(const QList<HistoryRow> &rows)
 {
     beginResetModel();
     m_rows = rows;
     endResetModel();
 }
 
-void HistoryArrayModel::appendRow(const QVariantMap &row)
+void HistoryArrayModel::setRows(const QList<QVariantMap> &rows)
+{
+    QList<HistoryRow> historyRows;
+    historyRows.reserve(rows.size());
+    for (const QVariantMap &row : rows)
+        historyRows.append(HistoryRow::fromDictionary(row));
+    setRows(historyRows);
+}
+
+void HistoryArrayModel::appendRow(const HistoryRow &row)
 {
     beginInsertRows({}, int(m_rows.size()), int(m_rows.size()));
     m_rows.append(row);
@@ -39,34 +76,37 @@ int HistoryArrayModel::rowCount(const QModelIndex &parent) const
 
 int HistoryArrayModel::columnCount(const QModelIndex &parent) const
 {
-    return parent.isValid() ? 0 : int(columnKeys().size());
+    return parent.isValid() ? 0 : kColumnCount;
 }
 
 QVariant HistoryArrayModel::data(const QModelIndex &index, int role) const
 {
-    if (!index.isValid() || index.row() >= m_rows.size() || index.column() >= columnCount())
+    if (!index.isValid() || index.row() >= m_rows.size() || index.column() >= kColumnCount)
         return {};
-    const QVariantMap &row = m_rows.at(index.row());
-    const QString key = columnKeys().at(index.column());
-    const QVariant value = row.value(key);
+    const HistoryRow &row = m_rows.at(index.row());
+    const HistoryRow::Key key = kColumns[index.column()];
+    const QVariant &value = row.value(key);
     switch (role) {
     case RowRole:
-        return row;
+        return row.dictionary();
     case ValueRole:
         return value;
+    case SortIDRole:
+        return row.value(HistoryRow::SortID);
     case Qt::DisplayRole:
         // Plain texts until the table's own cells draw the rows.
-        if (key == QLatin1String("folder")) {
-            const bool isFolderRow = row.value(QStringLiteral("sortID")).toInt() == 0;
-            return isFolderRow ? QFileInfo(value.toString()).fileName() : value.toString();
-        }
-        if (key == QLatin1String("status"))
+        switch (key) {
+        case HistoryRow::Folder:
+            return row.isFolderRow() ? QFileInfo(value.toString()).fileName() : value.toString();
+        case HistoryRow::Status:
             return QStringLiteral("%1%").arg(qMin(value.toUInt(), 100u));
-        if (key == QLatin1String("savings"))
+        case HistoryRow::Savings:
             return VTSizeToPrettySizeTransformer().transformedValue(value);
-        return value;
+        default:
+            return value;
+        }
     case Qt::ToolTipRole:
-        return row.value(QStringLiteral("path"));
+        return row.value(HistoryRow::Path);
     default:
         return {};
     }
@@ -85,8 +125,7 @@ Qt::ItemFlags HistoryArrayModel::flags(const QModelIndex &index) const
 {
     Qt::ItemFlags flags = QAbstractTableModel::flags(index);
     // The summary row stands for no folder.
-    if (index.isValid() && index.row() < m_rows.size()
-        && m_rows.at(index.row()).value(QStringLiteral("sortID")).toInt() == 0)
+    if (index.isValid() && index.row() < m_rows.size() && m_rows.at(index.row()).isFolderRow())
         flags |= Qt::ItemIsDragEnabled;
     return flags;
 }
@@ -108,7 +147,7 @@ QMimeData *HistoryArrayModel::mimeData(const QModelIndexList &indexes) const
     QList<QUrl> urls;
     QStringList paths;
     for (int row : rows) {
-        const QString path = m_rows.at(row).value(QStringLiteral("path")).toString();
+        const QString path = m_rows.at(row).value(HistoryRow::Path).toString();
         urls.append(QUrl::fromLocalFile(path));
         paths.append(path);
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "HistoryRow.h"
+
 #include <QAbstractTableModel>
 #include <QList>
 #include <QVariantMap>
@@ -16,17 +18,23 @@ public:
         RowRole = Qt::UserRole + 1,
         // The column key's raw value.
         ValueRole,
+        // The row's "sortID": 1 for the summary row.
+        SortIDRole,
     };
 
     explicit HistoryArrayModel(QObject *parent = nullptr);
 
     static QStringList columnKeys();
 
-    QList<QVariantMap> rows() const { return m_rows; }
-    QVariantMap row(int index) const { return m_rows.value(index); }
+    // The rows as row dictionaries, made on each call.
+    QList<QVariantMap> rows() const;
+    QVariantMap row(int index) const;
+    const QList<HistoryRow> &historyRows() const { return m_rows; }
     // Replaces every row (a model reset).
+    void setRows(const QList<HistoryRow> &rows);
     void setRows(const QList<QVariantMap> &rows);
-    void appendRow(const QVariantMap &row);
+    void appendRow(const HistoryRow &row);
+    void appendRow(const QVariantMap &row) { appendRow(HistoryRow::fromDictionary(row)); }
 
     int rowCount(const QModelIndex &parent = {}) const override;
     int columnCount(const QModelIndex &parent = {}) const override;
@@ -40,5 +48,5 @@ public:
     Qt::DropActions supportedDragActions() const override;
 
 private:
-    QList<QVariantMap> m_rows;
+    QList<HistoryRow> m_rows;
 };

@@ -137,27 +137,30 @@ HistoryContext *VTHistoryController::managedObjectContext()
 
 QVariantMap VTHistoryController::historyEntryFor(const HistoryRecord *record) const
 {
-    if (!record)
-        return {};
-    return {
-        {QStringLiteral("sortID"), 0},
-        {QStringLiteral("folder"), record->folder},
-        {QStringLiteral("path"), record->folder},
-        {QStringLiteral("status"), record->status},
-        {QStringLiteral("savings"), record->savings},
-        {QStringLiteral("enabled"), record->enabled},
-    };
+    return record ? historyRowFor(*record).dictionary() : QVariantMap();
+}
+
+HistoryRow VTHistoryController::historyRowFor(const HistoryRecord &record)
+{
+    HistoryRow row;
+    row.setValue(HistoryRow::SortID, 0);
+    row.setValue(HistoryRow::Folder, record.folder);
+    row.setValue(HistoryRow::Path, record.folder);
+    row.setValue(HistoryRow::Status, record.status);
+    row.setValue(HistoryRow::Savings, record.savings);
+    row.setValue(HistoryRow::Enabled, record.enabled);
+    return row;
 }
 
 void VTHistoryController::readHistory()
 {
-    QList<QVariantMap> rows;
+    QList<HistoryRow> rows;
     // The context itself, not its accessor: reading never builds the stack.
     if (m_managedObjectContext) {
         const QList<HistoryRecord> records = m_managedObjectContext->fetchRecords(HistoryContext::Predicate::Enabled);
         rows.reserve(records.size());
         for (const HistoryRecord &record : records)
-            rows.append(historyEntryFor(&record));
+            rows.append(historyRowFor(record));
     }
     m_historyArray->setRows(rows);
 }

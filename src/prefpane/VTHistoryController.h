@@ -14,6 +14,7 @@
 
 class ArrayController;
 class HistoryArrayModel;
+class HistoryRow;
 class HistoryContext;
 class HistoryModel;
 class HistoryStore;
@@ -52,6 +53,8 @@ public:
     HistoryContext *managedObjectContext();
 
     QVariantMap historyEntryFor(const HistoryRecord *record) const;
+    // The same entry as a table row, without building a dictionary.
+    static HistoryRow historyRowFor(const HistoryRecord &record);
     void readHistory();
     // Alias data of every record, listed or not.
     QList<QByteArray> folderAliases();

@@ -44,18 +44,24 @@ VTSortDescriptor VTSortDescriptor::reversedSortDescriptor() const
 
 int VTSortDescriptor::compareObject(const QVariantMap &first, const QVariantMap &second) const
 {
+    const QString sortID = QStringLiteral("sortID");
+    return compareRows(first.value(sortID).toInt(), first.value(m_key), second.value(sortID).toInt(),
+                       second.value(m_key));
+}
+
+int VTSortDescriptor::compareRows(int firstSortID, const QVariant &first, int secondSortID,
+                                  const QVariant &second) const
+{
     // Tested before the key and the direction, so the summary row stays last either way.
-    if (first.value(QStringLiteral("sortID")).toInt() == 1)
+    if (firstSortID == 1)
         return 1;
-    if (second.value(QStringLiteral("sortID")).toInt() == 1)
+    if (secondSortID == 1)
         return -1;
     return compareByKey(first, second);
 }
 
-int VTSortDescriptor::compareByKey(const QVariantMap &first, const QVariantMap &second) const
+int VTSortDescriptor::compareByKey(const QVariant &a, const QVariant &b) const
 {
-    const QVariant a = first.value(m_key);
-    const QVariant b = second.value(m_key);
     int result = 0;
     switch (m_comparison) {
     case Comparison::Default:

@@ -24,10 +24,12 @@ public:
 
     // -1 when first goes before second, 0 when equal, 1 when after.
     int compareObject(const QVariantMap &first, const QVariantMap &second) const;
+    // The same order over each row's "sortID" and its value for the key.
+    int compareRows(int firstSortID, const QVariant &first, int secondSortID, const QVariant &second) const;
 
 private:
     // The plain sort descriptor's answer: the key's values compared, negated when descending.
-    int compareByKey(const QVariantMap &first, const QVariantMap &second) const;
+    int compareByKey(const QVariant &first, const QVariant &second) const;
 
     QString m_key;
     bool m_ascending = true;
