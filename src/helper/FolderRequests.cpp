@@ -41,6 +41,12 @@ QString FolderRequests::addFolders(const QStringList &folders)
             continue;
         }
         seen.insert(folder);
+        // Lone surrogates and NULs name no file: the file system and the store would each
+        // keep some other string, and the record would never be found by this one again.
+        if (folder.contains(QChar(0)) || QString::fromUtf8(folder.toUtf8()) != folder) {
+            done.append(QStringLiteral("%1 is not a path the file system can hold, skipped").arg(given));
+            continue;
+        }
         if (!QDir::isAbsolutePath(folder) || !QFileInfo(folder).isDir()) {
             done.append(QStringLiteral("%1 is not a folder, skipped").arg(given));
             continue;
