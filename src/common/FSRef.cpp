@@ -61,8 +61,15 @@ QByteArray FSRef::path() const
     if (n <= 0)
         return {};
     QByteArray result(buffer, n);
-    // Unlinked items and items outside our root have no usable name.
-    if (!result.startsWith('/') || result.endsWith(" (deleted)"))
+    // Items outside our root have no usable name.
+    if (!result.startsWith('/'))
         return {};
+    // The kernel marks an unlinked item by this suffix, which is also a name anyone may
+    // give: only a name that still leads to this item is one.
+    if (result.endsWith(" (deleted)")) {
+        struct stat st {};
+        if (::stat(result.constData(), &st) != 0 || st.st_dev != m_stat.st_dev || st.st_ino != m_stat.st_ino)
+            return {};
+    }
     return result;
 }

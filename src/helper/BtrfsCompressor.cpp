@@ -47,9 +47,10 @@ QString BtrfsCompressor::fileSystemName(const QByteArray &path)
     const QByteArray device = QByteArray::number(major(st.st_dev)) + ':' + QByteArray::number(minor(st.st_dev));
     QFile mounts(QStringLiteral("/proc/self/mountinfo"));
     if (mounts.open(QIODevice::ReadOnly)) {
-        // "36 35 98:0 /mnt1 /mnt2 rw,noatime master:1 - ext3 /dev/root rw,errors=continue"
-        while (!mounts.atEnd()) {
-            const QList<QByteArray> fields = mounts.readLine().split(' ');
+        // "36 35 98:0 /mnt1 /mnt2 rw,noatime master:1 - ext3 /dev/root rw,errors=continue".
+        // Read whole: procfs files report size 0, so atEnd() holds before the first line.
+        for (const QByteArray &line : mounts.readAll().split('\n')) {
+            const QList<QByteArray> fields = line.split(' ');
             const qsizetype dash = fields.indexOf("-");
             if (fields.size() > 2 && fields.at(2) == device && dash > 0 && dash + 1 < fields.size())
                 return QString::fromUtf8(fields.at(dash + 1));

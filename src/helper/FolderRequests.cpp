@@ -7,6 +7,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QSet>
 
 FolderRequests::FolderRequests(SavingsModel *savings, CompressionEngine *engine, QObject *parent)
     : QObject(parent)
@@ -29,9 +30,23 @@ QString FolderRequests::handle(const QVariantMap &userInfo)
 QString FolderRequests::addFolders(const QStringList &folders)
 {
     QStringList done;
+    QSet<QString> seen;
+    qsizetype repeated = 0;
     for (const QString &given : folders) {
-        // One record per folder, however it was spelled.
+        // One record per folder, however it was spelled; and one piece of work (and one word
+        // to the user) however often a request names it.
         const QString folder = QDir::cleanPath(given);
+        if (seen.contains(folder)) {
+            ++repeated;
+            continue;
+        }
+        seen.insert(folder);
+        // Lone surrogates and NULs name no file: the file system and the store would each
+        // keep some other string, and the record would never be found by this one again.
+        if (folder.contains(QChar(0)) || QString::fromUtf8(folder.toUtf8()) != folder) {
+            done.append(QStringLiteral("%1 is not a path the file system can hold, skipped").arg(given));
+            continue;
+        }
         if (!QDir::isAbsolutePath(folder) || !QFileInfo(folder).isDir()) {
             done.append(QStringLiteral("%1 is not a folder, skipped").arg(given));
             continue;
@@ -50,6 +65,8 @@ QString FolderRequests::addFolders(const QStringList &folders)
         m_engine->addFolder(id, folder);
         done.append(QStringLiteral("%1 watched (record %2)").arg(folder).arg(id));
     }
+    if (repeated > 0)
+        done.append(QStringLiteral("%1 repeated folders ignored").arg(repeated));
     return done.join(QStringLiteral("; "));
 }
 

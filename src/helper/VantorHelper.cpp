@@ -47,6 +47,30 @@ QString describe(const QVariantMap &userInfo)
     return QStringLiteral(" {%1}").arg(parts.join(QStringLiteral(", ")));
 }
 
+// Folder names may hold line breaks and other control characters: written as C escapes
+// (and the backslash doubled), each entry stays one line and no name can forge another.
+QByteArray escaped(const QByteArray &text)
+{
+    QByteArray out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto u = static_cast<unsigned char>(c);
+        if (c == '\\')
+            out += "\\\\";
+        else if (c == '\n')
+            out += "\\n";
+        else if (c == '\t')
+            out += "\\t";
+        else if (c == '\r')
+            out += "\\r";
+        else if (u < 0x20 || u == 0x7f)
+            out += "\\x" + QByteArray::number(u, 16).rightJustified(2, '0');
+        else
+            out += c;
+    }
+    return out;
+}
+
 } // namespace
 
 VantorHelper::VantorHelper(const QString &version, QObject *parent)
@@ -221,7 +245,7 @@ bool VantorHelper::setting(const char *key) const
 void VantorHelper::log(const QString &line)
 {
     const QByteArray text = QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8() + ' '
-        + QByteArray::number(::getpid()) + ' ' + line.toUtf8() + '\n';
+        + QByteArray::number(::getpid()) + ' ' + escaped(line.toUtf8()) + '\n';
     // One write per line, appended, so lines from two helpers never interleave.
     const int fd = m_logFd >= 0 ? m_logFd : STDERR_FILENO;
     [[maybe_unused]] const ssize_t n = ::write(fd, text.constData(), size_t(text.size()));
