@@ -7,6 +7,7 @@
 #include "CompressionEngine.h"
 #include "DesktopNotifier.h"
 #include "FolderRequests.h"
+#include "FuzzInput.h"
 #include "HistoryContext.h"
 #include "Notifications.h"
 #include "SavingsModel.h"
@@ -24,25 +25,6 @@
 
 namespace {
 
-class Input
-{
-public:
-    Input(const uint8_t *data, size_t size) : m_data(data), m_size(size) {}
-    uint8_t byte() { return m_pos < m_size ? m_data[m_pos++] : 0; }
-    QByteArray bytes(size_t n)
-    {
-        n = std::min(n, m_size - std::min(m_pos, m_size));
-        QByteArray out(reinterpret_cast<const char *>(m_data + m_pos), qsizetype(n));
-        m_pos += n;
-        return out;
-    }
-
-private:
-    const uint8_t *m_data;
-    size_t m_size;
-    size_t m_pos = 0;
-};
-
 QTemporaryDir *g_root = nullptr;
 SavingsModel *g_savings = nullptr;
 FolderRequests *g_requests = nullptr;
@@ -55,7 +37,7 @@ QString root()
     return g_root->path();
 }
 
-QString path(Input &in)
+QString path(FuzzInput &in)
 {
     const QString known = root() + u'/' + QString::fromUtf8(kFolders[in.byte() % std::size(kFolders)]);
     switch (in.byte() % 10) {
@@ -76,7 +58,7 @@ QString path(Input &in)
     }
 }
 
-QVariant value(Input &in, int depth)
+QVariant value(FuzzInput &in, int depth)
 {
     switch (in.byte() % (depth > 3 ? 9 : 12)) {
     case 0:
@@ -119,7 +101,7 @@ QVariant value(Input &in, int depth)
     }
 }
 
-QString key(Input &in)
+QString key(FuzzInput &in)
 {
     switch (in.byte() % 6) {
     case 0:
@@ -172,7 +154,7 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    Input in(data, size);
+    FuzzInput in(data, size);
     QVariantMap userInfo;
     for (int i = in.byte() % 4; i > 0; --i)
         userInfo.insert(key(in), value(in, 0));

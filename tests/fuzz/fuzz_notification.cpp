@@ -4,6 +4,7 @@
 // real bus to this process and delivered to the handlers. Whatever arrives must be plain
 // property-list values, as the handlers are promised.
 #include "DistributedNotificationCenter.h"
+#include "FuzzInput.h"
 #include "Notifications.h"
 #include "PropertyList.h"
 #include "VTPreferenceCommunicator.h"
@@ -22,36 +23,9 @@
 
 namespace {
 
-class Input
-{
-public:
-    Input(const uint8_t *data, size_t size) : m_data(data), m_size(size) {}
-    bool atEnd() const { return m_pos >= m_size; }
-    uint8_t byte() { return atEnd() ? 0 : m_data[m_pos++]; }
-    quint64 word()
-    {
-        quint64 v = 0;
-        for (int i = 0; i < 8; ++i)
-            v = (v << 8) | byte();
-        return v;
-    }
-    QByteArray bytes(size_t n)
-    {
-        n = std::min(n, m_size - std::min(m_pos, m_size));
-        QByteArray out(reinterpret_cast<const char *>(m_data + m_pos), qsizetype(n));
-        m_pos += n;
-        return out;
-    }
+QVariant value(FuzzInput &in, int depth);
 
-private:
-    const uint8_t *m_data;
-    size_t m_size;
-    size_t m_pos = 0;
-};
-
-QVariant value(Input &in, int depth);
-
-QVariantMap dictionary(Input &in, int depth)
+QVariantMap dictionary(FuzzInput &in, int depth)
 {
     QVariantMap map;
     const int n = in.byte() % 8;
@@ -60,7 +34,7 @@ QVariantMap dictionary(Input &in, int depth)
     return map;
 }
 
-QVariant value(Input &in, int depth)
+QVariant value(FuzzInput &in, int depth)
 {
     // Containers stop at a depth D-Bus still carries (32 nested containers at most; libdbus
     // itself crashes when a sender goes deeper).
@@ -153,7 +127,7 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    Input in(data, size);
+    FuzzInput in(data, size);
     const QString name = QLatin1String(kNames[in.byte() % std::size(kNames)]);
     const uint8_t shape = in.byte();
 
