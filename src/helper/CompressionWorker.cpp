@@ -17,9 +17,20 @@
 
 namespace {
 
+// Items of a folder that could not be opened, told once per folder rather than lost silently.
+struct Unreadable {
+    qsizetype count = 0;
+    int firstError = 0;
+    void add(int error)
+    {
+        if (count++ == 0)
+            firstError = error;
+    }
+};
+
 // Every regular file below folder (relative byte paths), not crossing into other file
 // systems; sets the compression property on each folder on the way so new files inherit it.
-QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder)
+QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder, Unreadable *unreadable)
 {
     QList<QByteArray> files;
     struct stat top {};
@@ -30,8 +41,12 @@ QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder)
         const int fd = relative.isEmpty() ? ::dup(folderFd)
                                           : ::openat(folderFd, relative.constData(),
                                                      O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (fd < 0)
+        if (fd < 0) {
+            // Gone meanwhile is no fault; too deep to name or not ours to read is.
+            if (errno != ENOENT)
+                unreadable->add(errno);
             continue;
+        }
         struct stat st {};
         if (::fstat(fd, &st) != 0 || st.st_dev != top.st_dev) {
             ::close(fd);
@@ -228,7 +243,8 @@ void CompressionWorker::compressFolder(const Job &job)
         Q_EMIT failed(job.id, QString::fromLocal8Bit(std::strerror(errno)));
         return;
     }
-    const QList<QByteArray> files = collectFiles(folderFd, job.folder);
+    Unreadable unreadable;
+    const QList<QByteArray> files = collectFiles(folderFd, job.folder, &unreadable);
 
     // The estimate of the next files is worked out on a second thread while the file system
     // rewrites the current one: the two together take little longer than the rewrite alone.
@@ -242,6 +258,8 @@ void CompressionWorker::compressFolder(const Job &job)
             qint64 estimate = 0;
             if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
                 estimate = model.savingsForFile(fd);
+            else if (fd < 0 && errno != ENOENT)
+                estimate = -errno; // told by the compressing side, which keeps the count
             if (fd >= 0)
                 ::close(fd);
             if (!estimates.push({path, estimate}))
@@ -254,9 +272,13 @@ void CompressionWorker::compressFolder(const Job &job)
     while (const std::optional<EstimateQueue::Entry> entry = estimates.pop(files.size())) {
         if (!waitUntilActive(job.id))
             break;
+        if (entry->estimate < 0)
+            unreadable.add(int(-entry->estimate));
         // A file that would not shrink is left as it is.
         if (entry->estimate > 0) {
             const int fd = openForReading(folderFd, entry->path);
+            if (fd < 0 && errno != ENOENT)
+                unreadable.add(errno);
             if (fd >= 0
                 && (BtrfsCompressor::isCompressed(fd)
                     || BtrfsCompressor::compressFile(fd, m_cancelCurrent) == BtrfsCompressor::Result::Compressed))
@@ -272,6 +294,11 @@ void CompressionWorker::compressFolder(const Job &job)
     estimates.close();
     estimator.join();
     ::close(folderFd);
+    if (unreadable.count > 0) {
+        qWarning("VantorHelper: %lld items in \"%s\" could not be opened (%s) and were left as they are",
+                 static_cast<long long>(unreadable.count), qPrintable(QFile::decodeName(job.folder)),
+                 std::strerror(unreadable.firstError));
+    }
     if (!cancelled(job.id))
         Q_EMIT finished(job.id, 100, savings);
 }

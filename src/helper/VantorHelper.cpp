@@ -21,6 +21,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <atomic>
 #include <cstdio>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -71,6 +72,33 @@ QByteArray escaped(const QByteArray &text)
     return out;
 }
 
+// One write per line, appended, so lines from two helpers (or two threads) never interleave.
+void writeLogLine(int fd, const QByteArray &line)
+{
+    const QByteArray text = QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8() + ' '
+        + QByteArray::number(::getpid()) + ' ' + escaped(line) + '\n';
+    [[maybe_unused]] const ssize_t n = ::write(fd, text.constData(), size_t(text.size()));
+}
+
+// The log file's descriptor while a helper has it open, for the message handler.
+std::atomic<int> g_logFd{-1};
+QtMessageHandler g_previousHandler = nullptr;
+
+// Warnings come from every part of the helper and from its worker thread; a helper started
+// by the pane may have no standard error anyone reads, so they go to the log as well.
+void logMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    if (g_previousHandler)
+        g_previousHandler(type, context, message);
+    const int fd = g_logFd.load();
+    if (fd < 0 || type == QtDebugMsg)
+        return;
+    QByteArray line = message.toUtf8();
+    if (line.startsWith("VantorHelper: "))
+        line.remove(0, 14);
+    writeLogLine(fd, line);
+}
+
 } // namespace
 
 VantorHelper::VantorHelper(const QString &version, QObject *parent)
@@ -84,9 +112,13 @@ VantorHelper::VantorHelper(const QString &version, QObject *parent)
         ::chmod(QFile::encodeName(dir).constData(), 0700);
         m_logFd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     }
-    if (m_logFd < 0)
+    if (m_logFd < 0) {
         std::fprintf(stderr, "VantorHelper: cannot open the log file %s; logging to standard error\n",
                      path.isEmpty() ? "(no state folder)" : qPrintable(path));
+        return;
+    }
+    g_logFd = m_logFd;
+    g_previousHandler = qInstallMessageHandler(logMessage);
 }
 
 VantorHelper::~VantorHelper()
@@ -95,8 +127,11 @@ VantorHelper::~VantorHelper()
     m_folderRequests.reset();
     m_engine.reset();
     m_savings.reset();
-    if (m_logFd >= 0)
+    if (m_logFd >= 0) {
+        qInstallMessageHandler(g_previousHandler);
+        g_logFd = -1;
         ::close(m_logFd);
+    }
 }
 
 QString VantorHelper::defaultsPath()
@@ -244,9 +279,5 @@ bool VantorHelper::setting(const char *key) const
 
 void VantorHelper::log(const QString &line)
 {
-    const QByteArray text = QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8() + ' '
-        + QByteArray::number(::getpid()) + ' ' + escaped(line.toUtf8()) + '\n';
-    // One write per line, appended, so lines from two helpers never interleave.
-    const int fd = m_logFd >= 0 ? m_logFd : STDERR_FILENO;
-    [[maybe_unused]] const ssize_t n = ::write(fd, text.constData(), size_t(text.size()));
+    writeLogLine(m_logFd >= 0 ? m_logFd : STDERR_FILENO, line.toUtf8());
 }

@@ -141,6 +141,7 @@ private Q_SLOTS:
     void cleanupTestCase();
     void btrfsFolderIsCompressed();
     void namesNotUtf8AreCompressed();
+    void itemsTooDeepToOpenAreTold();
     void ext4FolderIsLeftAlone();
     void killedHelperResumesWithoutHarm();
     void replacedStoreIsReopened();
@@ -316,6 +317,42 @@ void TestHelperCompression::namesNotUtf8AreCompressed()
         ::unlink(link.constData());
         QVERIFY2(report.contains(QLatin1String("zstd")), qPrintable(report));
     }
+}
+
+void TestHelperCompression::itemsTooDeepToOpenAreTold()
+{
+    if (!mountBtrfs())
+        QSKIP("a btrfs image cannot be mounted here (needs root and loop devices)");
+    // Linux lets folders nest deeper than a path can name; what lies there cannot be opened
+    // by path, and the helper says so instead of passing over it in silence.
+    const QString folder = m_btrfs->mountPoint() + QStringLiteral("/Deep");
+    QVERIFY(QDir().mkpath(folder));
+    writeBytes(QFile::encodeName(folder) + "/shallow.txt", text(256 << 10, 7));
+    int fd = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    QVERIFY(fd >= 0);
+    const QByteArray name(200, 'd');
+    for (int depth = 0; depth < 22; ++depth) { // 22 x 201 bytes: past the 4,096 a path may have
+        QCOMPARE(::mkdirat(fd, name.constData(), 0700), 0);
+        const int child = ::openat(fd, name.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ::close(fd);
+        fd = child;
+        QVERIFY(fd >= 0);
+    }
+    const int file = ::openat(fd, "deep.txt", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    QVERIFY(file >= 0);
+    const QByteArray bytes = text(256 << 10, 8);
+    QCOMPARE(::write(file, bytes.constData(), size_t(bytes.size())), ssize_t(bytes.size()));
+    ::close(file);
+    ::close(fd);
+
+    startHelper();
+    controller()->addFolders({folder});
+    QTRY_COMPARE_WITH_TIMEOUT(row(folder).value(QStringLiteral("status")).toUInt(), 100u, 60000);
+    QVERIFY(row(folder).value(QStringLiteral("savings")).toULongLong() > 0);
+    const QByteArray log =
+        TestEnvironment::readFile(m_env.home() + QStringLiteral("/.local/state/vantor/VantorHelper.log"));
+    QVERIFY2(log.contains("items in \"" + QFile::encodeName(folder) + "\" could not be opened (File name too long)"),
+             log.right(2000).constData());
 }
 
 void TestHelperCompression::ext4FolderIsLeftAlone()
