@@ -6,9 +6,11 @@
 
 #include <optional>
 
+#include "VantorCommonExport.h"
+
 // One mounted file system as /proc/self/mountinfo lists it, with the identity an alias
 // record keeps of it.
-class AliasVolume
+class VANTOR_COMMON_EXPORT AliasVolume
 {
 public:
     quint64 device = 0;      // the mount's major:minor

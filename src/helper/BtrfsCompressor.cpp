@@ -1,6 +1,6 @@
 #include "BtrfsCompressor.h"
 
-#include <QFile>
+#include "AliasVolume.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -14,7 +14,6 @@
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/syscall.h>
-#include <sys/sysmacros.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -42,18 +41,10 @@ bool BtrfsCompressor::isBtrfs(int fd)
 QString BtrfsCompressor::fileSystemName(const QByteArray &path)
 {
     struct stat st {};
-    if (::stat(path.constData(), &st) != 0)
-        return QStringLiteral("an unknown file system");
-    const QByteArray device = QByteArray::number(major(st.st_dev)) + ':' + QByteArray::number(minor(st.st_dev));
-    QFile mounts(QStringLiteral("/proc/self/mountinfo"));
-    if (mounts.open(QIODevice::ReadOnly)) {
-        // "36 35 98:0 /mnt1 /mnt2 rw,noatime master:1 - ext3 /dev/root rw,errors=continue".
-        // Read whole: procfs files report size 0, so atEnd() holds before the first line.
-        for (const QByteArray &line : mounts.readAll().split('\n')) {
-            const QList<QByteArray> fields = line.split(' ');
-            const qsizetype dash = fields.indexOf("-");
-            if (fields.size() > 2 && fields.at(2) == device && dash > 0 && dash + 1 < fields.size())
-                return QString::fromUtf8(fields.at(dash + 1));
+    if (::stat(path.constData(), &st) == 0) {
+        for (const AliasVolume &volume : AliasVolume::mounted()) {
+            if (volume.device == st.st_dev && !volume.fsType.isEmpty())
+                return QString::fromUtf8(volume.fsType);
         }
     }
     return QStringLiteral("an unknown file system");

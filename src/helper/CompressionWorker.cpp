@@ -90,6 +90,7 @@ public:
     struct Entry {
         QByteArray path;
         qint64 estimate;
+        int error = 0; // why the file could not be opened, if it could not
     };
     static constexpr qsizetype kAhead = 32;
 
@@ -255,14 +256,13 @@ void CompressionWorker::compressFolder(const Job &job)
         for (const QByteArray &path : files) {
             const int fd = openForReading(folderFd, path);
             struct stat st {};
+            const int error = fd < 0 && errno != ENOENT ? errno : 0;
             qint64 estimate = 0;
             if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
                 estimate = model.savingsForFile(fd);
-            else if (fd < 0 && errno != ENOENT)
-                estimate = -errno; // told by the compressing side, which keeps the count
             if (fd >= 0)
                 ::close(fd);
-            if (!estimates.push({path, estimate}))
+            if (!estimates.push({path, estimate, error}))
                 return;
         }
     });
@@ -272,8 +272,8 @@ void CompressionWorker::compressFolder(const Job &job)
     while (const std::optional<EstimateQueue::Entry> entry = estimates.pop(files.size())) {
         if (!waitUntilActive(job.id))
             break;
-        if (entry->estimate < 0)
-            unreadable.add(int(-entry->estimate));
+        if (entry->error != 0)
+            unreadable.add(entry->error);
         // A file that would not shrink is left as it is.
         if (entry->estimate > 0) {
             const int fd = openForReading(folderFd, entry->path);

@@ -29,7 +29,6 @@ public:
     // The rows as row dictionaries, made on each call.
     QList<QVariantMap> rows() const;
     QVariantMap row(int index) const;
-    const QList<HistoryRow> &historyRows() const { return m_rows; }
     // Replaces every row (a model reset).
     void setRows(const QList<HistoryRow> &rows);
     void setRows(const QList<QVariantMap> &rows);

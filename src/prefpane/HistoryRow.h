@@ -14,8 +14,6 @@ class HistoryRow
 public:
     enum Key { SortID, Folder, Path, Status, Savings, Enabled, KeyCount };
 
-    HistoryRow() = default;
-
     // The key's index, or -1 for a key rows do not have.
     static int keyIndex(QStringView key);
     static QString keyName(Key key);
@@ -28,8 +26,6 @@ public:
     void setValue(Key key, QVariant value) { m_values[key] = std::move(value); }
     // The summary row of previous savings stands for no folder.
     bool isFolderRow() const { return m_values[SortID].toInt() == 0; }
-
-    bool operator==(const HistoryRow &other) const { return m_values == other.m_values; }
 
 private:
     std::array<QVariant, KeyCount> m_values;
