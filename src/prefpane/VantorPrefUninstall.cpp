@@ -11,9 +11,13 @@
 #include "ui_RestartSheet.h"
 #include "ui_UninstallSheet.h"
 
+#include <QFile>
+#include <QFileInfo>
 #include <QIcon>
 #include <QLabel>
 #include <QPushButton>
+
+#include <unistd.h>
 
 QUrl VantorPref::faqAddress()
 {
@@ -52,6 +56,12 @@ void VantorPref::loadSheets(QWidget *owner)
 
 void VantorPref::confirmUninstall(QObject *)
 {
+    // A bundle this user cannot delete belongs to a system-wide install, which the package
+    // manager removes; asked each time, since an administrator may change it meanwhile.
+    const QByteArray folder = bundle() ? QFile::encodeName(QFileInfo(bundle()->bundlePath()).path()) : QByteArray();
+    const bool removable = folder.isEmpty() || ::access(folder.constData(), W_OK) == 0;
+    uninstallSheet->findChild<QLabel *>(QStringLiteral("uninstallText"))->setVisible(removable);
+    uninstallSheet->findChild<QLabel *>(QStringLiteral("systemUninstallText"))->setVisible(!removable);
     showCustomSheet(uninstallSheet);
 }
 

@@ -18,11 +18,13 @@
 #include <QDirIterator>
 #include <QFileInfo>
 #include <QProcess>
+#include <QLabel>
 #include <QPushButton>
 #include <QTest>
 
 #include <csignal>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -63,6 +65,19 @@ QStringList snapshot(const QString &root, const QString &skip)
     return entries;
 }
 
+// As a package install is to its user: nothing in the folder or the bundle can change. Root
+// passes over modes but not over the immutable flag.
+void setLocked(const QString &folder, bool locked)
+{
+    const QString chmod = locked ? QStringLiteral("a-w") : QStringLiteral("u+w");
+    const QString chattr = locked ? QStringLiteral("+i") : QStringLiteral("-i");
+    if (!locked && ::geteuid() == 0)
+        QProcess::execute(QStringLiteral("chattr"), {QStringLiteral("-R"), chattr, folder});
+    QProcess::execute(QStringLiteral("chmod"), {QStringLiteral("-R"), chmod, folder});
+    if (locked && ::geteuid() == 0)
+        QProcess::execute(QStringLiteral("chattr"), {QStringLiteral("-R"), chattr, folder});
+}
+
 } // namespace
 
 class TestUninstall : public QObject
@@ -88,6 +103,7 @@ private:
     QString relaunchCopy() const { return FileManager::temporaryDirectory() + QStringLiteral("relaunch"); }
     QString loginList() const { return m_env.configHome() + QStringLiteral("/vantor/preferences/loginwindow.plist"); }
     QPushButton *button(QWidget *sheet, const char *name) { return sheet->findChild<QPushButton *>(QLatin1String(name)); }
+    bool textShown(const char *name) { return m_pane.uninstallSheet->findChild<QLabel *>(QLatin1String(name))->isVisible(); }
     void killRelaunchTools();
 
     TestEnvironment m_env;
@@ -127,6 +143,7 @@ void TestUninstall::init()
 
 void TestUninstall::cleanup()
 {
+    setLocked(QFileInfo(installedBundle()).path(), false);
     // A waiting relaunch tool would start this test again once it ends.
     killRelaunchTools();
     if (QWidget *sheet = m_pane.restartSheet; sheet->isVisible())
@@ -239,13 +256,17 @@ void TestUninstall::uninstallWithLoginItem()
 void TestUninstall::uninstallWithoutLoginItemLeavesTheListAlone_data()
 {
     QTest::addColumn<bool>("hasList");
-    QTest::newRow("list of other applications") << true;
-    QTest::newRow("no list at all") << false;
+    QTest::addColumn<bool>("systemWide");
+    QTest::newRow("list of other applications") << true << false;
+    QTest::newRow("no list at all") << false << false;
+    // The bundle stays; the helper still stops.
+    QTest::newRow("installed for all users") << true << true;
 }
 
 void TestUninstall::uninstallWithoutLoginItemLeavesTheListAlone()
 {
     QFETCH(bool, hasList);
+    QFETCH(bool, systemWide);
     m_host.terminations = 0;
     QFile::remove(loginList());
     if (hasList) {
@@ -256,10 +277,14 @@ void TestUninstall::uninstallWithoutLoginItemLeavesTheListAlone()
     QVERIFY(!m_pane.autorunAtLogin());
     const QStringList before = snapshot(QFileInfo(loginList()).path(), QStringLiteral("\n"));
 
+    if (systemWide)
+        setLocked(QFileInfo(installedBundle()).path(), true);
     m_pane.confirmUninstall(nullptr);
+    QCOMPARE(textShown("uninstallText"), !systemWide);
+    QCOMPARE(textShown("systemUninstallText"), systemWide);
     m_pane.uninstall(nullptr);
 
-    QVERIFY(!QFileInfo::exists(installedBundle()));
+    QCOMPARE(QFileInfo::exists(installedBundle() + QStringLiteral("/Contents/Info.plist")), systemWide);
     QVERIFY(m_pane.restartSheet->isVisible());
     QTRY_VERIFY(!helperOwnsItsName());
     QCOMPARE(snapshot(QFileInfo(loginList()).path(), QStringLiteral("\n")), before);
