@@ -12,6 +12,8 @@ packages=(
     # tests: third-party readers, a display, fonts, the helper's file system
     libplist-utils sqlite3 python3 xvfb xauth xdotool fonts-dejavu-core
     btrfs-progs btrfs-compsize
+    # the installed desktop metadata, checked with the desktop's own tools
+    desktop-file-utils appstream man-db
     # fuzzing and sanitizers
     clang-14 libclang-rt-14-dev libfuzzer-14-dev
 )
