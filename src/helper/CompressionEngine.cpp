@@ -1,9 +1,9 @@
-#include "CompressionEngine.h"
+#include "helper/CompressionEngine.h"
 
-#include "BtrfsCompressor.h"
-#include "CompressionWorker.h"
-#include "DesktopNotifier.h"
-#include "SavingsModel.h"
+#include "helper/BtrfsCompressor.h"
+#include "helper/CompressionWorker.h"
+#include "helper/DesktopNotifier.h"
+#include "helper/SavingsModel.h"
 
 #include <QFile>
 

@@ -1,8 +1,8 @@
-#include "CompressionWorker.h"
+#include "helper/CompressionWorker.h"
 
-#include "BtrfsCompressor.h"
-#include "CompressionModel.h"
-#include "VTExclusionRules.h"
+#include "helper/BtrfsCompressor.h"
+#include "helper/CompressionModel.h"
+#include "common/VTExclusionRules.h"
 
 #include <QFile>
 
