@@ -36,8 +36,27 @@ user=vantoruser
 loop=""
 mounts=()
 
+# The processes left running inside the chroot (a helper outlives its session's bus), by id.
+chroot_processes() {
+    local p
+    for p in /proc/[0-9]*; do
+        [ "$(readlink "$p/root" 2>/dev/null)" = "$root" ] && echo "${p#/proc/}"
+    done
+}
+stop_chroot_processes() {
+    local pids
+    pids=$(chroot_processes)
+    [ -n "$pids" ] || return 0
+    ps -o pid=,user=,args= -p "$(echo $pids | tr ' ' ,)" | sed 's/^/still running: /'
+    kill $pids 2>/dev/null
+    sleep 2
+    pids=$(chroot_processes)
+    [ -z "$pids" ] || kill -9 $pids 2>/dev/null
+}
+
 cleanup() {
     set +e
+    stop_chroot_processes
     for ((i = ${#mounts[@]} - 1; i >= 0; i--)); do
         umount -l "${mounts[$i]}" 2>/dev/null
     done
@@ -157,6 +176,7 @@ else
 fi
 
 step "apt remove vantor"
+stop_chroot_processes
 in_root apt-get remove -y -qq vantor >/dev/null
 echo "dpkg's record: $(in_root dpkg-query -W -f='${db:Status-Abbrev} ${Package}\n' vantor 2>&1 || true)"
 left=0
