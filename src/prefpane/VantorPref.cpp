@@ -79,6 +79,8 @@ void VantorPref::styleMainView()
 void VantorPref::mainViewDidLoad()
 {
     versionNumberTextField->setText(bundleVersion());
+    // A label with a name of its own is read by that name alone: the name carries the value.
+    versionNumberTextField->setAccessibleName(QStringLiteral("Version %1").arg(bundleVersion()));
 
     // Made now so that both exist before anything else uses them.
     VTDefaultsController::create();
