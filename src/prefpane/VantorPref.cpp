@@ -2,6 +2,7 @@
 
 #include "platform/Bundle.h"
 #include "platform/DistributedNotificationCenter.h"
+#include "common/HelperIdentity.h"
 #include "common/Notifications.h"
 #include "gui/PreferencePaneHost.h"
 #include "prefpane/QFTableView.h"
@@ -134,7 +135,7 @@ void VantorPref::didSelect()
 {
     if (host())
         host()->activateIgnoringOtherApps(false);
-    if (Workspace::shared()->runningApplicationsWithBundleIdentifier(QStringLiteral("com.quillfen.VantorHelper")).isEmpty())
+    if (Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::bundleIdentifier()).isEmpty())
         launchHelper();
     VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
     setActiveButton(store->helperActive(), false);

@@ -6,6 +6,7 @@
 #include "platform/Bundle.h"
 #include "prefpane/CocoaGeometry.h"
 #include "platform/FileManager.h"
+#include "common/HelperIdentity.h"
 #include "gui/PreferencePaneHost.h"
 #include "platform/ProcessInfo.h"
 #include "platform/RunningApplication.h"
@@ -24,10 +25,7 @@
 
 namespace {
 
-const QString kHelperIdentifier = QStringLiteral("com.quillfen.VantorHelper");
 constexpr unsigned kHelperPermissions = 0755; // compared for equality
-const QString kHelperExecutable = QStringLiteral("/Contents/MacOS/VantorHelper");
-const QString kRelaunchTool = QStringLiteral("/Contents/Frameworks/Sparkle.framework/Resources/relaunch");
 
 // The switch's frame: x by position (off, on), fixed y and size, in y-up coordinates.
 constexpr int kSwitchX[2] = {89, 142};
@@ -37,11 +35,6 @@ constexpr int kSwitchHeight = 25;
 
 // The permissions sheet is shown once per run of the host, however often the helper is launched.
 bool g_warnedOnHelperPermissions = false;
-
-QString helperApplicationPath(const Bundle *bundle)
-{
-    return bundle ? bundle->pathForResource(QStringLiteral("VantorHelper"), QStringLiteral("app")) : QString();
-}
 
 // The item's own permission bits (a link describes itself, not its target); nullopt when
 // it cannot be read.
@@ -55,18 +48,18 @@ std::optional<unsigned> posixPermissions(const QString &path)
 
 bool helperIsRunning()
 {
-    return !Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperIdentifier).isEmpty();
+    return !Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::bundleIdentifier()).isEmpty();
 }
 
 } // namespace
 
 void VantorPref::launchHelper()
 {
-    const QString helperPath = helperApplicationPath(bundle());
+    const QString helperPath = HelperIdentity::applicationPath(bundle());
     QString error;
 
     // Runs before the existence test: a missing helper is a wrong one too.
-    if (posixPermissions(helperPath + kHelperExecutable) != kHelperPermissions)
+    if (posixPermissions(HelperIdentity::executablePath(helperPath)) != kHelperPermissions)
         warnOnWrongHelperPermissions();
 
     if (helperPath.isEmpty())
@@ -137,7 +130,7 @@ void VantorPref::checkForUpdates(QObject *)
 
 void VantorPref::relaunchSystemPreferences()
 {
-    const QString source = helperApplicationPath(bundle()) + kRelaunchTool;
+    const QString source = HelperIdentity::relaunchToolPath(HelperIdentity::applicationPath(bundle()));
     // Never a shared folder: what stands there is executed.
     const QString temporary = FileManager::temporaryDirectory();
     if (temporary.isEmpty()) {

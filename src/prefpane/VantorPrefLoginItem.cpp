@@ -3,6 +3,7 @@
 #include "prefpane/VantorPref.h"
 
 #include "common/BDAlias.h"
+#include "common/HelperIdentity.h"
 #include "platform/Bundle.h"
 #include "platform/PreferencesDomain.h"
 
@@ -15,13 +16,11 @@ const QString kListKey = QStringLiteral("AutoLaunchedApplicationDictionary");
 const QString kPathKey = QStringLiteral("Path");
 const QString kAliasDataKey = QStringLiteral("AliasData");
 const QString kHideKey = QStringLiteral("Hide");
-// Any copy of the helper counts, wherever it lies; other applications are never touched.
-const QString kHelperSuffix = QStringLiteral("VantorHelper.app");
 
 bool isHelperEntry(const QVariant &entry)
 {
     const QVariantMap item = entry.toMap();
-    return item.contains(kPathKey) && item.value(kPathKey).toString().endsWith(kHelperSuffix);
+    return item.contains(kPathKey) && item.value(kPathKey).toString().endsWith(HelperIdentity::bundleName());
 }
 
 } // namespace
@@ -44,8 +43,7 @@ void VantorPref::setAutorunAtLogin(bool autorun)
     if (current.isValid()) {
         QVariantList items = current.toList();
         if (autorun) {
-            const QString helper =
-                bundle() ? bundle()->pathForResource(QStringLiteral("VantorHelper"), QStringLiteral("app")) : QString();
+            const QString helper = HelperIdentity::applicationPath(bundle());
             const std::unique_ptr<BDAlias> alias = helper.isEmpty() ? nullptr : BDAlias::aliasWithPath(helper);
             // Without an alias the entry's values end before their first key: an empty entry.
             QVariantMap entry;
