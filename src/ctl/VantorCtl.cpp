@@ -1,6 +1,7 @@
 #include "ctl/VantorCtl.h"
 
 #include "common/FolderRequest.h"
+#include "common/HelperIdentity.h"
 #include "common/Notifications.h"
 #include "common/VTDefaultsController.h"
 #include "common/VTUtil.h"
@@ -25,8 +26,6 @@
 #include <unistd.h>
 
 namespace {
-
-const QString kHelperIdentifier = QStringLiteral("com.quillfen.VantorHelper");
 
 QString shown(const QByteArray &path)
 {
@@ -106,7 +105,7 @@ int VantorCtl::status(bool json)
     if (!readHistory(&history))
         return Failed;
     const bool bus = DistributedNotificationCenter::defaultCenter()->isConnected();
-    const bool running = bus && !Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperIdentifier).isEmpty();
+    const bool running = bus && !Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::bundleIdentifier()).isEmpty();
     const bool active = VTDefaultsController::sharedDefaultsController()->helperActive();
     if (json) {
         const QJsonObject document{{QStringLiteral("helperRunning"), bus ? QJsonValue(running) : QJsonValue()},
@@ -273,7 +272,7 @@ bool VantorCtl::helperCanBeAsked()
         fail(QStringLiteral("no session bus, so the helper cannot be asked: nothing was sent"));
         return false;
     }
-    if (Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperIdentifier).isEmpty()) {
+    if (Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::bundleIdentifier()).isEmpty()) {
         fail(QStringLiteral("the Vantor helper is not running, so nothing was sent; "
                             "start it with \"vantorctl on\" and try again"));
         return false;
@@ -286,7 +285,7 @@ void VantorCtl::postFolders(const char *key, const QStringList &folders)
     DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::Folders),
                                                                          {{QLatin1String(key), folders}});
     // A round trip: the bus has the request before this process ends.
-    QDBusConnection::sessionBus().interface()->isServiceRegistered(kHelperIdentifier);
+    QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName());
 }
 
 QByteArray VantorCtl::absolute(const QByteArray &path)

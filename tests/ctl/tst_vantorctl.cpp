@@ -4,6 +4,7 @@
 #include "LoopMount.h"
 #include "NotificationRecorder.h"
 #include "TestEnvironment.h"
+#include "common/HelperIdentity.h"
 #include "common/Notifications.h"
 #include "platform/DistributedNotificationCenter.h"
 
@@ -24,8 +25,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-const QString kHelperIdentifier = QStringLiteral("com.quillfen.VantorHelper");
 
 struct Run {
     int exitCode = -1;
@@ -50,7 +49,7 @@ Run run(const QStringList &arguments, const QProcessEnvironment &env = QProcessE
 
 bool helperRunning()
 {
-    return QDBusConnection::sessionBus().interface()->isServiceRegistered(kHelperIdentifier);
+    return QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName());
 }
 
 } // namespace
