@@ -178,6 +178,16 @@ bool HistoryStore::ensureIntegrityOfDatabaseAtPath(const QString &path)
     return false;
 }
 
+bool HistoryStore::isDatabaseReadableAtPath(const QString &path)
+{
+    const QByteArray encoded = QFile::encodeName(path);
+    struct stat checked {};
+    if (::lstat(encoded.constData(), &checked) != 0)
+        return true;
+    StoreLock lock(path);
+    return ::lstat(encoded.constData(), &checked) != 0 || schemaIsReadable(encoded);
+}
+
 std::unique_ptr<HistoryStore> HistoryStore::coordinatorWithModel(std::shared_ptr<const HistoryModel> model,
                                                                  const char *owner, const char *operation,
                                                                  const char *sourceFile)

@@ -57,6 +57,8 @@ public:
     // The integrity rule: a file whose schema cannot be read is shown the "Vantor Database
     // Error" alert and deleted. True when the file is absent or sound.
     static bool ensureIntegrityOfDatabaseAtPath(const QString &path);
+    // The same check without its repair, for a reader that must leave the file alone.
+    static bool isDatabaseReadableAtPath(const QString &path);
 
     // A coordinator over "history.db" in the product folder, built as both owners of a stack
     // build theirs: check the model, check the file's integrity, attach the store. Null, with

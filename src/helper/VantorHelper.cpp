@@ -4,6 +4,7 @@
 #include "helper/DesktopNotifier.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "helper/FolderRequests.h"
+#include "common/HelperIdentity.h"
 #include "helper/SavingsModel.h"
 #include "helper/TrayIcon.h"
 #include "platform/FileManager.h"
@@ -176,11 +177,11 @@ bool VantorHelper::start()
         center->addObserver(this, QLatin1String(name), handler);
 
     const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply = bus.interface()->registerService(
-        QLatin1String(kBundleIdentifier), QDBusConnectionInterface::DontQueueService,
+        HelperIdentity::busName(), QDBusConnectionInterface::DontQueueService,
         QDBusConnectionInterface::DontAllowReplacement);
     if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
         log(QStringLiteral("another helper owns %1; pid %2 exiting")
-                .arg(QLatin1String(kBundleIdentifier))
+                .arg(HelperIdentity::busName())
                 .arg(::getpid()));
         return false;
     }

@@ -20,8 +20,6 @@ class VantorHelper : public QObject
 {
     Q_OBJECT
 public:
-    static constexpr const char *kBundleIdentifier = "com.quillfen.VantorHelper";
-
     explicit VantorHelper(const QString &version, QObject *parent = nullptr);
     ~VantorHelper() override;
 

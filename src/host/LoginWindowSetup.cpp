@@ -2,6 +2,7 @@
 
 #include "platform/AtomicFile.h"
 #include "platform/PreferencesDomain.h"
+#include "platform/ProcessInfo.h"
 
 #include <QDir>
 #include <QFile>
@@ -26,7 +27,7 @@ QString quoteExec(const QString &program)
 
 QString agentPath()
 {
-    const QString exe = QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget();
+    const QString exe = ProcessInfo::processInfo()->executablePath();
     return QFileInfo(exe).absolutePath() + QStringLiteral("/vantor-login-items");
 }
 

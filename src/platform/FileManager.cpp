@@ -111,6 +111,14 @@ std::optional<QString> FileManager::stringWithFileSystemRepresentation(const QBy
     return string;
 }
 
+std::optional<unsigned> FileManager::posixPermissionsOfItemAtPath(const QString &path)
+{
+    struct stat st = {};
+    if (path.isEmpty() || ::lstat(QFile::encodeName(path).constData(), &st) != 0)
+        return std::nullopt;
+    return unsigned(st.st_mode & 07777);
+}
+
 bool FileManager::copyItemAtPath(const QString &source, const QString &destination, QString *error)
 {
     QFile file(source);

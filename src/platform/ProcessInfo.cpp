@@ -1,6 +1,8 @@
 #include "platform/ProcessInfo.h"
 
 #include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
 #include <QSocketNotifier>
 
 #include <cerrno>
@@ -34,6 +36,18 @@ ProcessInfo *ProcessInfo::processInfo()
 int ProcessInfo::processIdentifier() const
 {
     return int(::getpid());
+}
+
+QString ProcessInfo::executablePath() const
+{
+    return QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget();
+}
+
+QByteArray ProcessInfo::argumentsData() const
+{
+    // procfs reports no size, so the file is read to its end.
+    QFile cmdline(QStringLiteral("/proc/self/cmdline"));
+    return cmdline.open(QIODevice::ReadOnly) ? cmdline.readAll() : QByteArray();
 }
 
 void ProcessInfo::disableSuddenTermination()

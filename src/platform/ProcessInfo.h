@@ -16,6 +16,10 @@ public:
     static ProcessInfo *processInfo();
 
     int processIdentifier() const;
+    // The running executable's path, as the kernel knows it; empty when it cannot be read.
+    QString executablePath() const;
+    // This process's arguments as the kernel holds them: each ends with a NUL byte.
+    QByteArray argumentsData() const;
 
     void disableSuddenTermination();
     void enableSuddenTermination();

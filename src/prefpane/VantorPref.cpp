@@ -2,20 +2,23 @@
 
 #include "platform/Bundle.h"
 #include "platform/DistributedNotificationCenter.h"
+#include "common/HelperLauncher.h"
+#include "common/HelperLoginItem.h"
 #include "common/Notifications.h"
 #include "gui/PreferencePaneHost.h"
 #include "prefpane/QFTableView.h"
 #include "common/VTDefaultsController.h"
 #include "prefpane/VTHistoryController.h"
 #include "common/VTPreferenceCommunicator.h"
-#include "platform/Workspace.h"
 #include "ui_VantorPref.h"
 
 #include <QIcon>
 
 VantorPref::VantorPref(QObject *parent)
     : PreferencePane(parent)
+    , m_loginItem(new HelperLoginItem(this))
 {
+    connect(m_loginItem, &HelperLoginItem::changed, this, &VantorPref::autorunAtLoginChanged, Qt::DirectConnection);
 }
 
 VantorPref::~VantorPref() = default;
@@ -79,6 +82,8 @@ void VantorPref::styleMainView()
 void VantorPref::mainViewDidLoad()
 {
     versionNumberTextField->setText(bundleVersion());
+    // A label with a name of its own is read by that name alone: the name carries the value.
+    versionNumberTextField->setAccessibleName(QStringLiteral("Version %1").arg(bundleVersion()));
 
     // Made now so that both exist before anything else uses them.
     VTDefaultsController::create();
@@ -132,7 +137,7 @@ void VantorPref::didSelect()
 {
     if (host())
         host()->activateIgnoringOtherApps(false);
-    if (Workspace::shared()->runningApplicationsWithBundleIdentifier(QStringLiteral("com.quillfen.VantorHelper")).isEmpty())
+    if (!HelperLauncher::isRunning())
         launchHelper();
     VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
     setActiveButton(store->helperActive(), false);

@@ -3,6 +3,7 @@
 // notification service on the test's bus that records what the helper tells the user.
 
 #include "prefpane/ArrayController.h"
+#include "common/HelperIdentity.h"
 #include "platform/Bundle.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "LoopMount.h"
@@ -33,8 +34,7 @@ namespace {
 
 QString helperExecutable()
 {
-    return TestEnvironment::paneBundle()
-        + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/MacOS/VantorHelper");
+    return TestEnvironment::helperExecutable();
 }
 
 // Text that compresses well, as documents and source code do.
@@ -204,7 +204,7 @@ void TestHelperCompression::startHelper()
     m_helper->setProcessChannelMode(QProcess::ForwardedChannels);
     m_helper->start(helperExecutable(), {});
     QVERIFY(m_helper->waitForStarted());
-    QTRY_VERIFY(QDBusConnection::sessionBus().interface()->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper")));
+    QTRY_VERIFY(QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName()));
 }
 
 void TestHelperCompression::stopHelper()
