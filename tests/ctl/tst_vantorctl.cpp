@@ -64,8 +64,6 @@ private Q_SLOTS:
     void compressesThroughTheCommandLine();
 
 private:
-    void startHelper();
-    void stopHelper();
     QString loginList() const { return m_env.configHome() + u"/vantor/preferences/loginwindow.plist"_s; }
     QByteArray undecodableFolder() const { return QFile::encodeName(m_env.home()) + "/caf\xe9"; }
 
@@ -85,34 +83,17 @@ void TestVantorCtl::initTestCase()
 
 void TestVantorCtl::cleanupTestCase()
 {
-    // QDir cannot remove what it cannot name.
-    ::rmdir(undecodableFolder().constData());
+    ::rmdir(undecodableFolder().constData()); // QDir cannot remove what it cannot name
 }
 
 void TestVantorCtl::cleanup()
 {
-    stopHelper();
+    if (m_helper && m_helper->state() != QProcess::NotRunning) {
+        DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+        if (!m_helper->waitForFinished(15000))
+            m_helper->kill();
+    }
     QFile::remove(m_env.productFolder() + u"/history.db"_s);
-}
-
-void TestVantorCtl::startHelper()
-{
-    if (helperRunning())
-        return;
-    m_helper = std::make_unique<QProcess>();
-    m_helper->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    m_helper->start(TestEnvironment::helperExecutable(), {});
-    QVERIFY(m_helper->waitForStarted());
-    QTRY_VERIFY(helperRunning());
-}
-
-void TestVantorCtl::stopHelper()
-{
-    if (!m_helper || m_helper->state() == QProcess::NotRunning)
-        return;
-    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
-    if (!m_helper->waitForFinished(15000))
-        m_helper->kill();
 }
 
 void TestVantorCtl::commands_data()
@@ -166,8 +147,12 @@ void TestVantorCtl::commands()
     if (setting == QLatin1String("damaged store"))
         TestEnvironment::writeFile(store, damaged);
     // The helper replaces a damaged store when it starts, so it stays away from those rows.
-    if (setting == QLatin1String("helper"))
-        startHelper();
+    if (setting == QLatin1String("helper") && !helperRunning()) {
+        m_helper = std::make_unique<QProcess>();
+        m_helper->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_helper->start(TestEnvironment::helperExecutable(), {});
+        QTRY_VERIFY(helperRunning());
+    }
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     if (setting == QLatin1String("no bus"))
         env.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
