@@ -2,14 +2,18 @@
 
 #include "common/FolderRequest.h"
 #include "common/HelperIdentity.h"
+#include "common/HelperLauncher.h"
+#include "common/HelperLoginItem.h"
 #include "common/Notifications.h"
 #include "common/VTDefaultsController.h"
+#include "common/VTPreferenceCommunicator.h"
 #include "common/VTUtil.h"
 #include "ctl/HistorySnapshot.h"
+#include "platform/Bundle.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "platform/FileManager.h"
 #include "platform/InstalledPane.h"
-#include "platform/Workspace.h"
+#include "platform/ProcessInfo.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -105,7 +109,7 @@ int VantorCtl::status(bool json)
     if (!readHistory(&history))
         return Failed;
     const bool bus = DistributedNotificationCenter::defaultCenter()->isConnected();
-    const bool running = bus && !Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::bundleIdentifier()).isEmpty();
+    const bool running = bus && HelperLauncher::isRunning();
     const bool active = VTDefaultsController::sharedDefaultsController()->helperActive();
     if (json) {
         const QJsonObject document{{QStringLiteral("helperRunning"), bus ? QJsonValue(running) : QJsonValue()},
@@ -233,9 +237,42 @@ int VantorCtl::remove(const QList<QByteArray> &paths)
 
 int VantorCtl::setActive(bool active)
 {
-    Q_UNUSED(active);
-    fail(QStringLiteral("not yet"));
-    return Failed;
+    const QString pane = paneBundle();
+    if (pane.isEmpty())
+        return Failed;
+    const HelperLauncher launcher(Bundle::bundleWithPath(pane));
+    const bool bus = DistributedNotificationCenter::defaultCenter()->isConnected();
+    bool failed = false;
+    // The switch's order: a missing helper is started first. The pane would start one for
+    // "off" too and ask it to quit once left; a command line leaves at once, so it does not.
+    if (active && bus && !HelperLauncher::isRunning()) {
+        if (!launcher.hasExpectedPermissions()) {
+            fail(QStringLiteral("The Vantor Helper application has the wrong permissions, and will probably not run. "
+                                "Please reinstall Vantor or change the permissions manually, or contact support."));
+        }
+        const std::optional<HelperLauncher::Launch> launch = launcher.launch();
+        if (!launch || !launch->application) {
+            fail(QStringLiteral("the helper could not be started: %1")
+                     .arg(launch ? launch->error : QStringLiteral("%1 holds no helper").arg(pane)));
+            failed = true;
+        }
+    }
+    {
+        // Not to be killed between storing the setting and telling the helper.
+        SuddenTerminationGuard guard;
+        VTDefaultsController::sharedDefaultsController()->setHelperActive(active);
+        HelperLoginItem().setEnabled(active, launcher.applicationPath());
+        VTPreferenceCommunicator::sharedCommunicatorController()->notifyHelperActiveStatusChanged();
+        // As when the pane is left with the helper off.
+        if (!active)
+            VTPreferenceCommunicator::sharedCommunicatorController()->notifyHelperShouldQuit();
+    }
+    if (!bus) {
+        fail(QStringLiteral("no session bus: the setting is stored, but no helper could be told or started"));
+        return Failed;
+    }
+    flush();
+    return failed ? Failed : Done;
 }
 
 QString VantorCtl::paneBundle()
@@ -272,7 +309,7 @@ bool VantorCtl::helperCanBeAsked()
         fail(QStringLiteral("no session bus, so the helper cannot be asked: nothing was sent"));
         return false;
     }
-    if (Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::bundleIdentifier()).isEmpty()) {
+    if (!HelperLauncher::isRunning()) {
         fail(QStringLiteral("the Vantor helper is not running, so nothing was sent; "
                             "start it with \"vantorctl on\" and try again"));
         return false;
@@ -284,7 +321,12 @@ void VantorCtl::postFolders(const char *key, const QStringList &folders)
 {
     DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::Folders),
                                                                          {{QLatin1String(key), folders}});
-    // A round trip: the bus has the request before this process ends.
+    flush();
+}
+
+void VantorCtl::flush()
+{
+    // A round trip: the bus has everything posted before this process ends.
     QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName());
 }
 

@@ -36,6 +36,7 @@ private:
     // Whether requests can reach the helper now; false with the reason told.
     bool helperCanBeAsked();
     void postFolders(const char *key, const QStringList &folders);
+    static void flush();
 
     static QByteArray absolute(const QByteArray &path);
     static void fail(const QString &line);
