@@ -172,6 +172,8 @@ vantorctl list
 vantorctl status --json
 vantorctl status
 EOF
+    # Written data reaches its extents, which compsize reads, only once flushed.
+    btrfs filesystem sync "$root/mnt/btrfs"
     compsize "$root$folder" || true
     # The figure vantorctl shows against what is on disk, by a tool we did not write.
     measured=$(compsize -b "$root$folder" | awk '$1 == "TOTAL" { print $4 - $3 }' || true)
@@ -189,9 +191,11 @@ fi
 step "apt remove vantor"
 stop_chroot_processes
 in_root apt-get remove -y -qq vantor >/dev/null
-echo "dpkg's record: $(in_root dpkg-query -W -f='${db:Status-Abbrev} ${Package}\n' vantor 2>&1 || true)"
+echo "dpkg's record: $(in_root dpkg-query -W -f='${db:Status-Abbrev} ${Package}\n' vantor 2>&1 || true)" \
+    "(none: no conffile keeps it)"
 left=0
 while read -r f; do
+    [ "$f" = /. ] && continue
     if [ -e "$root$f" ] && ! in_root dpkg -S "$f" >/dev/null 2>&1; then
         echo "left behind: $f"
         left=1
