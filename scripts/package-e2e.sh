@@ -191,8 +191,11 @@ fi
 step "apt remove vantor"
 stop_chroot_processes
 in_root apt-get remove -y -qq vantor >/dev/null
-echo "dpkg's record: $(in_root dpkg-query -W -f='${db:Status-Abbrev} ${Package}\n' vantor 2>&1 || true)" \
-    "(none: no conffile keeps it)"
+if record=$(in_root dpkg-query -W -f='${db:Status-Abbrev} ${Package}' vantor 2>/dev/null); then
+    echo "dpkg still records: $record"
+else
+    echo "dpkg no longer knows vantor: no conffile keeps it"
+fi
 left=0
 while read -r f; do
     [ "$f" = /. ] && continue
