@@ -11,7 +11,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 
 namespace {
 
@@ -40,12 +39,13 @@ QString VTUtil::applicationSupportFolder()
     if (!FileManager::fileExists(folder)) {
         // No intermediate folders: the application-data folder itself must exist.
         // User-only, since the folder holds the user's settings and history.
-        if (::mkdir(QFile::encodeName(folder).constData(), 0700) != 0) {
+        QString error;
+        if (!FileManager::createDirectoryAtPath(folder, 0700, &error)) {
             // Every call tries again; say so once, not on every settings write.
             static QString reported;
             if (reported != folder) {
                 reported = folder;
-                qWarning("vantor: cannot create the product folder %s: %s", qPrintable(folder), std::strerror(errno));
+                qWarning("vantor: cannot create the product folder %s: %s", qPrintable(folder), qPrintable(error));
             }
             return g_applicationSupportFolder;
         }

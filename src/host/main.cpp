@@ -15,7 +15,6 @@
 #include <QPixmap>
 #include <QTimer>
 
-#include <csignal>
 #include <cstdio>
 #include <ctime>
 
@@ -47,7 +46,7 @@ int main(int argc, char *argv[])
 {
     // Before anything logs: standard error may be a pipe nobody reads any more (the program
     // that started us before a relaunch, a closed terminal).
-    std::signal(SIGPIPE, SIG_IGN);
+    ProcessInfo::ignoreBrokenPipes();
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("vantor-preferences"));
     QApplication::setApplicationDisplayName(QStringLiteral("Vantor"));

@@ -8,6 +8,7 @@
 #include <QDBusConnectionInterface>
 #include <QDBusReply>
 #include <QDBusServiceWatcher>
+#include <QDir>
 
 LinuxWorkspace::LinuxWorkspace() = default;
 
@@ -21,7 +22,8 @@ RunningApplication *LinuxWorkspace::launchApplicationAtURL(const QUrl &url, Laun
     };
     if (!url.isLocalFile())
         return fail(QStringLiteral("%1 is not a file URL").arg(url.toString()));
-    const QString path = url.toLocalFile();
+    // A directory URL ends in '/': cleaned, so the executable's path has no doubled slash.
+    const QString path = QDir::cleanPath(url.toLocalFile());
     const std::optional<QVariant> info = PropertyList::readFile(path + QStringLiteral("/Contents/Info.plist"));
     if (!info || info->typeId() != QMetaType::QVariantMap)
         return fail(QStringLiteral("%1 has no readable Contents/Info.plist").arg(path));
@@ -39,7 +41,10 @@ RunningApplication *LinuxWorkspace::launchApplicationAtURL(const QUrl &url, Laun
     }
 
     QString spawnError;
-    Task *task = Task::launchedTaskWithLaunchPath(path + QStringLiteral("/Contents/MacOS/") + executable, {}, &spawnError);
+    // An application keeps no hold on its starter's output: a helper started by a host whose
+    // output is a pipe would keep that pipe open for as long as it runs.
+    Task *task = Task::launchedTaskWithLaunchPath(path + QStringLiteral("/Contents/MacOS/") + executable, {},
+                                                  &spawnError, false, {}, Task::DiscardOutput);
     if (!task)
         return fail(spawnError);
     RunningApplication *app = track(identifier, task->processIdentifier(), {});

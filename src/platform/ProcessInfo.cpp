@@ -50,6 +50,11 @@ QByteArray ProcessInfo::argumentsData() const
     return cmdline.open(QIODevice::ReadOnly) ? cmdline.readAll() : QByteArray();
 }
 
+void ProcessInfo::ignoreBrokenPipes()
+{
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
 void ProcessInfo::disableSuddenTermination()
 {
     ++m_disableCount;
