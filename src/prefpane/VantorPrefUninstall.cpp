@@ -37,9 +37,10 @@ void VantorPref::loadSheets(QWidget *owner)
     connect(restartUi.restartButton, &QPushButton::clicked, this,
             [this, button = restartUi.restartButton] { restart(button); });
 
-    const QString icon = bundle() ? bundle()->pathForResource(QStringLiteral("vantor"), QStringLiteral("png")) : QString();
-    if (!icon.isEmpty()) {
-        const QPixmap picture = QIcon(icon).pixmap(64, 64);
+    // The icon the main view has read already: decoding the file a second time slowed the
+    // first frame. Taken now, since the restart sheet shows once the bundle is gone.
+    if (const QIcon icon = iconButton->icon(); !icon.isNull()) {
+        const QPixmap picture = icon.pixmap(64, 64);
         uninstallUi.uninstallIcon->setPixmap(picture);
         restartUi.restartIcon->setPixmap(picture);
     }
