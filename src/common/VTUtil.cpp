@@ -1,4 +1,5 @@
 #include "common/VTUtil.h"
+#include "common/CommonLog.h"
 
 #include "platform/Bundle.h"
 #include "platform/FileManager.h"
@@ -28,7 +29,7 @@ QString VTUtil::applicationSupportFolder()
     const QStringList dirs = FileManager::applicationSupportDirectories();
     QString base = dirs.isEmpty() ? FileManager::temporaryDirectory() : dirs.first();
     if (base.isEmpty()) {
-        qWarning("vantor: no application-data folder and no private temporary folder for the product folder");
+        qCWarning(lcCommon, "no application-data folder and no private temporary folder for the product folder");
         return g_applicationSupportFolder;
     }
     while (base.size() > 1 && base.endsWith(u'/'))
@@ -45,7 +46,7 @@ QString VTUtil::applicationSupportFolder()
             static QString reported;
             if (reported != folder) {
                 reported = folder;
-                qWarning("vantor: cannot create the product folder %s: %s", qPrintable(folder), qPrintable(error));
+                qCWarning(lcCommon, "cannot create the product folder %s: %s", qPrintable(folder), qPrintable(error));
             }
             return g_applicationSupportFolder;
         }

@@ -1,4 +1,5 @@
 #include "platform/LinuxWorkspace.h"
+#include "platform/PlatformLog.h"
 
 #include "platform/PropertyList.h"
 #include "platform/RunningApplication.h"
@@ -85,7 +86,7 @@ bool LinuxWorkspace::openURL(const QUrl &url)
 {
     QString error;
     if (!Task::launchedTaskWithLaunchPath(QStringLiteral("xdg-open"), {url.toString(QUrl::FullyEncoded)}, &error, true)) {
-        qWarning("vantor: cannot open %s: %s", qPrintable(url.toString()), qPrintable(error));
+        qCWarning(lcPlatform, "cannot open %s: %s", qPrintable(url.toString()), qPrintable(error));
         return false;
     }
     return true;
@@ -139,5 +140,5 @@ void LinuxWorkspace::warnNoBusOnce()
     if (m_warned)
         return;
     m_warned = true;
-    qWarning("vantor: no D-Bus session bus; running applications cannot be found");
+    qCWarning(lcPlatform, "no D-Bus session bus; running applications cannot be found");
 }

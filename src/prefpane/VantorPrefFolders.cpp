@@ -1,5 +1,6 @@
 // VantorPref: editing the folder list with the chooser, the remove button and drops.
 #include "prefpane/VantorPref.h"
+#include "prefpane/PaneLog.h"
 
 #include "platform/FileManager.h"
 #include "gui/FolderChooser.h"
@@ -20,7 +21,7 @@ constexpr const char *kFilenamesType = "text/uri-list";
 void refuseUndecodablePaths(const QList<QByteArray> &paths)
 {
     for (const QByteArray &path : paths) {
-        qWarning("Vantor cannot keep the folder %s compressed: its path is not valid UTF-8",
+        qCWarning(lcPane, "Vantor cannot keep the folder %s compressed: its path is not valid UTF-8",
                  path.toPercentEncoding("/").constData());
     }
 }

@@ -1,6 +1,7 @@
 // VantorPref: uninstalling the product, restarting the host, the sheets and the help page.
 
 #include "prefpane/VantorPref.h"
+#include "prefpane/PaneLog.h"
 
 #include "platform/Bundle.h"
 #include "platform/FileManager.h"
@@ -73,7 +74,7 @@ void VantorPref::removeOwnFiles()
     // Loaded code keeps running without its files; a failure leaves the bundle and goes on.
     QString error;
     if (bundle() && !FileManager::removeItemAtPath(bundle()->bundlePath(), &error))
-        qWarning("vantor: %s", qPrintable(error));
+        qCWarning(lcPane, "%s", qPrintable(error));
 }
 
 void VantorPref::restart(QObject *sender)
