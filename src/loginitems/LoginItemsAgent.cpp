@@ -1,4 +1,5 @@
 #include "loginitems/LoginItemsAgent.h"
+#include "loginitems/LoginItemsLog.h"
 
 #include "common/BDAlias.h"
 #include "platform/Bundle.h"
@@ -23,7 +24,7 @@ namespace {
 
 void report(const QString &line)
 {
-    std::fprintf(stderr, "vantor-login-items: %s\n", qPrintable(line));
+    qCWarning(lcLoginItems).noquote() << line;
 }
 
 } // namespace
