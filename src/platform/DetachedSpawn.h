@@ -4,8 +4,8 @@
 // own, with an empty signal mask and every signal at its default disposition, standard
 // input from /dev/null; with discardOutput standard output and error go there too, so an
 // application lives on without holding its starter's terminal or pipe. No other descriptor
-// is inherited. Header-only and free of Qt so the relaunch tool, which must run
-// from a copy with no libraries beside it, uses the same code as the pane.
+// is inherited. Header-only, so the relaunch tool, which runs from a copy with none of our
+// libraries beside it, uses the same code as the pane and the login-items agent.
 
 #include <cerrno>
 #include <csignal>
