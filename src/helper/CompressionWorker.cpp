@@ -2,10 +2,14 @@
 
 #include "BtrfsCompressor.h"
 #include "CompressionModel.h"
+#include "ExtentMap.h"
+#include "FolderReport.h"
+#include "FreeSpaceGuard.h"
 #include "VTExclusionRules.h"
 
 #include <QFile>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <thread>
@@ -89,7 +93,13 @@ class EstimateQueue
 public:
     struct Entry {
         QByteArray path;
-        qint64 estimate;
+        qint64 estimate = 0; // what rewriting ranges would save
+        QList<ExtentMap::Range> ranges; // the file's own plain data
+        qint64 encodedSavings = 0; // what the data already stored compressed saves
+        bool encoded = false;
+        qint64 shared = 0;
+        std::optional<SkippedFiles::Reason> skip;
+        bool knownSkip = false;
         int error = 0; // why the file could not be opened, if it could not
     };
     static constexpr qsizetype kAhead = 32;
@@ -140,6 +150,45 @@ int openForReading(int folderFd, const QByteArray &path)
     if (fd < 0 && errno == EPERM)
         fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     return fd;
+}
+
+enum class Outcome { Saved, NotSaved, NoSpace };
+
+Outcome rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, const std::atomic<bool> &cancel,
+                FolderReport *report)
+{
+    switch (BtrfsCompressor::compressRanges(fd, entry.ranges, cancel)) {
+    case BtrfsCompressor::Result::NoSpace:
+        return Outcome::NoSpace;
+    case BtrfsCompressor::Result::InUse:
+        report->inUse();
+        return Outcome::NotSaved;
+    case BtrfsCompressor::Result::Failed: {
+        const int error = errno;
+        struct stat st {};
+        // An active swap file refuses to have its blocks moved.
+        if (error == ETXTBSY && ::fstat(fd, &st) == 0) {
+            skipped.add(st, SkippedFiles::Reason::SwapFile);
+            report->skipped(entry.path, SkippedFiles::Reason::SwapFile, false);
+        } else {
+            report->failed(entry.path, error);
+        }
+        return Outcome::NotSaved;
+    }
+    case BtrfsCompressor::Result::Compressed:
+        break;
+    }
+    // The rewrite can succeed and leave the data as it was (btrfs found it would not shrink,
+    // or will not compress this file at all): remembered, so it is not rewritten every pass.
+    ExtentMap after;
+    struct stat st {};
+    if (after.read(fd, true) && !after.anyEncodedIn(entry.ranges) && ::fstat(fd, &st) == 0) {
+        skipped.add(st, SkippedFiles::Reason::StaysPlain);
+        report->skipped(entry.path, SkippedFiles::Reason::StaysPlain, false);
+        return Outcome::NotSaved;
+    }
+    report->compressed();
+    return Outcome::Saved;
 }
 
 } // namespace
@@ -254,51 +303,105 @@ void CompressionWorker::compressFolder(const Job &job)
         BtrfsCompressor::lowerThreadPriority();
         CompressionModel model;
         for (const QByteArray &path : files) {
+            EstimateQueue::Entry entry;
+            entry.path = path;
             const int fd = openForReading(folderFd, path);
             struct stat st {};
-            const int error = fd < 0 && errno != ENOENT ? errno : 0;
-            qint64 estimate = 0;
-            if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
-                estimate = model.savingsForFile(fd);
+            entry.error = fd < 0 && errno != ENOENT ? errno : 0;
+            if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+                entry.skip = m_skipped.find(st);
+                entry.knownSkip = entry.skip.has_value();
+                if (!entry.skip)
+                    entry.skip = SkippedFiles::cannotCompress(fd);
+                ExtentMap map;
+                if (entry.skip) {
+                    m_skipped.add(st, *entry.skip);
+                } else if (map.read(fd)) {
+                    entry.ranges = map.plainOwn();
+                    entry.shared = map.plainShared();
+                    entry.encoded = !map.encoded().isEmpty();
+                    if (!entry.ranges.isEmpty())
+                        entry.estimate = model.savingsForRanges(fd, entry.ranges);
+                    if (entry.encoded)
+                        entry.encodedSavings = qMax(model.savingsForRanges(fd, map.encoded()), qint64(0));
+                }
+            }
             if (fd >= 0)
                 ::close(fd);
-            if (!estimates.push({path, estimate, error}))
+            if (!estimates.push(std::move(entry)))
                 return;
         }
     });
 
+    // With little room the files that free most go first, and each step is small.
+    const bool low = FreeSpaceGuard::room(folderFd) < FreeSpaceGuard::kLowRoom;
+    QList<EstimateQueue::Entry> sorted;
+    if (low) {
+        while (std::optional<EstimateQueue::Entry> entry = estimates.pop(files.size()))
+            sorted.append(std::move(*entry));
+        std::stable_sort(sorted.begin(), sorted.end(),
+                         [](const auto &a, const auto &b) { return a.estimate < b.estimate; });
+    }
+    auto next = [&]() -> std::optional<EstimateQueue::Entry> {
+        if (!low)
+            return estimates.pop(files.size());
+        if (sorted.isEmpty())
+            return std::nullopt;
+        return sorted.takeLast();
+    };
+
+    FolderReport report(job.folder);
     quint64 savings = 0;
     qsizetype done = 0;
-    while (const std::optional<EstimateQueue::Entry> entry = estimates.pop(files.size())) {
+    bool noSpace = false;
+    while (const std::optional<EstimateQueue::Entry> entry = next()) {
         if (!waitUntilActive(job.id))
             break;
         if (entry->error != 0)
             unreadable.add(entry->error);
-        // A file that would not shrink is left as it is.
-        if (entry->estimate > 0) {
+        report.shared(entry->shared);
+        savings += quint64(entry->encodedSavings);
+        if (entry->skip) {
+            report.skipped(entry->path, *entry->skip, entry->knownSkip);
+        } else if (entry->estimate > 0) {
             const int fd = openForReading(folderFd, entry->path);
             if (fd < 0 && errno != ENOENT)
                 unreadable.add(errno);
-            if (fd >= 0
-                && (BtrfsCompressor::isCompressed(fd)
-                    || BtrfsCompressor::compressFile(fd, m_cancelCurrent) == BtrfsCompressor::Result::Compressed))
-                savings += quint64(entry->estimate);
-            if (fd >= 0)
+            if (fd >= 0) {
+                const Outcome outcome = rewrite(fd, *entry, m_skipped, m_cancelCurrent, &report);
+                noSpace = outcome == Outcome::NoSpace;
+                if (outcome == Outcome::Saved)
+                    savings += quint64(entry->estimate);
                 ::close(fd);
+            }
+        } else if (entry->encoded) {
+            report.alreadyCompressed();
+        } else {
+            report.wouldNotShrink();
         }
-        if (cancelled(job.id))
+        if (noSpace || cancelled(job.id))
             break;
         ++done;
-        Q_EMIT progress(job.id, quint32(done * 100 / files.size()), savings);
+        // 100 is for the end, when every file has been seen to.
+        Q_EMIT progress(job.id, quint32(qMin<qsizetype>(done * 100 / files.size(), 99)), savings);
     }
     estimates.close();
     estimator.join();
+    const qint64 room = FreeSpaceGuard::room(folderFd);
     ::close(folderFd);
     if (unreadable.count > 0) {
         qWarning("VantorHelper: %lld items in \"%s\" could not be opened (%s) and were left as they are",
                  static_cast<long long>(unreadable.count), qPrintable(QFile::decodeName(job.folder)),
                  std::strerror(unreadable.firstError));
     }
-    if (!cancelled(job.id))
+    if (cancelled(job.id))
+        return;
+    qInfo("VantorHelper: %s", qPrintable(report.summary()));
+    if (report.sharedBytes() > 0)
+        Q_EMIT sharedLeft(job.id, quint64(report.sharedBytes()));
+    if (noSpace)
+        Q_EMIT waitingForSpace(job.id, quint32(qMin<qsizetype>(done * 100 / qMax<qsizetype>(files.size(), 1), 99)),
+                               savings, quint64(qMax(FreeSpaceGuard::kMinRoom - room, FreeSpaceGuard::kMinRoom)));
+    else
         Q_EMIT finished(job.id, 100, savings);
 }
