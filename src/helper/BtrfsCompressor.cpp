@@ -1,7 +1,7 @@
-#include "BtrfsCompressor.h"
+#include "helper/BtrfsCompressor.h"
 
-#include "AliasVolume.h"
-#include "FreeSpaceGuard.h"
+#include "common/AliasVolume.h"
+#include "helper/FreeSpaceGuard.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,11 +1,11 @@
-#include "CompressionEngine.h"
+#include "helper/CompressionEngine.h"
 
-#include "BtrfsCompressor.h"
-#include "CompressionWorker.h"
-#include "DesktopNotifier.h"
-#include "FreeSpaceGuard.h"
-#include "SavingsModel.h"
-#include "VTUtil.h"
+#include "common/VTUtil.h"
+#include "helper/BtrfsCompressor.h"
+#include "helper/CompressionWorker.h"
+#include "helper/DesktopNotifier.h"
+#include "helper/FreeSpaceGuard.h"
+#include "helper/SavingsModel.h"
 
 #include <QFile>
 #include <QFileInfo>

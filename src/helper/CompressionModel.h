@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ExtentMap.h"
+#include "helper/ExtentMap.h"
 
 #include <QtGlobal>
 

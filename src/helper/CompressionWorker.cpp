@@ -1,11 +1,11 @@
-#include "CompressionWorker.h"
+#include "helper/CompressionWorker.h"
 
-#include "BtrfsCompressor.h"
-#include "CompressionModel.h"
-#include "ExtentMap.h"
-#include "FolderReport.h"
-#include "FreeSpaceGuard.h"
-#include "VTExclusionRules.h"
+#include "common/VTExclusionRules.h"
+#include "helper/BtrfsCompressor.h"
+#include "helper/CompressionModel.h"
+#include "helper/ExtentMap.h"
+#include "helper/FolderReport.h"
+#include "helper/FreeSpaceGuard.h"
 
 #include <QFile>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SkippedFiles.h"
+#include "helper/SkippedFiles.h"
 
 #include <QByteArray>
 #include <QList>

@@ -1,4 +1,4 @@
-#include "DesktopNotifier.h"
+#include "helper/DesktopNotifier.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>

@@ -1,4 +1,4 @@
-#include "ExtentMap.h"
+#include "helper/ExtentMap.h"
 
 #include <linux/fiemap.h>
 #include <linux/fs.h>

@@ -1,6 +1,6 @@
-#include "FolderReport.h"
+#include "helper/FolderReport.h"
 
-#include "VTUtil.h"
+#include "common/VTUtil.h"
 
 #include <QFile>
 #include <QStringList>

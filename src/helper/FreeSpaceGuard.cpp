@@ -1,4 +1,4 @@
-#include "FreeSpaceGuard.h"
+#include "helper/FreeSpaceGuard.h"
 
 #include <fcntl.h>
 #include <sys/statvfs.h>

@@ -1,9 +1,9 @@
-#include "SavingsModel.h"
+#include "helper/SavingsModel.h"
 
-#include "DistributedNotificationCenter.h"
-#include "HistoryStore.h"
-#include "Notifications.h"
-#include "VTUtil.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "common/HistoryStore.h"
+#include "common/Notifications.h"
+#include "common/VTUtil.h"
 
 SavingsModel::SavingsModel(QObject *parent)
     : QObject(parent)

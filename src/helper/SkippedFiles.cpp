@@ -1,4 +1,4 @@
-#include "SkippedFiles.h"
+#include "helper/SkippedFiles.h"
 
 #include <QMutexLocker>
 

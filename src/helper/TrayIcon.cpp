@@ -1,8 +1,8 @@
-#include "TrayIcon.h"
+#include "helper/TrayIcon.h"
 
-#include "DistributedNotificationCenter.h"
-#include "Notifications.h"
-#include "VTUtil.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "common/Notifications.h"
+#include "common/VTUtil.h"
 
 #include <QIcon>
 #include <QMenu>

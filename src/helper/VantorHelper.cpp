@@ -1,15 +1,15 @@
-#include "VantorHelper.h"
+#include "helper/VantorHelper.h"
 
-#include "CompressionEngine.h"
-#include "DesktopNotifier.h"
-#include "DistributedNotificationCenter.h"
-#include "FolderRequests.h"
-#include "SavingsModel.h"
-#include "TrayIcon.h"
-#include "FileManager.h"
-#include "Notifications.h"
-#include "PropertyList.h"
-#include "VTDefaultsController.h"
+#include "helper/CompressionEngine.h"
+#include "helper/DesktopNotifier.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "helper/FolderRequests.h"
+#include "helper/SavingsModel.h"
+#include "helper/TrayIcon.h"
+#include "platform/FileManager.h"
+#include "common/Notifications.h"
+#include "platform/PropertyList.h"
+#include "common/VTDefaultsController.h"
 
 #include <QApplication>
 #include <QCoreApplication>

@@ -1,8 +1,8 @@
 // VantorHelper: the background application the Vantor pane starts, configures and stops.
 
-#include "Bundle.h"
-#include "ProcessInfo.h"
-#include "VantorHelper.h"
+#include "platform/Bundle.h"
+#include "platform/ProcessInfo.h"
+#include "helper/VantorHelper.h"
 
 #include <QApplication>
 #include <QCoreApplication>
