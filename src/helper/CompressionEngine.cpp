@@ -140,7 +140,7 @@ void CompressionEngine::waitingForSpace(qint64 id, quint32 status, quint64 savin
         return;
     m_toldWaiting.insert(id);
     tell(QStringLiteral("Vantor is waiting for disk space"),
-         QStringLiteral("The disk of %1 is nearly full, so Vantor stopped compressing it. "
+         QStringLiteral("%1 waits to be compressed: its disk is nearly full. "
                         "Free %2 on it and Vantor goes on by itself.")
              .arg(QFileInfo(QFile::decodeName(m_folders.value(id))).fileName(), VTUtil::getPrettySize(bytesToFree)));
 }

@@ -376,7 +376,7 @@ void CompressionWorker::compressFolder(const Job &job)
             }
         } else if (entry->encoded) {
             report.alreadyCompressed();
-        } else {
+        } else if (entry->shared == 0) {
             report.wouldNotShrink();
         }
         if (noSpace || cancelled(job.id))

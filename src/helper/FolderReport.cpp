@@ -57,9 +57,9 @@ QString FolderReport::summary() const
         parts.append(QStringLiteral("%1 in use, left for later").arg(m_inUse));
     if (m_failed)
         parts.append(QStringLiteral("%1 failed (%2)").arg(m_failed).arg(QString::fromLocal8Bit(std::strerror(m_firstError))));
-    QString line = QStringLiteral("\"%1\": %2").arg(QFile::decodeName(m_folder), parts.join(QStringLiteral(", ")));
-    if (m_sharedBytes > 0)
-        line += QStringLiteral("; %1 shared with snapshots or copies was left as it is")
-                    .arg(VTUtil::getPrettySize(quint64(m_sharedBytes)));
-    return line;
+    if (m_shared)
+        parts.append(QStringLiteral("%1 with %2 shared with snapshots or copies left as it is")
+                         .arg(m_shared)
+                         .arg(VTUtil::getPrettySize(quint64(m_sharedBytes))));
+    return QStringLiteral("\"%1\": %2").arg(QFile::decodeName(m_folder), parts.join(QStringLiteral(", ")));
 }

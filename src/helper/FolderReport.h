@@ -17,7 +17,11 @@ public:
     void alreadyCompressed() { ++m_already; }
     void wouldNotShrink() { ++m_plain; }
     void inUse() { ++m_inUse; }
-    void shared(qint64 bytes) { m_sharedBytes += bytes; }
+    void shared(qint64 bytes)
+    {
+        m_sharedBytes += bytes;
+        m_shared += bytes > 0;
+    }
     // known: remembered from an earlier pass, so not told again.
     void skipped(const QByteArray &path, SkippedFiles::Reason reason, bool known);
     void failed(const QByteArray &path, int error);
@@ -33,6 +37,7 @@ private:
     qsizetype m_already = 0;
     qsizetype m_plain = 0;
     qsizetype m_inUse = 0;
+    qsizetype m_shared = 0;
     qsizetype m_failed = 0;
     int m_firstError = 0;
     QMap<SkippedFiles::Reason, qsizetype> m_skipped;
