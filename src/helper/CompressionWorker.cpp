@@ -8,6 +8,7 @@
 #include "helper/FreeSpaceGuard.h"
 
 #include <QFile>
+#include <QSet>
 
 #include <algorithm>
 #include <cerrno>
@@ -32,8 +33,35 @@ struct Unreadable {
     }
 };
 
-// Every regular file below folder (relative byte paths), not crossing into other file
-// systems; sets the compression property on each folder on the way so new files inherit it.
+// Reading must not change access times: in a snapshotted subvolume every inode touched is
+// metadata copied away from the snapshot. Only the owner may ask for that.
+int openNoAtime(int dirFd, const char *path, int flags)
+{
+    int fd = ::openat(dirFd, path, flags | O_CLOEXEC | O_NOATIME);
+    if (fd < 0 && errno == EPERM)
+        fd = ::openat(dirFd, path, flags | O_CLOEXEC);
+    return fd;
+}
+
+int openForReading(int folderFd, const QByteArray &path)
+{
+    return openNoAtime(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW);
+}
+
+// Sets the compression property on the folder holding path, once.
+void setFolderProperty(int folderFd, const QByteArray &path, QSet<QByteArray> *done)
+{
+    const QByteArray folder = path.left(qMax(path.lastIndexOf('/'), 0));
+    if (done->contains(folder))
+        return;
+    done->insert(folder);
+    const int fd = openNoAtime(folderFd, folder.isEmpty() ? "." : folder.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
+// Every regular file below folder (relative byte paths), not crossing into other file systems.
 QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder, Unreadable *unreadable)
 {
     QList<QByteArray> files;
@@ -42,9 +70,8 @@ QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder, Unreadabl
     QList<QByteArray> pending{QByteArray()};
     while (!pending.isEmpty()) {
         const QByteArray relative = pending.takeLast();
-        const int fd = relative.isEmpty() ? ::dup(folderFd)
-                                          : ::openat(folderFd, relative.constData(),
-                                                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int fd = openNoAtime(folderFd, relative.isEmpty() ? "." : relative.constData(),
+                                   O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (fd < 0) {
             // Gone meanwhile is no fault; too deep to name or not ours to read is.
             if (errno != ENOENT)
@@ -56,7 +83,6 @@ QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder, Unreadabl
             ::close(fd);
             continue;
         }
-        BtrfsCompressor::setCompressionProperty(fd);
         DIR *dir = ::fdopendir(fd);
         if (!dir) {
             ::close(fd);
@@ -143,14 +169,6 @@ private:
     bool m_closed = false;
 };
 
-int openForReading(int folderFd, const QByteArray &path)
-{
-    // Reading must not change the file's access time; only its owner may ask for that.
-    int fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME);
-    if (fd < 0 && errno == EPERM)
-        fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    return fd;
-}
 
 enum class Outcome { Saved, NotSaved, NoSpace };
 
@@ -288,7 +306,7 @@ void CompressionWorker::run()
 
 void CompressionWorker::compressFolder(const Job &job)
 {
-    const int folderFd = ::open(job.folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int folderFd = openNoAtime(AT_FDCWD, job.folder.constData(), O_RDONLY | O_DIRECTORY);
     if (folderFd < 0) {
         Q_EMIT failed(job.id, QString::fromLocal8Bit(std::strerror(errno)));
         return;
@@ -351,6 +369,8 @@ void CompressionWorker::compressFolder(const Job &job)
     };
 
     FolderReport report(job.folder);
+    QSet<QByteArray> propertySet;
+    setFolderProperty(folderFd, QByteArray(), &propertySet);
     quint64 savings = 0;
     qsizetype done = 0;
     bool noSpace = false;
@@ -360,6 +380,10 @@ void CompressionWorker::compressFolder(const Job &job)
         if (entry->error != 0)
             unreadable.add(entry->error);
         report.shared(entry->shared);
+        // New files inherit the property from their folder. A folder without plain data of its
+        // own is left unchanged: in a snapshot its metadata is shared too.
+        if (!entry->ranges.isEmpty())
+            setFolderProperty(folderFd, entry->path, &propertySet);
         savings += quint64(entry->encodedSavings);
         if (entry->skip) {
             report.skipped(entry->path, *entry->skip, entry->knownSkip);

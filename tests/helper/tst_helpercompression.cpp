@@ -529,6 +529,9 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
     QVERIFY(run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("create"), home}).contains(home));
     QDir().mkpath(folder);
     TestEnvironment::writeFile(folder + QStringLiteral("/old.txt"), text(6 << 20, 20));
+    // Many folders: reading them must not change their metadata, which the snapshot shares.
+    for (int i = 0; i < 600; ++i)
+        TestEnvironment::writeFile(folder + QStringLiteral("/letters/%1/letter.txt").arg(i), text(8192, 100 + i));
     run(QStringLiteral("sync"), {});
     run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("snapshot"), QStringLiteral("-r"), home,
                                   home + QStringLiteral("-snapshot")});
@@ -543,6 +546,9 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
     if (asUser)
         chownToUser(home);
     const auto before = hashes(folder);
+    // Last read long ago, as copies keep their times: reading would mark them read again.
+    run(QStringLiteral("find"), {folder, QStringLiteral("-exec"), QStringLiteral("touch"), QStringLiteral("-a"),
+                                 QStringLiteral("-d"), QStringLiteral("2020-01-01"), QStringLiteral("{}"), QStringLiteral("+")});
     const qint64 usedBefore = usage(m_btrfs->mountPoint(), QStringLiteral("Used:"));
 
     startHelper(asUser);
@@ -555,11 +561,12 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
     qInfo("used space %lld -> %lld (%+lld bytes); reported %lld saved, compsize of the new file %lld",
           usedBefore, usedAfter, usedAfter - usedBefore, saved, newSaved);
     // Only the new file was the folder's own: it alone was compressed and counted, and the file
-    // system's used space did not grow (1% of the folder's 19 MB allowed for metadata).
+    // system's used space did not grow (1% of the folder's 24 MB allowed for metadata).
+    const qint64 noise = (24 << 20) / 100;
     QVERIFY(newSaved > (1 << 20));
     QVERIFY2(qAbs(saved - newSaved) <= newSaved / 100, qPrintable(QString::number(saved)));
-    QVERIFY(usedAfter - usedBefore <= (19 << 20) / 100);
-    QVERIFY(usedBefore - usedAfter >= saved - (19 << 20) / 100);
+    QVERIFY(usedAfter - usedBefore <= noise);
+    QVERIFY(usedBefore - usedAfter >= saved - noise);
     for (const char *name : {"/old.txt", "/copied.txt", "/copy.txt"})
         QCOMPARE(exclusiveBytes(folder + QLatin1String(name)), qint64(0));
     QCOMPARE(compsizeSavings(folder + QStringLiteral("/disk.img")), qint64(0));
@@ -568,7 +575,7 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
     QCOMPARE(m_notifications.calls.first().body,
              QStringLiteral("%1 in Documents is shared with snapshots or copies and was left as it is: compressing "
                             "it now would take more space until those are deleted")
-                 .arg(VTUtil::getPrettySize(12u << 20)));
+                 .arg(VTUtil::getPrettySize((12u << 20) + 600 * 8192)));
 
     // The file with copy-on-write off is skipped with its reason once, and not tried again.
     const QByteArray skipped = QFile::encodeName(folder) + "/disk.img\" was left as it is: copy-on-write is off";
