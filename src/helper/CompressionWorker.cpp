@@ -57,6 +57,7 @@ void setFolderProperty(int folderFd, const QByteArray &path, QSet<QByteArray> *d
     done->insert(folder);
     const int fd = openNoAtime(folderFd, folder.isEmpty() ? "." : folder.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (fd >= 0) {
+        BtrfsCompressor::setCompressionProperty(fd);
         ::close(fd);
     }
 }
