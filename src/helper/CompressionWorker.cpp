@@ -171,7 +171,7 @@ private:
 };
 
 
-enum class Outcome { Saved, NotSaved, NoSpace };
+enum class Outcome { Rewritten, NotSaved, NoSpace };
 
 Outcome rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, const std::atomic<bool> &cancel,
                 FolderReport *report)
@@ -197,18 +197,35 @@ Outcome rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped
     case BtrfsCompressor::Result::Compressed:
         break;
     }
-    // The rewrite can succeed and leave the data as it was (btrfs found it would not shrink,
-    // or will not compress this file at all): remembered, so it is not rewritten every pass.
+    return Outcome::Rewritten;
+}
+
+// A rewrite can succeed and leave the data as it was (btrfs found it would not shrink, or will
+// not compress this file at all): such a file saves nothing and is remembered, so it is not
+// rewritten on every pass. Checked once the rewrite is on disk: before, FIEMAP may still show
+// the old extents.
+bool verify(int folderFd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, FolderReport *report)
+{
+    const int fd = openForReading(folderFd, entry.path);
+    if (fd < 0)
+        return false;
     ExtentMap after;
     struct stat st {};
-    if (after.read(fd, true) && !after.anyEncodedIn(entry.ranges) && ::fstat(fd, &st) == 0) {
+    const bool read = after.read(fd) && ::fstat(fd, &st) == 0;
+    ::close(fd);
+    if (read && after.anyEncodedIn(entry.ranges)) {
+        report->compressed();
+        return true;
+    }
+    if (read) {
         skipped.add(st, SkippedFiles::Reason::StaysPlain);
         report->skipped(entry.path, SkippedFiles::Reason::StaysPlain, false);
-        return Outcome::NotSaved;
     }
-    report->compressed();
-    return Outcome::Saved;
+    return false;
 }
+
+// Rewritten files are checked in batches of about this much data, after one wait for all of it.
+constexpr qint64 kVerifyBatch = 64 * 1024 * 1024;
 
 } // namespace
 
@@ -375,6 +392,19 @@ void CompressionWorker::compressFolder(const Job &job)
     quint64 savings = 0;
     qsizetype done = 0;
     bool noSpace = false;
+    QList<EstimateQueue::Entry> unverified;
+    qint64 unverifiedBytes = 0;
+    auto verifyAll = [&] {
+        if (unverified.isEmpty())
+            return;
+        ::syncfs(folderFd);
+        for (const EstimateQueue::Entry &rewritten : std::as_const(unverified)) {
+            if (verify(folderFd, rewritten, m_skipped, &report))
+                savings += quint64(rewritten.estimate);
+        }
+        unverified.clear();
+        unverifiedBytes = 0;
+    };
     while (const std::optional<EstimateQueue::Entry> entry = next()) {
         if (!waitUntilActive(job.id))
             break;
@@ -395,8 +425,11 @@ void CompressionWorker::compressFolder(const Job &job)
             if (fd >= 0) {
                 const Outcome outcome = rewrite(fd, *entry, m_skipped, m_cancelCurrent, &report);
                 noSpace = outcome == Outcome::NoSpace;
-                if (outcome == Outcome::Saved)
-                    savings += quint64(entry->estimate);
+                if (outcome == Outcome::Rewritten) {
+                    unverified.append(*entry);
+                    for (const ExtentMap::Range &range : entry->ranges)
+                        unverifiedBytes += range.length;
+                }
                 ::close(fd);
             }
         } else if (entry->encoded) {
@@ -406,10 +439,13 @@ void CompressionWorker::compressFolder(const Job &job)
         }
         if (noSpace || cancelled(job.id))
             break;
+        if (unverifiedBytes >= kVerifyBatch)
+            verifyAll();
         ++done;
         // 100 is for the end, when every file has been seen to.
         Q_EMIT progress(job.id, quint32(qMin<qsizetype>(done * 100 / files.size(), 99)), savings);
     }
+    verifyAll();
     estimates.close();
     estimator.join();
     const qint64 room = FreeSpaceGuard::room(folderFd);

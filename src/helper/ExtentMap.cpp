@@ -15,7 +15,7 @@ void ExtentMap::append(QList<Range> &ranges, qint64 start, qint64 length)
         ranges.append({start, length});
 }
 
-bool ExtentMap::read(int fd, bool flush)
+bool ExtentMap::read(int fd)
 {
     m_plainOwn.clear();
     m_encoded.clear();
@@ -29,8 +29,6 @@ bool ExtentMap::read(int fd, bool flush)
         map->fm_start = start;
         map->fm_length = FIEMAP_MAX_OFFSET - start;
         map->fm_extent_count = kExtents;
-        // Without the flag, data not yet written out shows as delalloc, of unknown encoding.
-        map->fm_flags = flush ? FIEMAP_FLAG_SYNC : 0;
         if (::ioctl(fd, FS_IOC_FIEMAP, map) != 0)
             return false;
         if (map->fm_mapped_extents == 0)

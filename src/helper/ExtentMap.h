@@ -15,7 +15,7 @@ public:
     };
 
     // False when the file system does not answer; the map is then empty.
-    bool read(int fd, bool flush = false);
+    bool read(int fd);
 
     // The file's own plain ranges, neighbours merged: the only ones worth rewriting. Shared
     // ones stay as they are, so the other owner keeps sharing them.
