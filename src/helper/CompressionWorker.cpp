@@ -457,7 +457,7 @@ void CompressionWorker::compressFolder(const Job &job)
     }
     if (cancelled(job.id))
         return;
-    qInfo("VantorHelper: %s", qPrintable(report.summary()));
+    qInfo("VantorHelper: %s", qPrintable(report.summary(noSpace)));
     if (report.sharedBytes() > 0)
         Q_EMIT sharedLeft(job.id, quint64(report.sharedBytes()));
     if (noSpace)
