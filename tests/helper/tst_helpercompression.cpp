@@ -560,6 +560,9 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
         if (asUser)
             QCOMPARE(::chown(QFile::encodeName(folder + QLatin1String(name)).constData(), kUser, kUser), 0);
     }
+    // Another user's file: readable, not the helper's to rewrite. It fails, is told, and saves nothing.
+    if (asUser)
+        TestEnvironment::writeFile(folder + QStringLiteral("/shared-by-root.txt"), text(1 << 20, 24));
     const auto before = hashes(folder);
     const qint64 usedBefore = usage(m_btrfs->mountPoint(), QStringLiteral("Used:"));
 
@@ -589,6 +592,9 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
                             "it now would take more space until those are deleted")
                  .arg(VTUtil::getPrettySize((12u << 20) + 600 * 8192)));
 
+    if (asUser)
+        QVERIFY(log().contains("/shared-by-root.txt\" could not be compressed: Permission denied")
+                && log().contains(", 1 failed (Permission denied), "));
     // The file with copy-on-write off is skipped with its reason once, and not tried again.
     const QByteArray skipped = QFile::encodeName(folder) + "/disk.img\" was left as it is: copy-on-write is off";
     const QByteArray summary = "\"" + QFile::encodeName(folder) + "\": ";
