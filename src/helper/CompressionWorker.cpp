@@ -203,25 +203,28 @@ Outcome rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped
 // A rewrite can succeed and leave the data as it was (btrfs found it would not shrink, or will
 // not compress this file at all): such a file saves nothing and is remembered, so it is not
 // rewritten on every pass. Checked once the rewrite is on disk: before, FIEMAP may still show
-// the old extents.
-bool verify(int folderFd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, FolderReport *report)
+// the old extents. Returns the bytes saved.
+qint64 verify(int folderFd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, FolderReport *report)
 {
     const int fd = openForReading(folderFd, entry.path);
     if (fd < 0)
-        return false;
+        return 0;
     ExtentMap after;
     struct stat st {};
     const bool read = after.read(fd) && ::fstat(fd, &st) == 0;
     ::close(fd);
-    if (read && after.anyEncodedIn(entry.ranges)) {
+    const qint64 encoded = read ? after.encodedBytesIn(entry.ranges) : 0;
+    if (encoded > 0) {
         report->compressed();
-        return true;
+        // Only what btrfs really stored compressed counts.
+        const qint64 all = ExtentMap::bytes(entry.ranges);
+        return all > 0 ? qint64(double(entry.estimate) * double(qMin(encoded, all)) / double(all)) : 0;
     }
     if (read) {
         skipped.add(st, SkippedFiles::Reason::StaysPlain);
         report->skipped(entry.path, SkippedFiles::Reason::StaysPlain, false);
     }
-    return false;
+    return 0;
 }
 
 // Rewritten files are checked in batches of about this much data, after one wait for all of it.
@@ -399,8 +402,7 @@ void CompressionWorker::compressFolder(const Job &job)
             return;
         ::syncfs(folderFd);
         for (const EstimateQueue::Entry &rewritten : std::as_const(unverified)) {
-            if (verify(folderFd, rewritten, m_skipped, &report))
-                savings += quint64(rewritten.estimate);
+            savings += quint64(verify(folderFd, rewritten, m_skipped, &report));
         }
         unverified.clear();
         unverifiedBytes = 0;

@@ -37,12 +37,12 @@ bool ExtentMap::read(int fd)
             const struct fiemap_extent &extent = map->fm_extents[i];
             const qint64 logical = qint64(extent.fe_logical);
             const qint64 length = qint64(extent.fe_length);
-            // Inline data lives in the metadata: nothing to gain by moving it.
+            // Inline data lives in the metadata, preallocated space holds no data: nothing to gain.
             if (extent.fe_flags & FIEMAP_EXTENT_ENCODED)
                 append(m_encoded, logical, length);
             else if (extent.fe_flags & FIEMAP_EXTENT_SHARED)
                 m_plainShared += length;
-            else if (!(extent.fe_flags & FIEMAP_EXTENT_DATA_INLINE))
+            else if (!(extent.fe_flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_UNWRITTEN)))
                 append(m_plainOwn, logical, length);
             if (extent.fe_flags & FIEMAP_EXTENT_LAST)
                 return true;
@@ -51,13 +51,23 @@ bool ExtentMap::read(int fd)
     }
 }
 
-bool ExtentMap::anyEncodedIn(const QList<Range> &ranges) const
+qint64 ExtentMap::encodedBytesIn(const QList<Range> &ranges) const
 {
+    qint64 total = 0;
     for (const Range &encoded : m_encoded) {
         for (const Range &range : ranges) {
-            if (encoded.start < range.start + range.length && range.start < encoded.start + encoded.length)
-                return true;
+            const qint64 start = qMax(encoded.start, range.start);
+            const qint64 end = qMin(encoded.start + encoded.length, range.start + range.length);
+            total += qMax(end - start, qint64(0));
         }
     }
-    return false;
+    return total;
+}
+
+qint64 ExtentMap::bytes(const QList<Range> &ranges)
+{
+    qint64 total = 0;
+    for (const Range &range : ranges)
+        total += range.length;
+    return total;
 }
