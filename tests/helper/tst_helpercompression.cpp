@@ -21,6 +21,7 @@
 #include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QScopeGuard>
 #include <QTest>
 
 #include <dirent.h>
@@ -614,6 +615,8 @@ void TestHelperCompression::nearlyFullDiskWaitsForSpace()
     LoopMount disk(dir, QStringLiteral("btrfs"), 256);
     if (!disk.mount())
         QSKIP(qPrintable(QStringLiteral("a btrfs image cannot be mounted here: ") + disk.reason()));
+    // The helper lets go of the file system before it is unmounted, also when a check fails.
+    const auto stop = qScopeGuard([this] { stopHelper(); });
     const QString folder = disk.mountPoint() + QStringLiteral("/Documents");
     QDir().mkpath(folder);
     for (int i = 0; i < 10; ++i)
@@ -649,7 +652,6 @@ void TestHelperCompression::nearlyFullDiskWaitsForSpace()
     QVERIFY(field(folder, "ZSAVINGS") > (10 << 20));
     QCOMPARE(hashes(folder), before);
     QCOMPARE(m_notifications.calls.size(), 1);
-    stopHelper();
 }
 
 QTEST_MAIN(TestHelperCompression)
