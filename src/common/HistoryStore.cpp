@@ -63,6 +63,9 @@ bool schemaIsReadable(const QByteArray &path)
     sqlite3 *db = nullptr;
     bool sound = false;
     if (sqlite3_open(path.constData(), &db) == SQLITE_OK) {
+        // A store another process is writing is busy, not damaged: wait for it rather than
+        // take its lock for a broken schema and delete the user's records.
+        sqlite3_busy_timeout(db, 10000);
         sqlite3_stmt *statement = nullptr;
         sound = sqlite3_prepare_v2(db, "PRAGMA integrity_check;", -1, &statement, nullptr) == SQLITE_OK;
         if (sound) {
