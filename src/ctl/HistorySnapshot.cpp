@@ -31,7 +31,7 @@ bool HistorySnapshot::read(const QString &paneBundlePath, QString *error)
         return false;
     }
     HistoryStore store(model);
-    HistoryStoreError storeError;
+    PresentableError storeError;
     if (!store.addPersistentStore(path, &storeError)) {
         *error = storeError.localizedDescription + u' ' + storeError.failureReason;
         return false;

@@ -69,13 +69,14 @@ QString VantorCtl::usage()
 int VantorCtl::run(const QList<QByteArray> &arguments)
 {
     QList<QByteArray> args = arguments;
-    if (args.contains("-h") || args.contains("--help")) {
-        print(usage());
-        return Done;
-    }
     if (args.size() >= 2 && args.first() == "--pane") {
         m_paneBundle = QFile::decodeName(args.at(1));
         args.remove(0, 2);
+    }
+    // Only in the command's place: "--help" may well name a folder to add.
+    if (!args.isEmpty() && (args.first() == "-h" || args.first() == "--help")) {
+        print(usage());
+        return Done;
     }
     const auto usageError = [](const QString &why) {
         std::fprintf(stderr, "vantorctl: %s\n%s", qPrintable(why), qPrintable(usage()));

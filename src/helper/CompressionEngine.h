@@ -1,11 +1,13 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHash>
 #include <QObject>
 #include <QSet>
 
 class CompressionWorker;
 class DesktopNotifier;
+class FreeSpaceGuard;
 class SavingsModel;
 
 // Decides what happens to each watched folder: on btrfs it goes to the worker thread; on a
@@ -30,9 +32,19 @@ private:
     void progress(qint64 id, quint32 status, quint64 savings);
     void finished(qint64 id, quint32 status, quint64 savings);
     void failed(qint64 id, const QString &reason);
+    void sharedLeft(qint64 id, quint64 bytes);
+    void waitingForSpace(qint64 id, quint32 status, quint64 savings, quint64 bytesToFree);
+    void roomAgain(qint64 id);
+    // Tells the user, and the log, in the same words.
+    void tell(const QString &summary, const QString &body);
 
     SavingsModel *m_savings;
     DesktopNotifier *m_notifier;
     CompressionWorker *m_worker;
+    FreeSpaceGuard *m_space;
     QSet<qint64> m_removed;
+    QHash<qint64, QByteArray> m_folders;
+    // Told once: about shared data per folder, about a full disk per wait.
+    QSet<qint64> m_toldShared;
+    QSet<qint64> m_toldWaiting;
 };

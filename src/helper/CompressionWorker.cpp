@@ -1,11 +1,16 @@
 #include "helper/CompressionWorker.h"
 
+#include "common/VTExclusionRules.h"
 #include "helper/BtrfsCompressor.h"
 #include "helper/CompressionModel.h"
-#include "common/VTExclusionRules.h"
+#include "helper/ExtentMap.h"
+#include "helper/FolderReport.h"
+#include "helper/FreeSpaceGuard.h"
 
 #include <QFile>
+#include <QSet>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <thread>
@@ -28,8 +33,36 @@ struct Unreadable {
     }
 };
 
-// Every regular file below folder (relative byte paths), not crossing into other file
-// systems; sets the compression property on each folder on the way so new files inherit it.
+// Reading must not change access times: in a snapshotted subvolume every inode touched is
+// metadata copied away from the snapshot. Only the owner may ask for that.
+int openNoAtime(int dirFd, const char *path, int flags)
+{
+    int fd = ::openat(dirFd, path, flags | O_CLOEXEC | O_NOATIME);
+    if (fd < 0 && errno == EPERM)
+        fd = ::openat(dirFd, path, flags | O_CLOEXEC);
+    return fd;
+}
+
+int openForReading(int folderFd, const QByteArray &path)
+{
+    return openNoAtime(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW);
+}
+
+// Sets the compression property on the folder holding path, once.
+void setFolderProperty(int folderFd, const QByteArray &path, QSet<QByteArray> *done)
+{
+    const QByteArray folder = path.left(qMax(path.lastIndexOf('/'), 0));
+    if (done->contains(folder))
+        return;
+    done->insert(folder);
+    const int fd = openNoAtime(folderFd, folder.isEmpty() ? "." : folder.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (fd >= 0) {
+        BtrfsCompressor::setCompressionProperty(fd);
+        ::close(fd);
+    }
+}
+
+// Every regular file below folder (relative byte paths), not crossing into other file systems.
 QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder, Unreadable *unreadable)
 {
     QList<QByteArray> files;
@@ -38,9 +71,8 @@ QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder, Unreadabl
     QList<QByteArray> pending{QByteArray()};
     while (!pending.isEmpty()) {
         const QByteArray relative = pending.takeLast();
-        const int fd = relative.isEmpty() ? ::dup(folderFd)
-                                          : ::openat(folderFd, relative.constData(),
-                                                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int fd = openNoAtime(folderFd, relative.isEmpty() ? "." : relative.constData(),
+                                   O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
         if (fd < 0) {
             // Gone meanwhile is no fault; too deep to name or not ours to read is.
             if (errno != ENOENT)
@@ -52,7 +84,6 @@ QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder, Unreadabl
             ::close(fd);
             continue;
         }
-        BtrfsCompressor::setCompressionProperty(fd);
         DIR *dir = ::fdopendir(fd);
         if (!dir) {
             ::close(fd);
@@ -89,7 +120,13 @@ class EstimateQueue
 public:
     struct Entry {
         QByteArray path;
-        qint64 estimate;
+        qint64 estimate = 0; // what rewriting ranges would save
+        QList<ExtentMap::Range> ranges; // the file's own plain data
+        qint64 encodedSavings = 0; // what the data already stored compressed saves
+        bool encoded = false;
+        qint64 shared = 0;
+        std::optional<SkippedFiles::Reason> skip;
+        bool knownSkip = false;
         int error = 0; // why the file could not be opened, if it could not
     };
     static constexpr qsizetype kAhead = 32;
@@ -133,14 +170,65 @@ private:
     bool m_closed = false;
 };
 
-int openForReading(int folderFd, const QByteArray &path)
+
+enum class Outcome { Rewritten, NotSaved, NoSpace };
+
+Outcome rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, const std::atomic<bool> &cancel,
+                FolderReport *report)
 {
-    // Reading must not change the file's access time; only its owner may ask for that.
-    int fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME);
-    if (fd < 0 && errno == EPERM)
-        fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    return fd;
+    switch (BtrfsCompressor::compressRanges(fd, entry.ranges, cancel)) {
+    case BtrfsCompressor::Result::NoSpace:
+        return Outcome::NoSpace;
+    case BtrfsCompressor::Result::InUse:
+        report->inUse();
+        return Outcome::NotSaved;
+    case BtrfsCompressor::Result::Failed: {
+        const int error = errno;
+        struct stat st {};
+        // An active swap file refuses to have its blocks moved.
+        if (error == ETXTBSY && ::fstat(fd, &st) == 0) {
+            skipped.add(st, SkippedFiles::Reason::SwapFile);
+            report->skipped(entry.path, SkippedFiles::Reason::SwapFile, false);
+        } else {
+            report->failed(entry.path, error);
+        }
+        return Outcome::NotSaved;
+    }
+    case BtrfsCompressor::Result::Compressed:
+        break;
+    }
+    return Outcome::Rewritten;
 }
+
+// A rewrite can succeed and leave the data as it was (btrfs found it would not shrink, or will
+// not compress this file at all): such a file saves nothing and is remembered, so it is not
+// rewritten on every pass. Checked once the rewrite is on disk: before, FIEMAP may still show
+// the old extents. Returns the bytes saved.
+qint64 verify(int folderFd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, FolderReport *report)
+{
+    const int fd = openForReading(folderFd, entry.path);
+    if (fd < 0)
+        return 0;
+    ExtentMap after;
+    struct stat st {};
+    const bool read = after.read(fd) && ::fstat(fd, &st) == 0;
+    ::close(fd);
+    const qint64 encoded = read ? after.encodedBytesIn(entry.ranges) : 0;
+    if (encoded > 0) {
+        report->compressed();
+        // Only what btrfs really stored compressed counts.
+        const qint64 all = ExtentMap::bytes(entry.ranges);
+        return all > 0 ? qint64(double(entry.estimate) * double(qMin(encoded, all)) / double(all)) : 0;
+    }
+    if (read) {
+        skipped.add(st, SkippedFiles::Reason::StaysPlain);
+        report->skipped(entry.path, SkippedFiles::Reason::StaysPlain, false);
+    }
+    return 0;
+}
+
+// Rewritten files are checked in batches of about this much data, after one wait for all of it.
+constexpr qint64 kVerifyBatch = 64 * 1024 * 1024;
 
 } // namespace
 
@@ -239,7 +327,7 @@ void CompressionWorker::run()
 
 void CompressionWorker::compressFolder(const Job &job)
 {
-    const int folderFd = ::open(job.folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int folderFd = openNoAtime(AT_FDCWD, job.folder.constData(), O_RDONLY | O_DIRECTORY);
     if (folderFd < 0) {
         Q_EMIT failed(job.id, QString::fromLocal8Bit(std::strerror(errno)));
         return;
@@ -254,51 +342,129 @@ void CompressionWorker::compressFolder(const Job &job)
         BtrfsCompressor::lowerThreadPriority();
         CompressionModel model;
         for (const QByteArray &path : files) {
+            EstimateQueue::Entry entry;
+            entry.path = path;
             const int fd = openForReading(folderFd, path);
             struct stat st {};
-            const int error = fd < 0 && errno != ENOENT ? errno : 0;
-            qint64 estimate = 0;
-            if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
-                estimate = model.savingsForFile(fd);
+            entry.error = fd < 0 && errno != ENOENT ? errno : 0;
+            if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+                entry.skip = m_skipped.find(st);
+                entry.knownSkip = entry.skip.has_value();
+                if (!entry.skip)
+                    entry.skip = SkippedFiles::cannotCompress(fd);
+                ExtentMap map;
+                if (entry.skip) {
+                    m_skipped.add(st, *entry.skip);
+                } else if (map.read(fd)) {
+                    entry.ranges = map.plainOwn();
+                    entry.shared = map.plainShared();
+                    entry.encoded = !map.encoded().isEmpty();
+                    if (!entry.ranges.isEmpty())
+                        entry.estimate = model.savingsForRanges(fd, entry.ranges);
+                    if (entry.encoded)
+                        entry.encodedSavings = qMax(model.savingsForRanges(fd, map.encoded()), qint64(0));
+                }
+            }
             if (fd >= 0)
                 ::close(fd);
-            if (!estimates.push({path, estimate, error}))
+            if (!estimates.push(std::move(entry)))
                 return;
         }
     });
 
+    // With little room the files that free most go first, and each step is small.
+    const bool low = FreeSpaceGuard::room(folderFd) < FreeSpaceGuard::kLowRoom;
+    QList<EstimateQueue::Entry> sorted;
+    if (low) {
+        while (std::optional<EstimateQueue::Entry> entry = estimates.pop(files.size()))
+            sorted.append(std::move(*entry));
+        std::stable_sort(sorted.begin(), sorted.end(),
+                         [](const auto &a, const auto &b) { return a.estimate < b.estimate; });
+    }
+    auto next = [&]() -> std::optional<EstimateQueue::Entry> {
+        if (!low)
+            return estimates.pop(files.size());
+        if (sorted.isEmpty())
+            return std::nullopt;
+        return sorted.takeLast();
+    };
+
+    FolderReport report(job.folder);
+    QSet<QByteArray> propertySet;
+    setFolderProperty(folderFd, QByteArray(), &propertySet);
     quint64 savings = 0;
     qsizetype done = 0;
-    while (const std::optional<EstimateQueue::Entry> entry = estimates.pop(files.size())) {
+    bool noSpace = false;
+    QList<EstimateQueue::Entry> unverified;
+    qint64 unverifiedBytes = 0;
+    auto verifyAll = [&] {
+        if (unverified.isEmpty())
+            return;
+        ::syncfs(folderFd);
+        for (const EstimateQueue::Entry &rewritten : std::as_const(unverified)) {
+            savings += quint64(verify(folderFd, rewritten, m_skipped, &report));
+        }
+        unverified.clear();
+        unverifiedBytes = 0;
+    };
+    while (const std::optional<EstimateQueue::Entry> entry = next()) {
         if (!waitUntilActive(job.id))
             break;
         if (entry->error != 0)
             unreadable.add(entry->error);
-        // A file that would not shrink is left as it is.
-        if (entry->estimate > 0) {
+        report.shared(entry->shared);
+        // New files inherit the property from their folder. A folder without plain data of its
+        // own is left unchanged: in a snapshot its metadata is shared too.
+        if (!entry->ranges.isEmpty())
+            setFolderProperty(folderFd, entry->path, &propertySet);
+        savings += quint64(entry->encodedSavings);
+        if (entry->skip) {
+            report.skipped(entry->path, *entry->skip, entry->knownSkip);
+        } else if (entry->estimate > 0) {
             const int fd = openForReading(folderFd, entry->path);
             if (fd < 0 && errno != ENOENT)
                 unreadable.add(errno);
-            if (fd >= 0
-                && (BtrfsCompressor::isCompressed(fd)
-                    || BtrfsCompressor::compressFile(fd, m_cancelCurrent) == BtrfsCompressor::Result::Compressed))
-                savings += quint64(entry->estimate);
-            if (fd >= 0)
+            if (fd >= 0) {
+                const Outcome outcome = rewrite(fd, *entry, m_skipped, m_cancelCurrent, &report);
+                noSpace = outcome == Outcome::NoSpace;
+                if (outcome == Outcome::Rewritten) {
+                    unverified.append(*entry);
+                    for (const ExtentMap::Range &range : entry->ranges)
+                        unverifiedBytes += range.length;
+                }
                 ::close(fd);
+            }
+        } else if (entry->encoded) {
+            report.alreadyCompressed();
+        } else if (entry->shared == 0) {
+            report.wouldNotShrink();
         }
-        if (cancelled(job.id))
+        if (noSpace || cancelled(job.id))
             break;
+        if (unverifiedBytes >= kVerifyBatch)
+            verifyAll();
         ++done;
-        Q_EMIT progress(job.id, quint32(done * 100 / files.size()), savings);
+        // 100 is for the end, when every file has been seen to.
+        Q_EMIT progress(job.id, quint32(qMin<qsizetype>(done * 100 / files.size(), 99)), savings);
     }
+    verifyAll();
     estimates.close();
     estimator.join();
+    const qint64 room = FreeSpaceGuard::room(folderFd);
     ::close(folderFd);
     if (unreadable.count > 0) {
         qWarning("VantorHelper: %lld items in \"%s\" could not be opened (%s) and were left as they are",
                  static_cast<long long>(unreadable.count), qPrintable(QFile::decodeName(job.folder)),
                  std::strerror(unreadable.firstError));
     }
-    if (!cancelled(job.id))
+    if (cancelled(job.id))
+        return;
+    qInfo("VantorHelper: %s", qPrintable(report.summary(noSpace)));
+    if (report.sharedBytes() > 0)
+        Q_EMIT sharedLeft(job.id, quint64(report.sharedBytes()));
+    if (noSpace)
+        Q_EMIT waitingForSpace(job.id, quint32(qMin<qsizetype>(done * 100 / qMax<qsizetype>(files.size(), 1), 99)),
+                               savings, quint64(qMax(FreeSpaceGuard::kMinRoom - room, FreeSpaceGuard::kMinRoom)));
+    else
         Q_EMIT finished(job.id, 100, savings);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "helper/SkippedFiles.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QMutex>
@@ -32,6 +34,10 @@ Q_SIGNALS:
     // status: percent of the folder's files processed; savings: bytes saved so far.
     void progress(qint64 id, quint32 status, quint64 savings);
     void finished(qint64 id, quint32 status, quint64 savings);
+    // The folder holds this much plain data shared with snapshots or copies, left as it is.
+    void sharedLeft(qint64 id, quint64 bytes);
+    // The disk is too full to go on: the folder waits, below 100, for bytesToFree more room.
+    void waitingForSpace(qint64 id, quint32 status, quint64 savings, quint64 bytesToFree);
     void failed(qint64 id, const QString &reason);
 
 protected:
@@ -54,4 +60,5 @@ private:
     bool m_active = true;
     bool m_stopping = false;
     std::atomic<bool> m_cancelCurrent{false};
+    SkippedFiles m_skipped;
 };

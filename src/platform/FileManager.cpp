@@ -111,6 +111,15 @@ std::optional<QString> FileManager::stringWithFileSystemRepresentation(const QBy
     return string;
 }
 
+bool FileManager::createDirectoryAtPath(const QString &path, unsigned mode, QString *error)
+{
+    if (::mkdir(QFile::encodeName(path).constData(), mode_t(mode)) == 0)
+        return true;
+    if (error)
+        *error = QString::fromLocal8Bit(std::strerror(errno));
+    return false;
+}
+
 std::optional<unsigned> FileManager::posixPermissionsOfItemAtPath(const QString &path)
 {
     struct stat st = {};

@@ -12,7 +12,7 @@ public:
     static constexpr const char *kBundleName = "Vantor.prefPane";
 
     // In order: the per-user install, beside the running program (<prefix>/bin ->
-    // <prefix>/lib/vantor/), then the system-wide places.
+    // <prefix>/<libdir>/vantor/ or <prefix>/lib/vantor/), then the system-wide places.
     static QStringList searchPaths();
     // The first bundle of searchPaths() that exists; empty when none does.
     static QString find();

@@ -1,4 +1,5 @@
 #include "platform/ProcessInfo.h"
+#include "platform/PlatformLog.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -50,6 +51,11 @@ QByteArray ProcessInfo::argumentsData() const
     return cmdline.open(QIODevice::ReadOnly) ? cmdline.readAll() : QByteArray();
 }
 
+void ProcessInfo::ignoreBrokenPipes()
+{
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
 void ProcessInfo::disableSuddenTermination()
 {
     ++m_disableCount;
@@ -68,7 +74,7 @@ void ProcessInfo::installTerminationHandler()
     if (m_notifier || !QCoreApplication::instance())
         return;
     if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        qWarning("vantor: cannot create the signal pipe; SIGTERM will end the process at once");
+        qCWarning(lcPlatform, "cannot create the signal pipe; SIGTERM will end the process at once");
         return;
     }
     m_notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, this);

@@ -30,6 +30,9 @@ public:
     // QCoreApplication; safe to call more than once.
     void installTerminationHandler();
 
+    // Writing to a pipe whose reader has gone fails instead of ending the process.
+    static void ignoreBrokenPipes();
+
     bool terminationPending() const { return m_terminationPending; }
 
 Q_SIGNALS:

@@ -13,6 +13,7 @@
 #include "ui_VantorPref.h"
 
 #include <QIcon>
+#include <QPixmap>
 
 VantorPref::VantorPref(QObject *parent)
     : PreferencePane(parent)
@@ -52,8 +53,10 @@ void VantorPref::styleMainView()
 {
     if (bundle()) {
         const QString icon = bundle()->pathForResource(QStringLiteral("vantor"), QStringLiteral("png"));
+        // Read as the PNG it is: left to guess, the reader loads every image-format plugin
+        // to ask it, which slowed the first frame.
         if (!icon.isEmpty())
-            iconButton->setIcon(QIcon(icon));
+            iconButton->setIcon(QIcon(QPixmap(icon, "PNG")));
     }
     QFont title = m_ui->titleLabel->font();
     title.setPointSizeF(title.pointSizeF() * 1.6);

@@ -1,5 +1,6 @@
 // VantorPref: editing the folder list with the chooser, the remove button and drops.
 #include "prefpane/VantorPref.h"
+#include "prefpane/PaneLog.h"
 
 #include "common/FolderRequest.h"
 #include "platform/FileManager.h"
@@ -20,7 +21,7 @@ constexpr const char *kFilenamesType = "text/uri-list";
 void refuseUndecodablePaths(const QList<QByteArray> &paths)
 {
     for (const QByteArray &path : paths)
-        qWarning("%s", qPrintable(FolderRequest::undecodableMessage(path)));
+        qCWarning(lcPane, "%s", qPrintable(FolderRequest::undecodableMessage(path)));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // VantorPref: helper process control (launching, the on/off switch, updates, relaunch).
 
 #include "prefpane/VantorPref.h"
+#include "prefpane/PaneLog.h"
 
 #include "common/HelperLauncher.h"
 #include "common/VTDefaultsController.h"
@@ -41,8 +42,8 @@ void VantorPref::launchHelper()
     if (!launch)
         return;
     RunningApplication *app = launch->application;
-    qInfo("Helper launch error: %s", launch->error.isEmpty() ? "(null)" : qPrintable(launch->error));
-    qInfo("running app is %s", qPrintable(RunningApplication::description(app)));
+    qCInfo(lcPane, "Helper launch error: %s", launch->error.isEmpty() ? "(null)" : qPrintable(launch->error));
+    qCInfo(lcPane, "running app is %s", qPrintable(RunningApplication::description(app)));
 
     // Observed with no context, so the pane takes no action when the helper ends.
     if (app) {
@@ -108,7 +109,7 @@ void VantorPref::relaunchSystemPreferences()
     // Never a shared folder: what stands there is executed.
     const QString temporary = FileManager::temporaryDirectory();
     if (temporary.isEmpty()) {
-        qWarning("vantor: no private temporary folder; the host will not be started again");
+        qCWarning(lcPane, "no private temporary folder; the host will not be started again");
         return;
     }
     const QString destination = temporary + QStringLiteral("relaunch");
@@ -125,5 +126,5 @@ void VantorPref::relaunchSystemPreferences()
     if (!Task::launchedTaskWithLaunchPath(destination,
                                           {hostPath, QString::asprintf("%d", self->processIdentifier())},
                                           &error, false, {"VANTOR_RELAUNCH_ARGUMENTS=" + hostArguments.toHex()}))
-        qWarning("vantor: %s", qPrintable(error));
+        qCWarning(lcPane, "%s", qPrintable(error));
 }

@@ -8,6 +8,7 @@
 #include "platform/DistributedNotificationCenter.h"
 #include "LoopMount.h"
 #include "common/Notifications.h"
+#include "common/VTUtil.h"
 #include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
 #include "NotificationRecorder.h"
@@ -21,12 +22,14 @@
 #include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QScopeGuard>
 #include <QTest>
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -67,7 +70,9 @@ QMap<QByteArray, QByteArray> hashes(const QString &folder)
     QList<QByteArray> pending{QByteArray()};
     while (!pending.isEmpty()) {
         const QByteArray relative = pending.takeLast();
-        DIR *dir = ::opendir((root + relative).constData());
+        // Read without marking anything read: in a snapshot that would unshare metadata.
+        const int dirFd = ::open((root + relative).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOATIME);
+        DIR *dir = dirFd >= 0 ? ::fdopendir(dirFd) : nullptr;
         if (!dir)
             continue;
         while (const dirent *entry = ::readdir(dir)) {
@@ -80,7 +85,7 @@ QMap<QByteArray, QByteArray> hashes(const QString &folder)
             }
             QFile file;
             QCryptographicHash hash(QCryptographicHash::Sha256);
-            const int fd = ::open((root + path).constData(), O_RDONLY | O_CLOEXEC);
+            const int fd = ::open((root + path).constData(), O_RDONLY | O_CLOEXEC | O_NOATIME);
             if (fd >= 0 && file.open(fd, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle))
                 hash.addData(&file);
             else
@@ -106,6 +111,54 @@ QString run(const QString &program, const QStringList &arguments)
     process.start(program, arguments);
     process.waitForFinished(60000);
     return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+}
+
+// The ordinary user the "ordinary user" rows run the helper as.
+constexpr uid_t kUser = 65534;
+const QStringList kAsUser{QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
+                          QStringLiteral("--clear-groups")};
+
+void chownToUser(const QString &path)
+{
+    run(QStringLiteral("chown"), {QStringLiteral("-R"), QStringLiteral("%1:%1").arg(kUser), path});
+}
+
+// A figure of "btrfs filesystem usage -b", after everything written is committed.
+qint64 usage(const QString &mountPoint, const QString &field)
+{
+    run(QStringLiteral("sync"), {});
+    const QString out = run(QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("usage"),
+                                                      QStringLiteral("-b"), mountPoint});
+    for (const QString &line : out.split(u'\n')) {
+        if (line.trimmed().startsWith(field))
+            return line.mid(line.indexOf(field) + field.size()).simplified().section(u' ', 0, 0).toLongLong();
+    }
+    return -1;
+}
+
+// Bytes a file keeps to itself, as "btrfs filesystem du" tells from FIEMAP.
+qint64 exclusiveBytes(const QString &path)
+{
+    const QString out = run(QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("du"),
+                                                      QStringLiteral("--raw"), path});
+    return out.split(u'\n').last().simplified().section(u' ', 1, 1).toLongLong();
+}
+
+// What compression really saves in path: "Uncompressed" less "Disk Usage" of compsize -b.
+qint64 compsizeSavings(const QString &path)
+{
+    run(QStringLiteral("sync"), {});
+    const QStringList total = run(QStringLiteral("compsize"), {QStringLiteral("-b"), path})
+                                  .split(u'\n').filter(QStringLiteral("TOTAL")).value(0).simplified().split(u' ');
+    return total.size() >= 4 ? total.at(3).toLongLong() - total.at(2).toLongLong() : -1;
+}
+
+void fallocate(const QString &path, qint64 bytes)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    QVERIFY(fd >= 0);
+    QCOMPARE(::posix_fallocate(fd, 0, bytes), 0);
+    ::close(fd);
 }
 
 } // namespace
@@ -146,9 +199,21 @@ private Q_SLOTS:
     void killedHelperResumesWithoutHarm();
     void replacedStoreIsReopened();
     void updateCheckIsAnsweredByNotification();
+    void sharedAndNocowDataAreLeftAlone_data() { asRootAndUser(); }
+    void sharedAndNocowDataAreLeftAlone();
+    void nearlyFullDiskWaitsForSpace_data() { asRootAndUser(); }
+    void nearlyFullDiskWaitsForSpace();
 
 private:
-    void startHelper();
+    static void asRootAndUser();
+    void startHelper(bool asUser = false);
+    QByteArray log() const;
+    // A column of the folder's record, read from the store file as it is now.
+    qint64 field(const QString &folder, const char *column) const
+    {
+        return sqlite(QStringLiteral("SELECT %1 FROM ZHISTORY WHERE ZFOLDER = '%2'").arg(QLatin1String(column), folder))
+            .toLongLong();
+    }
     void stopHelper();
     QString sqlite(const QString &sql) const;
     static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
@@ -198,11 +263,31 @@ bool TestHelperCompression::mountBtrfs()
     return true;
 }
 
-void TestHelperCompression::startHelper()
+void TestHelperCompression::asRootAndUser()
+{
+    QTest::addColumn<bool>("asUser");
+    QTest::newRow("root") << false;
+    QTest::newRow("ordinary user") << true;
+}
+
+QByteArray TestHelperCompression::log() const
+{
+    return TestEnvironment::readFile(m_env.home() + QStringLiteral("/.local/state/vantor/VantorHelper.log"));
+}
+
+void TestHelperCompression::startHelper(bool asUser)
 {
     m_helper = std::make_unique<QProcess>();
     m_helper->setProcessChannelMode(QProcess::ForwardedChannels);
-    m_helper->start(helperExecutable(), {});
+    if (asUser) {
+        // The user's own home, store and log; root, who reads them here, may read anything.
+        QVERIFY(QFile::setPermissions(m_env.root(), QFileDevice::Permissions(0x7755)));
+        chownToUser(m_env.home());
+        chownToUser(m_env.root() + QStringLiteral("/runtime"));
+        m_helper->start(QStringLiteral("setpriv"), kAsUser + QStringList{helperExecutable()});
+    } else {
+        m_helper->start(helperExecutable(), {});
+    }
     QVERIFY(m_helper->waitForStarted());
     QTRY_VERIFY(QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName()));
 }
@@ -440,6 +525,133 @@ void TestHelperCompression::updateCheckIsAnsweredByNotification()
         QLatin1String(Notifications::HelperShouldCheckForUpdates));
     QTRY_COMPARE(m_notifications.calls.size(), 1);
     QVERIFY(m_notifications.calls.first().body.contains(QLatin1String("package manager")));
+}
+
+void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
+{
+    QFETCH(bool, asUser);
+    if (!mountBtrfs())
+        QSKIP("a btrfs image cannot be mounted here (needs root and loop devices)");
+    // A home in its own subvolume with a read-only snapshot, as Snapper and Timeshift keep them.
+    const QString home = m_btrfs->mountPoint() + (asUser ? QStringLiteral("/user") : QStringLiteral("/root"));
+    const QString folder = home + QStringLiteral("/Documents");
+    QVERIFY(run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("create"), home}).contains(home));
+    QDir().mkpath(folder);
+    TestEnvironment::writeFile(folder + QStringLiteral("/old.txt"), text(6 << 20, 20));
+    // Many folders: reading them must not change their metadata, which the snapshot shares.
+    for (int i = 0; i < 600; ++i)
+        TestEnvironment::writeFile(folder + QStringLiteral("/letters/%1/letter.txt").arg(i), text(8192, 100 + i));
+    if (asUser)
+        chownToUser(home);
+    // Last read long ago, as copies keep their times: reading would mark them read again.
+    run(QStringLiteral("find"), {folder, QStringLiteral("-exec"), QStringLiteral("touch"), QStringLiteral("-a"),
+                                 QStringLiteral("-d"), QStringLiteral("2020-01-01"), QStringLiteral("{}"), QStringLiteral("+")});
+    run(QStringLiteral("sync"), {});
+    run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("snapshot"), QStringLiteral("-r"), home,
+                                  home + QStringLiteral("-snapshot")});
+    // Written since: new data, a reflinked copy, and a file with copy-on-write off.
+    TestEnvironment::writeFile(folder + QStringLiteral("/new.txt"), text(3 << 20, 21));
+    TestEnvironment::writeFile(folder + QStringLiteral("/copied.txt"), text(3 << 20, 22));
+    run(QStringLiteral("cp"), {QStringLiteral("--reflink=always"), folder + QStringLiteral("/copied.txt"),
+                               folder + QStringLiteral("/copy.txt")});
+    TestEnvironment::writeFile(folder + QStringLiteral("/disk.img"), QByteArray());
+    run(QStringLiteral("chattr"), {QStringLiteral("+C"), folder + QStringLiteral("/disk.img")});
+    TestEnvironment::writeFile(folder + QStringLiteral("/disk.img"), text(4 << 20, 23));
+    for (const char *name : {"/new.txt", "/copied.txt", "/copy.txt", "/disk.img"}) {
+        if (asUser)
+            QCOMPARE(::chown(QFile::encodeName(folder + QLatin1String(name)).constData(), kUser, kUser), 0);
+    }
+    // Another user's file: readable, not the helper's to rewrite. It fails, is told, and saves nothing.
+    if (asUser)
+        TestEnvironment::writeFile(folder + QStringLiteral("/shared-by-root.txt"), text(1 << 20, 24));
+    const auto before = hashes(folder);
+    const qint64 usedBefore = usage(m_btrfs->mountPoint(), QStringLiteral("Used:"));
+
+    startHelper(asUser);
+    m_notifications.calls.clear();
+    controller()->addFolders({folder});
+    QTRY_COMPARE_WITH_TIMEOUT(field(folder, "ZSTATUS"), 100, 60000);
+    const qint64 usedAfter = usage(m_btrfs->mountPoint(), QStringLiteral("Used:"));
+    const qint64 saved = field(folder, "ZSAVINGS");
+    const qint64 newSaved = compsizeSavings(folder + QStringLiteral("/new.txt"));
+    qInfo("used space %lld -> %lld (%+lld bytes); reported %lld saved, compsize of the new file %lld",
+          usedBefore, usedAfter, usedAfter - usedBefore, saved, newSaved);
+    // Only the new file was the folder's own: it alone was compressed and counted, and the file
+    // system's used space did not grow (1% of the folder's 24 MB allowed for metadata).
+    const qint64 noise = (24 << 20) / 100;
+    QVERIFY(newSaved > (1 << 20));
+    QVERIFY2(qAbs(saved - newSaved) <= newSaved / 100, qPrintable(QString::number(saved)));
+    QVERIFY(usedAfter - usedBefore <= noise);
+    QVERIFY(usedBefore - usedAfter >= saved - noise);
+    for (const char *name : {"/old.txt", "/copied.txt", "/copy.txt"})
+        QCOMPARE(exclusiveBytes(folder + QLatin1String(name)), qint64(0));
+    QCOMPARE(compsizeSavings(folder + QStringLiteral("/disk.img")), qint64(0));
+    QCOMPARE(hashes(folder), before);
+    QTRY_COMPARE(m_notifications.calls.size(), 1);
+    QCOMPARE(m_notifications.calls.first().body,
+             QStringLiteral("%1 in Documents is shared with snapshots or copies and was left as it is: compressing "
+                            "it now would take more space until those are deleted")
+                 .arg(VTUtil::getPrettySize((12u << 20) + 600 * 8192)));
+
+    if (asUser)
+        QVERIFY(log().contains("/shared-by-root.txt\" could not be compressed: Permission denied")
+                && log().contains(", 1 failed (Permission denied), "));
+    // The file with copy-on-write off is skipped with its reason once, and not tried again.
+    const QByteArray skipped = QFile::encodeName(folder) + "/disk.img\" was left as it is: copy-on-write is off";
+    const QByteArray summary = "\"" + QFile::encodeName(folder) + "\": ";
+    QCOMPARE(log().count(skipped), 1);
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
+    QTRY_COMPARE_WITH_TIMEOUT(log().count(summary), 2, 60000);
+    QCOMPARE(log().count(skipped), 1);
+    QCOMPARE(m_notifications.calls.size(), 1);
+}
+
+void TestHelperCompression::nearlyFullDiskWaitsForSpace()
+{
+    QFETCH(bool, asUser);
+    const QString dir = m_env.root() + (asUser ? QStringLiteral("/full-user") : QStringLiteral("/full-root"));
+    QDir().mkpath(dir);
+    LoopMount disk(dir, QStringLiteral("btrfs"), 256);
+    if (!disk.mount())
+        QSKIP(qPrintable(QStringLiteral("a btrfs image cannot be mounted here: ") + disk.reason()));
+    // The helper lets go of the file system before it is unmounted, also when a check fails.
+    const auto stop = qScopeGuard([this] { stopHelper(); });
+    const QString folder = disk.mountPoint() + QStringLiteral("/Documents");
+    QDir().mkpath(folder);
+    for (int i = 0; i < 10; ++i)
+        TestEnvironment::writeFile(folder + QStringLiteral("/report%1.txt").arg(i), text((3 << 20) + i * 65536, 30 + i));
+    if (asUser)
+        chownToUser(folder);
+    const auto before = hashes(folder);
+    // 8 MB left, then 5 MB: less than the helper's margin and a step.
+    const auto freeSpace = [&] { return usage(disk.mountPoint(), QStringLiteral("Free (statfs, df):")); };
+    fallocate(disk.mountPoint() + QStringLiteral("/filler"), freeSpace() - (8 << 20));
+    fallocate(disk.mountPoint() + QStringLiteral("/more"), freeSpace() - (5 << 20));
+    const qint64 fullFree = freeSpace();
+
+    startHelper(asUser);
+    m_notifications.calls.clear();
+    controller()->addFolders({folder});
+    QTRY_COMPARE_WITH_TIMEOUT(m_notifications.calls.size(), 1, 30000);
+    QVERIFY2(m_notifications.calls.first().body.startsWith(
+                 QLatin1String("Documents waits to be compressed: its disk is nearly full. Free ")),
+             qPrintable(m_notifications.calls.first().body));
+    QVERIFY(field(folder, "ZSTATUS") < 100);
+    QCOMPARE(hashes(folder), before);
+    QVERIFY(freeSpace() >= fullFree - (1 << 20) / 10);
+
+    // Space comes back: the helper goes on by itself, in small steps, and ends with more free.
+    QFile::remove(disk.mountPoint() + QStringLiteral("/more"));
+    const qint64 startFree = freeSpace();
+    QTRY_COMPARE_WITH_TIMEOUT(field(folder, "ZSTATUS"), 100, 120000);
+    const qint64 endFree = freeSpace();
+    qInfo("free space %lld with the disk full, %lld when space came back, %lld at the end", fullFree, startFree,
+          endFree);
+    QVERIFY(endFree > startFree + (10 << 20));
+    QVERIFY(field(folder, "ZSAVINGS") > (10 << 20));
+    QCOMPARE(hashes(folder), before);
+    QCOMPARE(m_notifications.calls.size(), 1);
 }
 
 QTEST_MAIN(TestHelperCompression)
