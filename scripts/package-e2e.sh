@@ -133,6 +133,8 @@ $command --screenshot "$HOME/vantor.png"
 echo "exit status $?"
 EOF
 file "$root/home/$user/vantor.png" 2>/dev/null || ls -l "$root/home/$user/vantor.png"
+# The session ends as a logout ends it: what it started goes with it.
+stop_chroot_processes
 echo "the user's files after the first start:"
 (cd "$root/home/$user" && find . -mindepth 1 | sort)
 if ! grep -q '"/usr/bin/vantor-login-items"' "$root/home/$user/.config/autostart/vantor-login-items.desktop"; then
