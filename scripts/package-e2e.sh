@@ -164,6 +164,11 @@ if in_root sh -c 'command -v vantorctl' >/dev/null; then
     as_user <<EOF || failed=1
 set -x
 vantorctl on || exit 1
+# "on" starts the helper without waiting for it to reach the bus.
+for i in \$(seq 1 30); do
+    vantorctl status --json | tr -d '[:space:]' | grep -q '"helperRunning":true' && break
+    sleep 1
+done
 vantorctl add $folder || exit 1
 for i in \$(seq 1 120); do
     vantorctl list --json | tr -d '[:space:]' | grep -q '"status":100' && break
