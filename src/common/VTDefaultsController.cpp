@@ -6,6 +6,8 @@
 #include "common/VTPreferenceCommunicator.h"
 #include "common/VTUtil.h"
 
+#include <utility>
+
 namespace {
 
 QRecursiveMutex g_lock;
@@ -22,6 +24,12 @@ VTDefaultsController *VTDefaultsController::create()
     if (made)
         made->setupDefaultValues();
     return made;
+}
+
+void VTDefaultsController::forgetSharedInstance()
+{
+    QMutexLocker locker(&g_lock);
+    delete std::exchange(g_shared, nullptr);
 }
 
 VTDefaultsController *VTDefaultsController::sharedDefaultsController()
