@@ -98,6 +98,11 @@ void VantorPref::warnOnWrongHelperPermissions()
     Alerts::shared()->beginSheet(host() ? host()->keyWindow() : nullptr, alert);
 }
 
+void VantorPref::forgetHelperPermissionsWarning()
+{
+    g_warnedOnHelperPermissions = false;
+}
+
 void VantorPref::toggleActive(QObject *sender)
 {
     if (!helperIsRunning())
