@@ -4,9 +4,7 @@
 #include "common/VTUtil.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 #include <QTest>
 
 class TestHistoryStore : public QObject
@@ -19,15 +17,10 @@ private:
 
     QString storePath() const { return m_env.productFolder() + QStringLiteral("/history.db"); }
 
-    static QString sqlite(const QString &path, const QString &sql)
-    {
-        return TestEnvironment::sqlite(path, sql);
-    }
-
     // Many rows spread the table over many pages; the schema stays on page one.
     void makeDatabase(const QString &path)
     {
-        sqlite(path, QStringLiteral("CREATE TABLE t(x TEXT);"
+        TestEnvironment::sqlite(path, QStringLiteral("CREATE TABLE t(x TEXT);"
                                     "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000) "
                                     "INSERT INTO t SELECT printf('%0100d', i) FROM n;"));
     }
@@ -67,7 +60,7 @@ private Q_SLOTS:
             file.seek(4096 * 10);
             file.write(QByteArray(4096 * 3, '\xA5'));
             file.close();
-            QVERIFY(sqlite(path, QStringLiteral("PRAGMA integrity_check;")) != QLatin1String("ok"));
+            QVERIFY(TestEnvironment::sqlite(path, QStringLiteral("PRAGMA integrity_check;")) != QLatin1String("ok"));
         }
         if (kind == QLatin1String("text"))
             TestEnvironment::writeFile(path, "folders: none\n");
