@@ -28,6 +28,7 @@ private Q_SLOTS:
     void secondStartLaunchesNoSecondHelper();
     void faultsAreReportedNotFatal_data();
     void faultsAreReportedNotFatal();
+    void survivesClosedOutput();
 
 private:
     struct Run {
@@ -231,6 +232,17 @@ void TestHost::faultsAreReportedNotFatal()
     const Run run = screenshot(env);
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(run.err.count(expectedLine), fault == QLatin1String("nobus") ? 1 : 3);
+}
+
+// Started by a program that has gone (as before a relaunch): its output is a pipe nobody reads.
+void TestHost::survivesClosedOutput()
+{
+    QProcess shell;
+    shell.setProcessEnvironment(environment());
+    shell.start(QStringLiteral("bash"), {QStringLiteral("-c"), QStringLiteral("set -o pipefail; \"$0\" --screenshot \"$1\" 2>&1 | true"),
+                                         TestEnvironment::hostExecutable(), m_home->path() + QStringLiteral("/x.png")});
+    QVERIFY(shell.waitForFinished(60000));
+    QCOMPARE(shell.exitCode(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestHost)
