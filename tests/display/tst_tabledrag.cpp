@@ -1,14 +1,11 @@
 // Real drags on a real X display: the pointer is moved by the X server's test extension
 // (xdotool), between the pane's table and another application, as a person would.
-#include "platform/Bundle.h"
-#include "FakePaneHost.h"
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
-#include "prefpane/QFTableView.h"
+#include "PaneFixture.h"
 #include "RecordingAlerts.h"
-#include "TestEnvironment.h"
+#include "prefpane/QFTableView.h"
 #include "prefpane/VTHistoryController.h"
-#include "prefpane/VantorPref.h"
 
 #include <QAbstractItemModel>
 #include <QApplication>
@@ -155,8 +152,8 @@ private:
     // The helper is not started: what reaches it is seen on the bus.
     FakeWorkspace m_workspace;
     RecordingAlerts m_alerts;
-    FakePaneHost m_host;
-    VantorPref m_pane;
+    PaneFixture m_ui;
+    VantorPref &m_pane = m_ui.pane;
     std::unique_ptr<WatchingDataSource> m_watch;
     QByteArray m_listed[3];
 
@@ -178,11 +175,6 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY2(QGuiApplication::platformName() == QLatin1String("xcb"), "needs a real X display");
-        Bundle *bundle = Bundle::bundleWithPath(TestEnvironment::paneBundle());
-        QVERIFY(bundle);
-        m_pane.initWithBundle(bundle, &m_host);
-        m_host.window = m_pane.loadMainView();
-        QVERIFY(m_host.window);
         m_pane.mainViewDidLoad();
 
         const QByteArray home = QFile::encodeName(m_env.home());
@@ -204,9 +196,8 @@ private Q_SLOTS:
         table()->setDataSource(m_watch.get());
 
         // Right of the other application's window, on an X server with no window manager.
-        m_host.window->setGeometry(240, 20, 720, 480);
-        m_host.window->show();
-        QVERIFY(QTest::qWaitForWindowExposed(m_host.window));
+        m_ui.window.setGeometry(240, 20, 780, 480);
+        QVERIFY(QTest::qWaitForWindowExposed(&m_ui.window));
     }
 
     void init()

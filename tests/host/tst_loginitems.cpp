@@ -35,20 +35,6 @@ private:
         return app;
     }
 
-    // The session's autostart, with no system-wide entries.
-    void runAutostart()
-    {
-        QProcess dex;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_DIRS"), m_env.root() + QStringLiteral("/no-system-config"));
-        env.remove(QStringLiteral("QT_QPA_PLATFORM"));
-        dex.setProcessEnvironment(env);
-        dex.setProcessChannelMode(QProcess::ForwardedChannels);
-        dex.start(QStringLiteral("dex"), {QStringLiteral("-a"), QStringLiteral("-w")});
-        QVERIFY(dex.waitForFinished(60000));
-        QCOMPARE(dex.exitCode(), 0);
-    }
-
     QByteArray marker(const QString &name)
     {
         const QString path = markers() + u'/' + name;
@@ -58,22 +44,25 @@ private:
     }
 
 private Q_SLOTS:
-    void initTestCase()
+    // Every case starts as a new user the host has just prepared.
+    void init()
     {
+        QDir(m_env.root() + QStringLiteral("/apps")).removeRecursively();
+        QDir(markers()).removeRecursively();
         QDir().mkpath(markers());
-        QDir().mkpath(m_env.root() + QStringLiteral("/no-system-config"));
+        QFile::remove(listFile());
+        QFile::remove(m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop"));
+        QProcess host;
+        host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
+        QVERIFY(host.waitForFinished(60000));
     }
 
     void newUserGetsAgentAndEmptyList()
     {
-        QProcess host;
-        host.start(TestEnvironment::hostExecutable(),
-                   {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
-        QVERIFY(host.waitForFinished(60000));
         QVERIFY(QFileInfo::exists(m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop")));
         QCOMPARE(TestEnvironment::pythonPlist(listFile()), QStringLiteral("{'AutoLaunchedApplicationDictionary': []}"));
 
-        runAutostart();
+        QVERIFY(m_env.runAutostart());
         QTest::qWait(300);
         QCOMPARE(QDir(markers()).entryList(QDir::Files), QStringList());
     }
@@ -95,7 +84,7 @@ private Q_SLOTS:
         };
         QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{"AutoLaunchedApplicationDictionary", list}}));
 
-        runAutostart();
+        QVERIFY(m_env.runAutostart());
         const QList<QByteArray> a = marker(QStringLiteral("First")).split(' ');
         const QList<QByteArray> b = marker(QStringLiteral("Moved")).split(' ');
         const QList<QByteArray> c = marker(QStringLiteral("Hidden")).split(' ');

@@ -1,13 +1,10 @@
-#include "prefpane/ArrayController.h"
-#include "platform/Bundle.h"
-#include "FakePaneHost.h"
-#include "gui/FolderChooser.h"
 #include "NotificationRecorder.h"
-#include "prefpane/QFTableView.h"
+#include "PaneFixture.h"
 #include "RecordingAlerts.h"
-#include "TestEnvironment.h"
+#include "gui/FolderChooser.h"
+#include "prefpane/ArrayController.h"
+#include "prefpane/QFTableView.h"
 #include "prefpane/VTHistoryController.h"
-#include "prefpane/VantorPref.h"
 
 #include <QApplication>
 #include <QDir>
@@ -68,8 +65,8 @@ class TestFolderEditing : public QObject
 private:
     TestEnvironment m_env;
     RecordingAlerts m_alerts;
-    FakePaneHost m_host;
-    VantorPref m_pane;
+    PaneFixture m_ui;
+    VantorPref &m_pane = m_ui.pane;
     QByteArray m_dirA, m_dirB, m_file, m_undecodable;
 
     static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
@@ -95,11 +92,6 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        Bundle *bundle = Bundle::bundleWithPath(TestEnvironment::paneBundle());
-        QVERIFY(bundle);
-        m_pane.initWithBundle(bundle, &m_host);
-        m_host.window = m_pane.loadMainView();
-        QVERIFY(m_host.window);
         QVERIFY(controller()->managedObjectContext());
 
         const QByteArray base = QFile::encodeName(m_env.home());

@@ -240,9 +240,12 @@ void TestVantorPref::pathGeometry()
     QFETCH(QPointF, expected);
     std::unique_ptr<QVariantAnimation> animation(pane().bubbleAnimation());
     QCOMPARE(animation->duration(), 300);
-    const QPointF p = iconPoint(static_cast<PathAnimation *>(animation.get())->pointAt(progress));
+    const QPointF at = static_cast<PathAnimation *>(animation.get())->pointAt(progress);
+    const QPointF p = iconPoint(at);
     // The arc is drawn as a cubic curve: a quarter circle is met to within a hundredth.
     QVERIFY2(QLineF(p, expected).length() < 0.05, qPrintable(QStringLiteral("(%1, %2)").arg(p.x()).arg(p.y())));
+    // The whole bubble is on its layer: nothing clipped.
+    QVERIFY(QRectF(pane().iconLayer()->rect()).contains(QRectF(at - QPointF(10, 10), QSizeF(20, 20))));
 }
 
 void TestVantorPref::opacityKeyFrames_data()
