@@ -48,7 +48,8 @@ bool isRed(QColor c)
 }
 
 // The box of pixels that differ from the background.
-QRect inkBox(const QImage &image, const std::function<bool(QColor)> &ink = [](QColor c) { return !near(c, kBackground, 60); })
+QRect inkBox(
+    const QImage &image, const std::function<bool(QColor)> &ink = [](QColor c) { return !near(c, kBackground, 60); })
 {
     QRect box;
     for (int y = 0; y < image.height(); ++y)
@@ -83,8 +84,10 @@ private:
     QImage render(QFTableCell &cell, const QVariant &value, QStyle::State state, bool on, QSize size = {200, 28})
     {
         m_model.setRows({{{"sortID", 0}, {"folder", value}, {"path", value}, {"status", value}, {"savings", value}}});
-        const int column = qobject_cast<VTFoldersCell *>(&cell) ? 0 : qobject_cast<VTPathCell *>(&cell) ? 1
-                          : qobject_cast<VTStatusCell *>(&cell) ? 2 : 3;
+        const int column = qobject_cast<VTFoldersCell *>(&cell) ? 0
+            : qobject_cast<VTPathCell *>(&cell)                 ? 1
+            : qobject_cast<VTStatusCell *>(&cell)               ? 2
+                                                                : 3;
         QImage image(size, QImage::Format_ARGB32);
         image.fill(kBackground);
         QPainter painter(&image);
@@ -100,7 +103,8 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(QFontDatabase::addApplicationFont(QStringLiteral("/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf")) >= 0);
+        QVERIFY(QFontDatabase::addApplicationFont(QStringLiteral("/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"))
+                >= 0);
         QApplication::setFont(QFont(QStringLiteral("DejaVu Sans")));
         QVERIFY(QFTableCell::cellFont().family() == QStringLiteral("DejaVu Sans")
                 || QFTableCell::cellFont().family() == QStringLiteral("Lucida Grande"));
@@ -118,8 +122,8 @@ private Q_SLOTS:
         QTest::addColumn<QList<QPoint>>("empty");
         const QPoint top(0, -5), right(5, 0), bottom(0, 5), left(-5, 0);
         QTest::newRow("0: outline only") << 0u << QList<QPoint>{} << QList<QPoint>{top, right, bottom, left};
-        QTest::newRow("25: first quarter") << 25u << QList<QPoint>{QPoint(3, -3)}
-                                           << QList<QPoint>{QPoint(3, 3), QPoint(-3, 3), QPoint(-3, -3)};
+        QTest::newRow("25: first quarter")
+            << 25u << QList<QPoint>{QPoint(3, -3)} << QList<QPoint>{QPoint(3, 3), QPoint(-3, 3), QPoint(-3, -3)};
         QTest::newRow("50: right half") << 50u << QList<QPoint>{top + QPoint(2, 0), right, QPoint(2, 5)}
                                         << QList<QPoint>{left, QPoint(-3, -3), QPoint(-3, 3)};
         QTest::newRow("100: whole") << 100u << QList<QPoint>{right, bottom, left, QPoint(-3, -4)} << QList<QPoint>{};
@@ -168,8 +172,8 @@ private Q_SLOTS:
         const QRect ink = inkBox(image);
         QVERIFY2(std::abs(ink.left() - left) <= 1.5, qPrintable(QString::number(ink.left())));
         QVERIFY2(std::abs(ink.top() - top) <= 1.5, qPrintable(QString::number(ink.top())));
-        QVERIFY(near(image.pixelColor(ink.center()), Qt::black, 200) || count(image, [](QColor c) {
-                    return c.lightness() < 60; }) > 0);
+        QVERIFY(near(image.pixelColor(ink.center()), Qt::black, 200)
+                || count(image, [](QColor c) { return c.lightness() < 60; }) > 0);
     }
 
     void text_data()
@@ -224,7 +228,9 @@ private Q_SLOTS:
         VTStatusCell status;
         QVERIFY(inkBox(render(status, 100u, {}, true, {56, 28})).isEmpty());
         VTSavingsCell savings;
-        QVERIFY(count(render(savings, 5000, {}, true, {80, 28}), [](QColor c) { return near(c, QColor(128, 128, 128), 40); }) > 5);
+        QVERIFY(count(render(savings, 5000, {}, true, {80, 28}),
+                      [](QColor c) { return near(c, QColor(128, 128, 128), 40); })
+                > 5);
     }
 
     void folderIconAndLongName()
@@ -262,7 +268,8 @@ private Q_SLOTS:
         const QRect ink = inkBox(image);
         QVERIFY(!ink.isEmpty());
         // The ink spans the text's advance, centred.
-        QVERIFY2(std::abs(ink.left() - std::floor((size.width() - tw) / 2)) <= 2, qPrintable(QString::number(ink.left())));
+        QVERIFY2(std::abs(ink.left() - std::floor((size.width() - tw) / 2)) <= 2,
+                 qPrintable(QString::number(ink.left())));
         QVERIFY(ink.width() <= tw + 1);
     }
 };

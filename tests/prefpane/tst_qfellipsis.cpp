@@ -63,7 +63,10 @@ void TestQFellipsis::measuresOneCharacterAtATime()
 {
     int measurements = 0;
     QString text = QStringLiteral("abcdefghij");
-    QFellipsis::ellipsizeToFitWidth(text, 50.f, [&](QStringView s) { ++measurements; return tenPerCharacter(s); });
+    QFellipsis::ellipsizeToFitWidth(text, 50.f, [&](QStringView s) {
+        ++measurements;
+        return tenPerCharacter(s);
+    });
     QCOMPARE(text, QStringLiteral("ab..."));
     // Whole text, the line, then one per removed character (10 -> 9 -> ... -> 5).
     QCOMPARE(measurements, 2 + 5);

@@ -26,7 +26,8 @@ private Q_SLOTS:
         QTest::newRow("250000000") << quint64(250000000) << "250 MB";
         QTest::newRow("1000000000") << quint64(1000000000) << "1.00 GB";
         QTest::newRow("no unit above GB") << quint64(5000000000000) << "5000 GB";
-        QTest::newRow("above 2^63 is unsigned") << quint64(9300000000000000000ull) << "9300000768 GB"; // the float quotient, as C computes it
+        QTest::newRow("above 2^63 is unsigned")
+            << quint64(9300000000000000000ull) << "9300000768 GB"; // the float quotient, as C computes it
         QTest::newRow("max") << std::numeric_limits<quint64>::max() << "18446743552 GB";
     }
     void prettySize()
@@ -64,10 +65,10 @@ private Q_SLOTS:
             << "folder" << int(C::LastPathComponent) << QVariant("/z/apple") << QVariant("/a/Banana") << -1;
         QTest::newRow("trailing slash") << "folder" << int(C::LastPathComponent) << QVariant("/a/music/")
                                         << QVariant("/b/Music") << 0;
-        QTest::newRow("path case-insensitive") << "path" << int(C::CaseInsensitive) << QVariant("/B")
-                                               << QVariant("/a") << 1;
-        QTest::newRow("savings unsigned") << "savings" << int(C::Default) << QVariant(quint64(1) << 63)
-                                          << QVariant(quint64(5)) << 1;
+        QTest::newRow("path case-insensitive")
+            << "path" << int(C::CaseInsensitive) << QVariant("/B") << QVariant("/a") << 1;
+        QTest::newRow("savings unsigned")
+            << "savings" << int(C::Default) << QVariant(quint64(1) << 63) << QVariant(quint64(5)) << 1;
         QTest::newRow("status") << "status" << int(C::Default) << QVariant(20u) << QVariant(100u) << -1;
     }
     void compare()
@@ -84,8 +85,8 @@ private Q_SLOTS:
         QCOMPARE(descriptor.reversedSortDescriptor().compareObject(a, b), -ascending);
 
         // The summary row goes last whichever key and direction.
-        const QVariantMap summary{{"sortID", 1}, {"folder", "Other"}, {"path", "Previous savings"},
-                                  {"status", 100}, {"savings", quint64(0)}};
+        const QVariantMap summary{
+            {"sortID", 1}, {"folder", "Other"}, {"path", "Previous savings"}, {"status", 100}, {"savings", quint64(0)}};
         for (const VTSortDescriptor &d : {descriptor, descriptor.reversedSortDescriptor()}) {
             QCOMPARE(d.compareObject(summary, a), 1);
             QCOMPARE(d.compareObject(a, summary), -1);
