@@ -82,7 +82,7 @@ private:
 
     QImage render(QFTableCell &cell, const QVariant &value, QStyle::State state, bool on, QSize size = {200, 28})
     {
-        m_model.setRows({{{"sortID", 0}, {"folder", value}, {"path", value}, {"status", value}, {"savings", value}}});
+        m_model.setRows({{{QStringLiteral("sortID"), 0}, {QStringLiteral("folder"), value}, {QStringLiteral("path"), value}, {QStringLiteral("status"), value}, {QStringLiteral("savings"), value}}});
         const int column = qobject_cast<VTFoldersCell *>(&cell) ? 0 : qobject_cast<VTPathCell *>(&cell) ? 1
                           : qobject_cast<VTStatusCell *>(&cell) ? 2 : 3;
         QImage image(size, QImage::Format_ARGB32);
