@@ -185,8 +185,9 @@ private Q_SLOTS:
         for (int i = 0; i < 3; ++i) {
             m_listed[i] = home + "/Listed " + QByteArray::number(i);
             QVERIFY(QDir().mkpath(QFile::decodeName(m_listed[i])));
-            values +=
-                QStringLiteral("%1('%2', 100, %3, 1)").arg(i ? "," : "", QFile::decodeName(m_listed[i])).arg(i + 1);
+            values += QStringLiteral("%1('%2', 100, %3, 1)")
+                          .arg(i ? QStringLiteral(",") : QString(), QFile::decodeName(m_listed[i]))
+                          .arg(i + 1);
         }
         QCOMPARE(QProcess::execute(QStringLiteral("sqlite3"),
                                    {m_env.productFolder() + QStringLiteral("/history.db"),
@@ -294,7 +295,10 @@ private Q_SLOTS:
         QVERIFY(!table()->isDropTarget());
         if (added) {
             QVERIFY(recorder.waitFor(kFolders));
-            QCOMPARE(recorder.userInfos().at(recorder.names().indexOf(kFolders)).value("foldersToAdd").toStringList(),
+            QCOMPARE(recorder.userInfos()
+                         .at(recorder.names().indexOf(kFolders))
+                         .value(QStringLiteral("foldersToAdd"))
+                         .toStringList(),
                      folders);
         } else {
             recorder.settle();

@@ -108,8 +108,9 @@ void TestHost::installedHostStartsItsPane()
     QVERIFY(image.width() >= 700 && image.height() >= 400);
 
     recorder.settle();
-    QCOMPARE(recorder.names(), QStringList({"com.quillfen.vantor.version", "vantorHelperEnableUpdates"}));
-    QCOMPARE(recorder.userInfos().first().value("version").toString(), QStringLiteral("1.0.0"));
+    QCOMPARE(recorder.names(),
+             QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
+    QCOMPARE(recorder.userInfos().first().value(QStringLiteral("version")).toString(), QStringLiteral("1.0.0"));
     QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()), m_allDefaults);
 }
 
@@ -119,10 +120,11 @@ void TestHost::storedSettingsThroughStartUp_data()
     QTest::addColumn<QString>("after");
     QTest::addColumn<QString>("updateNotification");
 
-    const QByteArray inactive = PropertyList::toXml(QVariantMap{{"active", false}});
+    const QByteArray inactive = PropertyList::toXml(QVariantMap{{QStringLiteral("active"), false}});
     QTest::newRow("only active") << inactive << "{'active': False, 'checkUpdates': True, 'firstRun': False}"
                                  << "vantorHelperEnableUpdates";
-    QTest::newRow("updates off") << PropertyList::toXml(QVariantMap{{"checkUpdates", false}, {"firstRun", false}})
+    QTest::newRow("updates off") << PropertyList::toXml(
+        QVariantMap{{QStringLiteral("checkUpdates"), false}, {QStringLiteral("firstRun"), false}})
                                  << "{'checkUpdates': False, 'firstRun': False}"
                                  << "vantorHelperDisableUpdates";
     QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << m_allDefaults

@@ -25,7 +25,7 @@ private:
         const QString app = m_env.root() + QStringLiteral("/apps/") + name + QStringLiteral(".app");
         QDir().mkpath(app + QStringLiteral("/Contents/MacOS"));
         PropertyList::writeFile(app + QStringLiteral("/Contents/Info.plist"),
-                                QVariantMap{{"CFBundleExecutable", name}, {"CFBundleIdentifier", "test." + name}});
+                                QVariantMap{{QStringLiteral("CFBundleExecutable"), name}, {QStringLiteral("CFBundleIdentifier"), QStringLiteral("test.") + name}});
         const QString exe = app + QStringLiteral("/Contents/MacOS/") + name;
         const QString marker = markers() + u'/' + name;
         TestEnvironment::writeFile(
@@ -82,12 +82,12 @@ private Q_SLOTS:
         QDir().mkpath(QFileInfo(movedNow).path());
         QVERIFY(QDir().rename(moved, movedNow));
         const QVariantList list{
-            QVariantMap{{"Path", first}, {"Hide", false}},
-            QVariantMap{{"Path", moved}, {"AliasData", movedAlias}, {"Hide", false}},
-            QVariantMap{{"Path", m_env.root() + "/apps/Gone.app"}, {"Hide", false}},
-            QVariantMap{{"Path", hidden}, {"Hide", true}},
+            QVariantMap{{QStringLiteral("Path"), first}, {QStringLiteral("Hide"), false}},
+            QVariantMap{{QStringLiteral("Path"), moved}, {QStringLiteral("AliasData"), movedAlias}, {QStringLiteral("Hide"), false}},
+            QVariantMap{{QStringLiteral("Path"), m_env.root() + QStringLiteral("/apps/Gone.app")}, {QStringLiteral("Hide"), false}},
+            QVariantMap{{QStringLiteral("Path"), hidden}, {QStringLiteral("Hide"), true}},
         };
-        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{"AutoLaunchedApplicationDictionary", list}}));
+        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), list}}));
 
         QVERIFY(m_env.runAutostart());
         const QList<QByteArray> a = marker(QStringLiteral("First")).split(' ');

@@ -83,7 +83,11 @@ private:
 
     QImage render(QFTableCell &cell, const QVariant &value, QStyle::State state, bool on, QSize size = {200, 28})
     {
-        m_model.setRows({{{"sortID", 0}, {"folder", value}, {"path", value}, {"status", value}, {"savings", value}}});
+        m_model.setRows({{{QStringLiteral("sortID"), 0},
+                          {QStringLiteral("folder"), value},
+                          {QStringLiteral("path"), value},
+                          {QStringLiteral("status"), value},
+                          {QStringLiteral("savings"), value}}});
         const int column = qobject_cast<VTFoldersCell *>(&cell) ? 0
             : qobject_cast<VTPathCell *>(&cell)                 ? 1
             : qobject_cast<VTStatusCell *>(&cell)               ? 2
@@ -127,7 +131,8 @@ private Q_SLOTS:
         QTest::newRow("50: right half") << 50u << QList<QPoint>{top + QPoint(2, 0), right, QPoint(2, 5)}
                                         << QList<QPoint>{left, QPoint(-3, -3), QPoint(-3, 3)};
         QTest::newRow("100: whole") << 100u << QList<QPoint>{right, bottom, left, QPoint(-3, -4)} << QList<QPoint>{};
-        QTest::newRow("150: drawn as 100") << 150u << QList<QPoint>{right, bottom, left, QPoint(-3, -4)} << QList<QPoint>{};
+        QTest::newRow("150: drawn as 100")
+            << 150u << QList<QPoint>{right, bottom, left, QPoint(-3, -4)} << QList<QPoint>{};
     }
     void disc()
     {

@@ -83,7 +83,8 @@ private:
         QTest::qWait(50);
         recorder.settle();
         if (recorder.count(kFolders) != 1)
-            return recorder.count(kFolders) == 0 ? QVariantMap() : QVariantMap{{"count", recorder.count(kFolders)}};
+            return recorder.count(kFolders) == 0 ? QVariantMap()
+                                                 : QVariantMap{{QStringLiteral("count"), recorder.count(kFolders)}};
         return recorder.userInfos().at(recorder.names().indexOf(kFolders));
     }
 
@@ -162,7 +163,7 @@ private Q_SLOTS:
         bool result = false;
         const QVariantMap posted = postOf([&] { result = m_pane.tableViewAcceptDrop(table(), &drop, 2, {}); });
         QCOMPARE(result, accepted);
-        QCOMPARE(posted.value("foldersToAdd").toStringList(), added);
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
     }
 
     void deleteKeys_data()
@@ -176,12 +177,14 @@ private Q_SLOTS:
 
         QTest::newRow("nothing selected") << QList<int>() << int(Qt::Key_Delete) << 0 << "\x7f" << 1 << QStringList();
         QTest::newRow("three selected") << QList<int>{0, 2, 3} << int(Qt::Key_Delete) << 0 << "\x7f" << 0
-                                        << QStringList{"/h/a", "/h/c", "/h/d"};
-        QTest::newRow("backspace") << QList<int>{1} << int(Qt::Key_Backspace) << 0 << "\b" << 0 << QStringList{"/h/b"};
+                                        << QStringList{QStringLiteral("/h/a"), QStringLiteral("/h/c"),
+                                                       QStringLiteral("/h/d")};
+        QTest::newRow("backspace") << QList<int>{1} << int(Qt::Key_Backspace) << 0 << "\b" << 0
+                                   << QStringList{QStringLiteral("/h/b")};
         // With modifiers the text may be empty: the key decides.
         QTest::newRow("modified, empty text")
             << QList<int>{1} << int(Qt::Key_Backspace) << int(Qt::ControlModifier | Qt::ShiftModifier) << "" << 0
-            << QStringList{"/h/b"};
+            << QStringList{QStringLiteral("/h/b")};
         QTest::newRow("other key") << QList<int>{1} << int(Qt::Key_A) << 0 << "a" << 0 << QStringList();
         QTest::newRow("no key, empty text") << QList<int>{1} << 0 << 0 << "" << 0 << QStringList();
     }
@@ -198,8 +201,8 @@ private Q_SLOTS:
         controller()->foldersArrayController()->setSelectionIndexes(selected);
         const QVariantMap posted = postOf([&] { press(key, Qt::KeyboardModifiers(modifiers), text); });
         QCOMPARE(m_alerts.beeps, beeps);
-        QCOMPARE(posted.value("foldersToRemove").toStringList(), removed);
-        QVERIFY(!posted.contains("count"));
+        QCOMPARE(posted.value(QStringLiteral("foldersToRemove")).toStringList(), removed);
+        QVERIFY(!posted.contains(QStringLiteral("count")));
     }
 
     void deleteWithoutDelegateBeeps()
@@ -221,7 +224,7 @@ private Q_SLOTS:
         QVERIFY(button);
         QCOMPARE(button->text(), QStringLiteral("−"));
         const QVariantMap posted = postOf([button] { button->click(); });
-        QCOMPARE(posted.value("foldersToRemove").toStringList(), QStringList{"/h/d"});
+        QCOMPARE(posted.value(QStringLiteral("foldersToRemove")).toStringList(), QStringList{QStringLiteral("/h/d")});
     }
 
     void chooser_data()
@@ -249,7 +252,7 @@ private Q_SLOTS:
         FolderChooser::setFactory({});
         QCOMPARE(AnsweringChooser::shownOn, table()->window());
         QCOMPARE(AnsweringChooser::startedIn, QDir::homePath());
-        QCOMPARE(posted.value("foldersToAdd").toStringList(), added);
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
     }
 };
 

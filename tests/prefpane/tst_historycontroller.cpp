@@ -67,13 +67,13 @@ private Q_SLOTS:
         QCOMPARE(controller()->previousSavings(), quint64(5));
         const QList<QVariantMap> rows = controller()->foldersArrayController()->arrangedObjects();
         QCOMPARE(rows.size(), 3);
-        QCOMPARE(rows.at(0).value("folder").toString(), QStringLiteral("/home/u/Music"));
-        QCOMPARE(rows.at(0).value("path").toString(), QStringLiteral("/home/u/Music"));
-        QCOMPARE(rows.at(0).value("savings").toULongLong(), quint64(1000));
-        QCOMPARE(rows.at(0).value("enabled").toBool(), true);
+        QCOMPARE(rows.at(0).value(QStringLiteral("folder")).toString(), QStringLiteral("/home/u/Music"));
+        QCOMPARE(rows.at(0).value(QStringLiteral("path")).toString(), QStringLiteral("/home/u/Music"));
+        QCOMPARE(rows.at(0).value(QStringLiteral("savings")).toULongLong(), quint64(1000));
+        QCOMPARE(rows.at(0).value(QStringLiteral("enabled")).toBool(), true);
         QCOMPARE(rows.last(), controller()->historyEntryForSavings(5));
-        QCOMPARE(rows.last().value("status").toInt(), 100);
-        QVERIFY(!rows.last().contains("enabled"));
+        QCOMPARE(rows.last().value(QStringLiteral("status")).toInt(), 100);
+        QVERIFY(!rows.last().contains(QStringLiteral("enabled")));
 
         // The summary row is disabled and cannot be selected; folder rows can.
         auto *arranged = controller()->foldersArrayController();
@@ -85,11 +85,11 @@ private Q_SLOTS:
         for (int column = 0; column < 4; ++column) {
             for (Qt::SortOrder order : {Qt::AscendingOrder, Qt::DescendingOrder}) {
                 m_table.sortByColumn(column, order);
-                QCOMPARE(arranged->arrangedObjects().last().value("sortID").toInt(), 1);
+                QCOMPARE(arranged->arrangedObjects().last().value(QStringLiteral("sortID")).toInt(), 1);
             }
         }
         m_table.sortByColumn(0, Qt::AscendingOrder); // Documents, Music, Other
-        QCOMPARE(arranged->arrangedObjects().first().value("folder").toString(), QStringLiteral("/home/u/Documents"));
+        QCOMPARE(arranged->arrangedObjects().first().value(QStringLiteral("folder")).toString(), QStringLiteral("/home/u/Documents"));
     }
 
     void savingsAreUnsignedAndWrap()
@@ -132,7 +132,7 @@ private Q_SLOTS:
         arranged->setSelectionIndexes({0, 1});
         controller()->tableviewRemoveSelectedRowIndexes(&m_table, {});
         QVERIFY(recorder.waitFor(QStringLiteral("com.quillfen.vantor.folders")));
-        QCOMPARE(recorder.userInfos().last().value("foldersToRemove").toStringList(),
+        QCOMPARE(recorder.userInfos().last().value(QStringLiteral("foldersToRemove")).toStringList(),
                  (QStringList{QStringLiteral("/home/u/Music"), QStringLiteral("/home/u/Documents")}));
         QVERIFY(arranged->selectionIndexes().isEmpty());
         QCOMPARE(arranged->rowCount(), 3); // rows stay until the helper has acted
@@ -144,12 +144,12 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("posted"); // empty: nothing posted
         QTest::addColumn<int>("sheets");
         QTest::newRow("empty") << QStringList() << QStringList() << 0;
-        QTest::newRow("only volumes") << QStringList{"/Volumes/Disk/a", "/Volumes/B"} << QStringList() << 1;
-        QTest::newRow("mix keeps order") << QStringList{"/home/u/b", "/Volumes/Disk/x", "/home/u/a", "/Volumes"}
-                                         << QStringList{"/home/u/b", "/home/u/a", "/Volumes"} << 1;
-        QTest::newRow("duplicates passed on") << QStringList{"/home/u/a", "/home/u/a", "/Volumes/x", "/Volumes/x"}
-                                              << QStringList{"/home/u/a", "/home/u/a"} << 1;
-        QTest::newRow("case-sensitive prefix") << QStringList{"/volumes/x"} << QStringList{"/volumes/x"} << 0;
+        QTest::newRow("only volumes") << QStringList{QStringLiteral("/Volumes/Disk/a"), QStringLiteral("/Volumes/B")} << QStringList() << 1;
+        QTest::newRow("mix keeps order") << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/Volumes/Disk/x"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes")}
+                                         << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes")} << 1;
+        QTest::newRow("duplicates passed on") << QStringList{QStringLiteral("/home/u/a"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes/x"), QStringLiteral("/Volumes/x")}
+                                              << QStringList{QStringLiteral("/home/u/a"), QStringLiteral("/home/u/a")} << 1;
+        QTest::newRow("case-sensitive prefix") << QStringList{QStringLiteral("/volumes/x")} << QStringList{QStringLiteral("/volumes/x")} << 0;
     }
     void addFolders()
     {
@@ -171,7 +171,7 @@ private Q_SLOTS:
         }
         QCOMPARE(recorder.count(QStringLiteral("com.quillfen.vantor.folders")), posted.isEmpty() ? 0 : 1);
         if (!posted.isEmpty())
-            QCOMPARE(recorder.userInfos().first().value("foldersToAdd").toStringList(), posted);
+            QCOMPARE(recorder.userInfos().first().value(QStringLiteral("foldersToAdd")).toStringList(), posted);
     }
 
     void textFileIsReplacedByAnEmptyStore()

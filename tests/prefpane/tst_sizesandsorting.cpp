@@ -56,14 +56,16 @@ private Q_SLOTS:
         QTest::addColumn<int>("ascending");
         using C = VTSortDescriptor::Comparison;
         QTest::newRow("last component ignores place and case")
-            << "folder" << int(C::LastPathComponent) << QVariant("/Users/x/Documents")
-            << QVariant("/Volumes/Disk/documents") << 0;
+            << "folder" << int(C::LastPathComponent) << QVariant(QStringLiteral("/Users/x/Documents"))
+            << QVariant(QStringLiteral("/Volumes/Disk/documents")) << 0;
         QTest::newRow("last component orders by name")
-            << "folder" << int(C::LastPathComponent) << QVariant("/z/apple") << QVariant("/a/Banana") << -1;
-        QTest::newRow("trailing slash") << "folder" << int(C::LastPathComponent) << QVariant("/a/music/")
-                                        << QVariant("/b/Music") << 0;
-        QTest::newRow("path case-insensitive")
-            << "path" << int(C::CaseInsensitive) << QVariant("/B") << QVariant("/a") << 1;
+            << "folder" << int(C::LastPathComponent) << QVariant(QStringLiteral("/z/apple"))
+            << QVariant(QStringLiteral("/a/Banana")) << -1;
+        QTest::newRow("trailing slash") << "folder" << int(C::LastPathComponent)
+                                        << QVariant(QStringLiteral("/a/music/")) << QVariant(QStringLiteral("/b/Music"))
+                                        << 0;
+        QTest::newRow("path case-insensitive") << "path" << int(C::CaseInsensitive) << QVariant(QStringLiteral("/B"))
+                                               << QVariant(QStringLiteral("/a")) << 1;
         QTest::newRow("savings unsigned")
             << "savings" << int(C::Default) << QVariant(quint64(1) << 63) << QVariant(quint64(5)) << 1;
         QTest::newRow("status") << "status" << int(C::Default) << QVariant(20u) << QVariant(100u) << -1;
@@ -76,14 +78,17 @@ private Q_SLOTS:
         QFETCH(QVariant, second);
         QFETCH(int, ascending);
         const VTSortDescriptor descriptor(key, true, VTSortDescriptor::Comparison(comparison));
-        const QVariantMap a{{"sortID", 0}, {key, first}};
-        const QVariantMap b{{"sortID", 0}, {key, second}};
+        const QVariantMap a{{QStringLiteral("sortID"), 0}, {key, first}};
+        const QVariantMap b{{QStringLiteral("sortID"), 0}, {key, second}};
         QCOMPARE(descriptor.compareObject(a, b), ascending);
         QCOMPARE(descriptor.reversedSortDescriptor().compareObject(a, b), -ascending);
 
         // The summary row goes last whichever key and direction.
-        const QVariantMap summary{
-            {"sortID", 1}, {"folder", "Other"}, {"path", "Previous savings"}, {"status", 100}, {"savings", quint64(0)}};
+        const QVariantMap summary{{QStringLiteral("sortID"), 1},
+                                  {QStringLiteral("folder"), QStringLiteral("Other")},
+                                  {QStringLiteral("path"), QStringLiteral("Previous savings")},
+                                  {QStringLiteral("status"), 100},
+                                  {QStringLiteral("savings"), quint64(0)}};
         for (const VTSortDescriptor &d : {descriptor, descriptor.reversedSortDescriptor()}) {
             QCOMPARE(d.compareObject(summary, a), 1);
             QCOMPARE(d.compareObject(a, summary), -1);

@@ -86,11 +86,11 @@ void TestVantorPref::startUpAnnouncesVersionThenUpdateChoice()
                                 .toString();
     QVERIFY(!version.isEmpty());
     QCOMPARE(pane().versionNumberTextField->text(), version);
-    QCOMPARE(m_startUpNames, QStringList({"com.quillfen.vantor.version", "vantorHelperEnableUpdates"}));
-    QCOMPARE(m_startUpInfos.first(), QVariantMap({{"version", version}}));
+    QCOMPARE(m_startUpNames, QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
+    QCOMPARE(m_startUpInfos.first(), QVariantMap({{QStringLiteral("version"), version}}));
     // The first run is marked done.
     const QVariantMap file = PropertyList::readFile(m_env.productFolder() + QStringLiteral("/defaults.plist"))->toMap();
-    QCOMPARE(file.value("firstRun"), QVariant(false));
+    QCOMPARE(file.value(QStringLiteral("firstRun")), QVariant(false));
     QVERIFY(!store()->firstRun());
 }
 

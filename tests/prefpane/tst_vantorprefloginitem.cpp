@@ -39,11 +39,11 @@ private:
     void writeList(const QVariantList &items)
     {
         QDir().mkpath(QFileInfo(listFile()).path());
-        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{"AutoLaunchedApplicationDictionary", items}}));
+        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), items}}));
     }
     QVariantList list() const
     {
-        return PreferencesDomain(QStringLiteral("loginwindow")).copyValue("AutoLaunchedApplicationDictionary").toList();
+        return PreferencesDomain(QStringLiteral("loginwindow")).copyValue(QStringLiteral("AutoLaunchedApplicationDictionary")).toList();
     }
     // A pane bundle of its own, with or without the helper inside.
     std::unique_ptr<VantorPref> pane(bool withHelper)
@@ -75,8 +75,8 @@ private Q_SLOTS:
         QCOMPARE(items[0].toMap(), m_mail);
         QCOMPARE(items[1].toMap(), m_notes);
         const QVariantMap entry = items[2].toMap();
-        QCOMPARE(entry.value("Path").toString(), m_helper);
-        QCOMPARE(BDAlias(entry.value("AliasData").toByteArray()).fullPath(), QDir(m_helper).canonicalPath());
+        QCOMPARE(entry.value(QStringLiteral("Path")).toString(), m_helper);
+        QCOMPARE(BDAlias(entry.value(QStringLiteral("AliasData")).toByteArray()).fullPath(), QDir(m_helper).canonicalPath());
         // A third-party reader sees exactly the three keys, with their types.
         const QString seen = TestEnvironment::pythonPlist(listFile());
         // Python quotes bytes holding a ' with ".
@@ -93,8 +93,8 @@ private Q_SLOTS:
         const QVariantList items = list();
         QCOMPARE(items.size(), 2);
         QCOMPARE(items[0].toMap(), m_mail);
-        QCOMPARE(items[1].toMap().value("Path").toString(), m_helper);
-        QVERIFY(items[1].toMap().contains("AliasData"));
+        QCOMPARE(items[1].toMap().value(QStringLiteral("Path")).toString(), m_helper);
+        QVERIFY(items[1].toMap().contains(QStringLiteral("AliasData")));
 
         // No helper entry: start-up adds nothing.
         writeList({m_mail});
@@ -115,7 +115,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, path);
         QFETCH(bool, matches);
-        writeList({path.isNull() ? QVariantMap{{"Hide", true}} : app(path)});
+        writeList({path.isNull() ? QVariantMap{{QStringLiteral("Hide"), true}} : app(path)});
         QCOMPARE(pane(true)->autorunAtLogin(), matches);
     }
 

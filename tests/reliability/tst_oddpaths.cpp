@@ -26,7 +26,6 @@
 
 #include <cstdio>
 #include <memory>
-#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 
@@ -54,12 +53,6 @@ QString pathOfLength(const QString &base, qsizetype bytes)
 QByteArray hex(const QString &path)
 {
     return QFile::encodeName(path).toHex().toUpper();
-}
-
-bool isDirectory(const QString &path)
-{
-    struct stat st {};
-    return ::stat(QFile::encodeName(path).constData(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 } // namespace
@@ -162,7 +155,7 @@ void TestOddPaths::travelsUnchanged()
     const QString place = m_env.home() + QStringLiteral("/row-%1").arg(QString::fromUtf8(QTest::currentDataTag())).replace(u',', u'_');
     const QString folder = name.isNull() ? pathOfLength(place, 4000) : place + u'/' + name;
     QVERIFY(QDir().mkpath(folder));
-    QVERIFY(isDirectory(folder));
+    QVERIFY(QFileInfo(folder).isDir());
     if (name.isNull())
         QCOMPARE(QFile::encodeName(folder).size(), 4000);
 
