@@ -10,6 +10,7 @@
 
 #include <QApplication>
 #include <QFileInfo>
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -174,14 +175,34 @@ private Q_SLOTS:
             QCOMPARE(recorder.userInfos().first().value(QStringLiteral("foldersToAdd")).toStringList(), posted);
     }
 
-    void textFileIsReplacedByAnEmptyStore()
+    void onlyUnreadableStoresAreReplaced_data()
     {
+        QTest::addColumn<bool>("busy");
+        QTest::newRow("text file") << false;
+        QTest::newRow("store another process is writing") << true;
+    }
+    void onlyUnreadableStoresAreReplaced()
+    {
+        QFETCH(bool, busy);
         // Beside the controller's store, which stays open.
-        const QString text = m_env.productFolder() + QStringLiteral("/text.db");
-        TestEnvironment::writeFile(text, "folders: none\n");
-        QVERIFY(!VTUtil::ensureIntegrityOfDatabaseAtPath(text));
-        QCOMPARE(m_alerts.modals.size(), 1);
-        QVERIFY(!QFileInfo::exists(text));
+        const QString path = m_env.productFolder() + QStringLiteral("/other.db");
+        QFile::remove(path);
+        QProcess writer;
+        if (busy) {
+            TestEnvironment::sqlite(path, QStringLiteral("CREATE TABLE t(x);"));
+            writer.start(QStringLiteral("python3"),
+                         {QStringLiteral("-c"), QStringLiteral("import sqlite3, sys, time; c = sqlite3.connect(sys.argv[1], isolation_level=None); "
+                                                               "c.execute('BEGIN EXCLUSIVE'); print(flush=True); time.sleep(1); c.execute('COMMIT')"),
+                          path});
+            QVERIFY(writer.waitForReadyRead(10000));
+        } else {
+            TestEnvironment::writeFile(path, "folders: none\n");
+        }
+        m_alerts.clear();
+        QCOMPARE(VTUtil::ensureIntegrityOfDatabaseAtPath(path), busy);
+        QCOMPARE(m_alerts.modals.size(), busy ? 0 : 1);
+        QCOMPARE(QFileInfo::exists(path), busy);
+        writer.waitForFinished();
     }
 };
 
