@@ -23,7 +23,10 @@ const QString kFolders = QStringLiteral("com.quillfen.vantor.folders");
 class WatchingDataSource : public QFTableViewDataSource
 {
 public:
-    explicit WatchingDataSource(QFTableViewDataSource *pane) : m_pane(pane) {}
+    explicit WatchingDataSource(QFTableViewDataSource *pane)
+        : m_pane(pane)
+    {
+    }
     void reset()
     {
         validated = Qt::IgnoreAction;
@@ -182,12 +185,15 @@ private Q_SLOTS:
         for (int i = 0; i < 3; ++i) {
             m_listed[i] = home + "/Listed " + QByteArray::number(i);
             QVERIFY(QDir().mkpath(QFile::decodeName(m_listed[i])));
-            values += QStringLiteral("%1('%2', 100, %3, 1)").arg(i ? QStringLiteral(",") : QString(), QFile::decodeName(m_listed[i])).arg(i + 1);
+            values += QStringLiteral("%1('%2', 100, %3, 1)")
+                          .arg(i ? QStringLiteral(",") : QString(), QFile::decodeName(m_listed[i]))
+                          .arg(i + 1);
         }
         QCOMPARE(QProcess::execute(QStringLiteral("sqlite3"),
                                    {m_env.productFolder() + QStringLiteral("/history.db"),
                                     QStringLiteral("INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
-                                                   "VALUES %1;").arg(values)}),
+                                                   "VALUES %1;")
+                                        .arg(values)}),
                  0);
         VTHistoryController::sharedHistoryController()->updatePreviousSavings();
         QCOMPARE(rowCount(), 3);
@@ -250,8 +256,8 @@ private Q_SLOTS:
 
         const QByteArray home = QFile::encodeName(m_env.home());
         QTest::newRow("two folders and a file")
-            << QList<QByteArray>{home + "/New A", home + "/notes.txt", home + "/New \"B\""}
-            << QByteArray("result copy") << 2;
+            << QList<QByteArray>{home + "/New A", home + "/notes.txt", home + "/New \"B\""} << QByteArray("result copy")
+            << 2;
         QTest::newRow("only files") << QList<QByteArray>{home + "/notes.txt"} << QByteArray("result ignore") << 0;
     }
     void dropsFromAnotherApplication()
@@ -289,7 +295,10 @@ private Q_SLOTS:
         QVERIFY(!table()->isDropTarget());
         if (added) {
             QVERIFY(recorder.waitFor(kFolders));
-            QCOMPARE(recorder.userInfos().at(recorder.names().indexOf(kFolders)).value(QStringLiteral("foldersToAdd")).toStringList(),
+            QCOMPARE(recorder.userInfos()
+                         .at(recorder.names().indexOf(kFolders))
+                         .value(QStringLiteral("foldersToAdd"))
+                         .toStringList(),
                      folders);
         } else {
             recorder.settle();

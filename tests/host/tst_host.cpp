@@ -42,12 +42,14 @@ private:
     Run screenshot(const QProcessEnvironment &env)
     {
         return runHost({QStringLiteral("--pane"), TestEnvironment::paneBundle(), QStringLiteral("--screenshot"),
-                        m_home->path() + QStringLiteral("/x.png")}, env);
+                        m_home->path() + QStringLiteral("/x.png")},
+                       env);
     }
     QString defaultsFile() const { return m_home->path() + QStringLiteral("/.local/share/Vantor/defaults.plist"); }
     static bool helperOwnsItsName()
     {
-        return QDBusConnection::sessionBus().interface()->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper"));
+        return QDBusConnection::sessionBus().interface()->isServiceRegistered(
+            QStringLiteral("com.quillfen.VantorHelper"));
     }
 
     std::unique_ptr<QTemporaryDir> m_home;
@@ -92,18 +94,22 @@ void TestHost::installedHostStartsItsPane()
 {
     // Installed for this user, where the host looks first.
     const QString prefix = m_home->path() + QStringLiteral("/.local");
-    QCOMPARE(QProcess::execute(QStringLiteral("cmake"), {QStringLiteral("--install"), qEnvironmentVariable("VANTOR_BUILD_DIR"),
-                                                         QStringLiteral("--prefix"), prefix}), 0);
+    QCOMPARE(QProcess::execute(QStringLiteral("cmake"),
+                               {QStringLiteral("--install"), qEnvironmentVariable("VANTOR_BUILD_DIR"),
+                                QStringLiteral("--prefix"), prefix}),
+             0);
     NotificationRecorder recorder;
     const QString png = m_home->path() + QStringLiteral("/x.png");
-    const Run run = runHost({QStringLiteral("--screenshot"), png}, environment(), prefix + QStringLiteral("/bin/vantor-preferences"));
+    const Run run = runHost({QStringLiteral("--screenshot"), png}, environment(),
+                            prefix + QStringLiteral("/bin/vantor-preferences"));
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(run.out.trimmed(), QStringLiteral("vantor-preferences: wrote %1").arg(png));
     QImage image(png);
     QVERIFY(image.width() >= 700 && image.height() >= 400);
 
     recorder.settle();
-    QCOMPARE(recorder.names(), QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
+    QCOMPARE(recorder.names(),
+             QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
     QCOMPARE(recorder.userInfos().first().value(QStringLiteral("version")).toString(), QStringLiteral("1.0.0"));
     QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()), m_allDefaults);
 }
@@ -117,9 +123,12 @@ void TestHost::storedSettingsThroughStartUp_data()
     const QByteArray inactive = PropertyList::toXml(QVariantMap{{QStringLiteral("active"), false}});
     QTest::newRow("only active") << inactive << "{'active': False, 'checkUpdates': True, 'firstRun': False}"
                                  << "vantorHelperEnableUpdates";
-    QTest::newRow("updates off") << PropertyList::toXml(QVariantMap{{QStringLiteral("checkUpdates"), false}, {QStringLiteral("firstRun"), false}})
-                                 << "{'checkUpdates': False, 'firstRun': False}" << "vantorHelperDisableUpdates";
-    QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << m_allDefaults << "vantorHelperEnableUpdates";
+    QTest::newRow("updates off") << PropertyList::toXml(
+        QVariantMap{{QStringLiteral("checkUpdates"), false}, {QStringLiteral("firstRun"), false}})
+                                 << "{'checkUpdates': False, 'firstRun': False}"
+                                 << "vantorHelperDisableUpdates";
+    QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << m_allDefaults
+                                      << "vantorHelperEnableUpdates";
     QTest::newRow("truncated") << inactive.left(60) << m_allDefaults << "vantorHelperEnableUpdates";
     QTest::newRow("random bytes") << QByteArray::fromHex("deadbeef00112233445566") << m_allDefaults
                                   << "vantorHelperEnableUpdates";
@@ -160,7 +169,8 @@ void TestHost::brokenPaneIsOneLineAndExitOne()
     if (layout == QLatin1String("nolib") || layout == QLatin1String("notpane"))
         QFile::copy(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"), info);
     if (layout == QLatin1String("notpane"))
-        QFile::copy(QStringLiteral(VANTOR_COMMON_LIBRARY_FILE), pane + QStringLiteral("/Contents/Linux/libVantorPref.so"));
+        QFile::copy(QStringLiteral(VANTOR_COMMON_LIBRARY_FILE),
+                    pane + QStringLiteral("/Contents/Linux/libVantorPref.so"));
 
     const Run run = runHost({QStringLiteral("--pane"), pane}, environment());
     QCOMPARE(run.exitCode, 1);
@@ -172,7 +182,8 @@ void TestHost::brokenPaneIsOneLineAndExitOne()
 
 void TestHost::noPaneInstalledSaysSo()
 {
-    const Run run = runHost({QStringLiteral("--screenshot"), m_home->path() + QStringLiteral("/none.png")}, environment());
+    const Run run =
+        runHost({QStringLiteral("--screenshot"), m_home->path() + QStringLiteral("/none.png")}, environment());
     QCOMPARE(run.exitCode, 0);
     QVERIFY2(run.err.contains(QStringLiteral("no Vantor pane is installed")), qPrintable(run.err));
     QVERIFY(QFile::exists(m_home->path() + QStringLiteral("/none.png")));
@@ -209,9 +220,13 @@ void TestHost::faultsAreReportedNotFatal_data()
 {
     QTest::addColumn<QString>("fault");
     QTest::addColumn<QString>("expectedLine");
-    QTest::newRow("no session bus") << "nobus" << "vantor: no D-Bus session bus (";
-    QTest::newRow("data folder cannot be made") << "blocked" << "Could not write preferences to file: (null)";
-    QTest::newRow("plain file named Vantor") << "vantorfile" << "Could not write preferences to file: @/.local/share/Vantor/defaults.plist";
+    QTest::newRow("no session bus") << "nobus"
+                                    << "vantor: no D-Bus session bus (";
+    QTest::newRow("data folder cannot be made") << "blocked"
+                                                << "Could not write preferences to file: (null)";
+    QTest::newRow("plain file named Vantor")
+        << "vantorfile"
+        << "Could not write preferences to file: @/.local/share/Vantor/defaults.plist";
 }
 
 void TestHost::faultsAreReportedNotFatal()
@@ -239,8 +254,9 @@ void TestHost::survivesClosedOutput()
 {
     QProcess shell;
     shell.setProcessEnvironment(environment());
-    shell.start(QStringLiteral("bash"), {QStringLiteral("-c"), QStringLiteral("set -o pipefail; \"$0\" --screenshot \"$1\" 2>&1 | true"),
-                                         TestEnvironment::hostExecutable(), m_home->path() + QStringLiteral("/x.png")});
+    shell.start(QStringLiteral("bash"),
+                {QStringLiteral("-c"), QStringLiteral("set -o pipefail; \"$0\" --screenshot \"$1\" 2>&1 | true"),
+                 TestEnvironment::hostExecutable(), m_home->path() + QStringLiteral("/x.png")});
     QVERIFY(shell.waitForFinished(60000));
     QCOMPARE(shell.exitCode(), 0);
 }

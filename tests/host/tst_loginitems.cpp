@@ -28,10 +28,14 @@ private:
                                 QVariantMap{{QStringLiteral("CFBundleExecutable"), name}, {QStringLiteral("CFBundleIdentifier"), QStringLiteral("test.") + name}});
         const QString exe = app + QStringLiteral("/Contents/MacOS/") + name;
         const QString marker = markers() + u'/' + name;
-        TestEnvironment::writeFile(exe, QStringLiteral("#!/bin/sh\necho \"$$ ${QT_QPA_PLATFORM:-none}\" > '%1.tmp' && mv '%1.tmp' '%1'\n")
-                                            .arg(marker).toUtf8());
-        QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                                       | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+        TestEnvironment::writeFile(
+            exe,
+            QStringLiteral("#!/bin/sh\necho \"$$ ${QT_QPA_PLATFORM:-none}\" > '%1.tmp' && mv '%1.tmp' '%1'\n")
+                .arg(marker)
+                .toUtf8());
+        QFile::setPermissions(exe,
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
+                                  | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
         return app;
     }
 
@@ -53,7 +57,8 @@ private Q_SLOTS:
         QFile::remove(listFile());
         QFile::remove(m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop"));
         QProcess host;
-        host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
+        host.start(TestEnvironment::hostExecutable(),
+                   {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
         QVERIFY(host.waitForFinished(60000));
     }
 

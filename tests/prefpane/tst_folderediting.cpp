@@ -27,7 +27,11 @@ class AnsweringChooser : public FolderChooser
 {
 public:
     AnsweringChooser(QObject *parent, int code, QList<QByteArray> paths)
-        : FolderChooser(parent), m_code(code), m_paths(std::move(paths)) {}
+        : FolderChooser(parent)
+        , m_code(code)
+        , m_paths(std::move(paths))
+    {
+    }
 
     void beginSheetForDirectory(QWidget *window, const QString &directory, std::function<void(int)> done) override
     {
@@ -79,7 +83,8 @@ private:
         QTest::qWait(50);
         recorder.settle();
         if (recorder.count(kFolders) != 1)
-            return recorder.count(kFolders) == 0 ? QVariantMap() : QVariantMap{{QStringLiteral("count"), recorder.count(kFolders)}};
+            return recorder.count(kFolders) == 0 ? QVariantMap()
+                                                 : QVariantMap{{QStringLiteral("count"), recorder.count(kFolders)}};
         return recorder.userInfos().at(recorder.names().indexOf(kFolders));
     }
 
@@ -130,9 +135,8 @@ private Q_SLOTS:
         // The drop happens, so the refusal can be told.
         QTest::newRow("path not UTF-8") << QList<QByteArray>{m_undecodable} << int(Qt::CopyAction) << false
                                         << QStringList();
-        QTest::newRow("UTF-8 folder kept beside it") << QList<QByteArray>{m_undecodable, m_dirB}
-                                                     << int(Qt::CopyAction) << true
-                                                     << QStringList{QFile::decodeName(m_dirB)};
+        QTest::newRow("UTF-8 folder kept beside it") << QList<QByteArray>{m_undecodable, m_dirB} << int(Qt::CopyAction)
+                                                     << true << QStringList{QFile::decodeName(m_dirB)};
     }
     void drops()
     {
@@ -173,13 +177,14 @@ private Q_SLOTS:
 
         QTest::newRow("nothing selected") << QList<int>() << int(Qt::Key_Delete) << 0 << "\x7f" << 1 << QStringList();
         QTest::newRow("three selected") << QList<int>{0, 2, 3} << int(Qt::Key_Delete) << 0 << "\x7f" << 0
-                                        << QStringList{QStringLiteral("/h/a"), QStringLiteral("/h/c"), QStringLiteral("/h/d")};
+                                        << QStringList{QStringLiteral("/h/a"), QStringLiteral("/h/c"),
+                                                       QStringLiteral("/h/d")};
         QTest::newRow("backspace") << QList<int>{1} << int(Qt::Key_Backspace) << 0 << "\b" << 0
                                    << QStringList{QStringLiteral("/h/b")};
         // With modifiers the text may be empty: the key decides.
-        QTest::newRow("modified, empty text") << QList<int>{1} << int(Qt::Key_Backspace)
-                                              << int(Qt::ControlModifier | Qt::ShiftModifier) << "" << 0
-                                              << QStringList{QStringLiteral("/h/b")};
+        QTest::newRow("modified, empty text")
+            << QList<int>{1} << int(Qt::Key_Backspace) << int(Qt::ControlModifier | Qt::ShiftModifier) << "" << 0
+            << QStringList{QStringLiteral("/h/b")};
         QTest::newRow("other key") << QList<int>{1} << int(Qt::Key_A) << 0 << "a" << 0 << QStringList();
         QTest::newRow("no key, empty text") << QList<int>{1} << 0 << 0 << "" << 0 << QStringList();
     }
@@ -228,9 +233,9 @@ private Q_SLOTS:
         QTest::addColumn<QList<QByteArray>>("chosen");
         QTest::addColumn<QStringList>("added");
         QTest::newRow("cancelled") << 0 << QList<QByteArray>{m_dirA} << QStringList();
-        QTest::newRow("two, duplicates kept") << 1 << QList<QByteArray>{m_dirB, m_dirA, m_dirB}
-                                              << QStringList{QFile::decodeName(m_dirB), QFile::decodeName(m_dirA),
-                                                             QFile::decodeName(m_dirB)};
+        QTest::newRow("two, duplicates kept")
+            << 1 << QList<QByteArray>{m_dirB, m_dirA, m_dirB}
+            << QStringList{QFile::decodeName(m_dirB), QFile::decodeName(m_dirA), QFile::decodeName(m_dirB)};
         QTest::newRow("path not UTF-8 refused") << 1 << QList<QByteArray>{m_undecodable} << QStringList();
     }
     void chooser()

@@ -61,7 +61,8 @@ VantorPref &TestHelperControl::makePane(unsigned mode, bool running)
         ::chmod(QFile::encodeName(exe).constData(), mode);
     }
     if (running)
-        m_workspace->running.append(new RunningApplication(QStringLiteral("com.quillfen.VantorHelper"), 1, &*m_workspace));
+        m_workspace->running.append(
+            new RunningApplication(QStringLiteral("com.quillfen.VantorHelper"), 1, &*m_workspace));
     m_ui.emplace(path);
     return m_ui->pane;
 }

@@ -36,7 +36,8 @@ uint nameOwnerPid()
 
 void quitHelper()
 {
-    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        QLatin1String(Notifications::HelperShouldQuit));
 }
 
 // The login-item list exists, as the host makes sure it does.
@@ -67,7 +68,8 @@ private Q_SLOTS:
 private:
     QString helperLog() const
     {
-        return QString::fromUtf8(TestEnvironment::readFile(m_env.home() + QStringLiteral("/.local/state/vantor/VantorHelper.log")));
+        return QString::fromUtf8(
+            TestEnvironment::readFile(m_env.home() + QStringLiteral("/.local/state/vantor/VantorHelper.log")));
     }
     VantorPref &pane() { return m_ui->pane; }
 
@@ -153,7 +155,8 @@ void TestHelperProcess::leavingThePane()
 {
     VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
     NotificationRecorder recorder;
-    const QList<RunningApplication *> running = Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName);
+    const QList<RunningApplication *> running =
+        Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName);
     QCOMPARE(running.size(), 1);
     const int pid = running.first()->processIdentifier();
     bool terminated = false;
@@ -184,7 +187,8 @@ void TestHelperProcess::newSessionStartsHelperWhenOn()
 {
     // The host prepares the session's autostart entry for the login-items agent.
     QProcess host;
-    host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
+    host.start(TestEnvironment::hostExecutable(),
+               {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
     QVERIFY(host.waitForFinished(60000));
     QVERIFY(QFileInfo::exists(m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop")));
     makeLoginList();

@@ -23,7 +23,6 @@ class TestQFellipsis : public QObject
 private Q_SLOTS:
     void ellipsize_data();
     void ellipsize();
-    void measuresOneCharacterAtATime();
     void realFontFits();
 };
 
@@ -57,16 +56,6 @@ void TestQFellipsis::ellipsize()
     QFETCH(QString, expected);
     QFellipsis::ellipsizeToFitWidth(text, width, tenPerCharacter);
     QCOMPARE(text, expected);
-}
-
-void TestQFellipsis::measuresOneCharacterAtATime()
-{
-    int measurements = 0;
-    QString text = QStringLiteral("abcdefghij");
-    QFellipsis::ellipsizeToFitWidth(text, 50.f, [&](QStringView s) { ++measurements; return tenPerCharacter(s); });
-    QCOMPARE(text, QStringLiteral("ab..."));
-    // Whole text, the line, then one per removed character (10 -> 9 -> ... -> 5).
-    QCOMPARE(measurements, 2 + 5);
 }
 
 void TestQFellipsis::realFontFits()

@@ -46,7 +46,8 @@ private Q_SLOTS:
         QVERIFY(controller->managedObjectContext());
         QVERIFY(m_alerts.errors.isEmpty());
         const QString store = m_env.productFolder() + QStringLiteral("/history.db");
-        QVERIFY(TestEnvironment::sqlite(store, QStringLiteral(".schema ZHISTORY")).contains(QLatin1String("ZSAVINGS INTEGER NOT NULL")));
+        QVERIFY(TestEnvironment::sqlite(store, QStringLiteral(".schema ZHISTORY"))
+                    .contains(QLatin1String("ZSAVINGS INTEGER NOT NULL")));
         QCOMPARE(QFileInfo(store).permissions() & 0x0077, QFileDevice::Permissions());
         QVERIFY(!controller->folders());
         QVERIFY(controller->folderAliases().isEmpty());

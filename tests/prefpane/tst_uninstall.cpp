@@ -80,11 +80,16 @@ private:
     }
     QString relaunchCopy() const { return FileManager::temporaryDirectory() + QStringLiteral("relaunch"); }
     QString loginList() const { return m_env.configHome() + QStringLiteral("/vantor/preferences/loginwindow.plist"); }
-    QPushButton *button(QWidget *sheet, const char *name) { return sheet->findChild<QPushButton *>(QLatin1String(name)); }
+    QPushButton *button(QWidget *sheet, const char *name)
+    {
+        return sheet->findChild<QPushButton *>(QLatin1String(name));
+    }
     bool install() const
     {
         return QFileInfo::exists(installedBundle())
-            || QProcess::execute(QStringLiteral("cp"), {QStringLiteral("-a"), TestEnvironment::paneBundle(), installedBundle()}) == 0;
+            || QProcess::execute(QStringLiteral("cp"),
+                                 {QStringLiteral("-a"), TestEnvironment::paneBundle(), installedBundle()})
+            == 0;
     }
     void killRelaunchTools();
 
@@ -109,7 +114,8 @@ void TestUninstall::init()
     m_ui->host.terminations = 0;
     // The last case's helper has gone from the bus; its process must be gone too, or the
     // workspace hands it back instead of starting a new one.
-    QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName).isEmpty() || helperOwnsItsName());
+    QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName).isEmpty()
+                || helperOwnsItsName());
     if (!helperOwnsItsName())
         m_ui->pane.launchHelper();
     QTRY_VERIFY(helperOwnsItsName());
@@ -126,7 +132,8 @@ void TestUninstall::cleanup()
 
 void TestUninstall::cleanupTestCase()
 {
-    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        QLatin1String(Notifications::HelperShouldQuit));
     QTRY_VERIFY(TestEnvironment::processesOnThisBus(QFileInfo(helperExecutable()).canonicalFilePath()).isEmpty());
     QTRY_VERIFY(!helperOwnsItsName());
 }
@@ -199,7 +206,8 @@ void TestUninstall::uninstallWithLoginItem()
     QVERIFY(TestEnvironment::pythonPlist(loginList()).contains(QLatin1String("Other.app")));
 
     // The relaunch tool runs from its copy and waits for this process, the host.
-    const QMap<int, QList<QByteArray>> tools = TestEnvironment::processesOnThisBus(QFileInfo(relaunchCopy()).canonicalFilePath());
+    const QMap<int, QList<QByteArray>> tools =
+        TestEnvironment::processesOnThisBus(QFileInfo(relaunchCopy()).canonicalFilePath());
     QCOMPARE(tools.size(), 1);
     const QList<QByteArray> expected{QFile::encodeName(relaunchCopy()),
                                      QFile::encodeName(QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget()),
@@ -240,7 +248,8 @@ void TestUninstall::uninstallWithoutLoginItemLeavesTheListAlone()
     QFile::remove(loginList());
     if (hasList) {
         PreferencesDomain loginWindow(QStringLiteral("loginwindow"));
-        loginWindow.setValue(kListKey, QVariantList{QVariantMap{{QStringLiteral("Path"), QStringLiteral("/opt/Other.app")}}});
+        loginWindow.setValue(kListKey,
+                             QVariantList{QVariantMap{{QStringLiteral("Path"), QStringLiteral("/opt/Other.app")}}});
         QVERIFY(loginWindow.synchronize());
     }
     QVERIFY(!m_ui->pane.autorunAtLogin());

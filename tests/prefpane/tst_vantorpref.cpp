@@ -44,8 +44,11 @@ private Q_SLOTS:
 private:
     VantorPref &pane() { return m_ui->pane; }
     VTDefaultsController *store() const { return VTDefaultsController::sharedDefaultsController(); }
-    template<typename T>
-    T *child(const char *name) { return pane().mainView()->findChild<T *>(QLatin1String(name)); }
+    template <typename T>
+    T *child(const char *name)
+    {
+        return pane().mainView()->findChild<T *>(QLatin1String(name));
+    }
     QList<BubbleLayer *> bubbles() { return pane().iconLayer()->findChildren<BubbleLayer *>(); }
     // A point of the layer in the icon's y-up coordinates.
     QPointF iconPoint(const QPointF &p) { return {p.x(), pane().iconLayer()->height() - p.y()}; }
@@ -78,8 +81,9 @@ void TestVantorPref::init()
 
 void TestVantorPref::startUpAnnouncesVersionThenUpdateChoice()
 {
-    const QString version =
-        Bundle::bundleWithPath(TestEnvironment::paneBundle())->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString();
+    const QString version = Bundle::bundleWithPath(TestEnvironment::paneBundle())
+                                ->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion"))
+                                .toString();
     QVERIFY(!version.isEmpty());
     QCOMPARE(pane().versionNumberTextField->text(), version);
     QCOMPARE(m_startUpNames, QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
@@ -119,12 +123,16 @@ void TestVantorPref::boxesGoThroughTheStore_data()
     QTest::addColumn<bool>("stored"); // as the file was before the pane loaded
     QTest::addColumn<QString>("notification"); // posted when the box is switched on
     QTest::addColumn<QString>("offNotification");
-    QTest::newRow("visible") << "visibleCheckBox" << "visible" << "visible" << false << Notifications::Visible
-                             << Notifications::Visible;
-    QTest::newRow("checkUpdates") << "checkUpdatesCheckBox" << "checkUpdates" << "checkForUpdates" << true
-                                  << Notifications::HelperEnableUpdates << Notifications::HelperDisableUpdates;
-    QTest::newRow("runAtLogin") << "runAtLoginCheckBox" << "runAtLogin" << "autorunAtLogin" << true << QString()
-                                << QString();
+    QTest::newRow("visible") << "visibleCheckBox"
+                             << "visible"
+                             << "visible" << false << Notifications::Visible << Notifications::Visible;
+    QTest::newRow("checkUpdates") << "checkUpdatesCheckBox"
+                                  << "checkUpdates"
+                                  << "checkForUpdates" << true << Notifications::HelperEnableUpdates
+                                  << Notifications::HelperDisableUpdates;
+    QTest::newRow("runAtLogin") << "runAtLoginCheckBox"
+                                << "runAtLogin"
+                                << "autorunAtLogin" << true << QString() << QString();
 }
 
 void TestVantorPref::boxesGoThroughTheStore()
@@ -147,8 +155,9 @@ void TestVantorPref::boxesGoThroughTheStore()
         QCOMPARE(checkBox->isChecked(), on);
         // In the file the helper reads, under the file's own key.
         const QString onDisk = TestEnvironment::pythonPlist(m_env.productFolder() + QStringLiteral("/defaults.plist"));
-        QVERIFY2(onDisk.contains(QStringLiteral("'%1': %2").arg(key, on ? QStringLiteral("True") : QStringLiteral("False"))),
-                 qPrintable(onDisk));
+        QVERIFY2(
+            onDisk.contains(QStringLiteral("'%1': %2").arg(key, on ? QStringLiteral("True") : QStringLiteral("False"))),
+            qPrintable(onDisk));
         recorder.settle();
         const QString expected = on ? notification : offNotification;
         if (!expected.isEmpty())
@@ -216,7 +225,8 @@ void TestVantorPref::eachBubbleIsRemovedByItsOwnAnimation()
     pane().addBubble();
     const QList<BubbleLayer *> both = bubbles();
     QCOMPARE(both.size(), 2);
-    QTRY_VERIFY(both[0]->animationForKey(QStringLiteral("opacity")) && both[1]->animationForKey(QStringLiteral("opacity")));
+    QTRY_VERIFY(both[0]->animationForKey(QStringLiteral("opacity"))
+                && both[1]->animationForKey(QStringLiteral("opacity")));
     // The second's stop removes only the second, whatever the order.
     pane().animationDidStop(both[1]->animationForKey(QStringLiteral("opacity")), true);
     QCOMPARE(bubbles(), QList<BubbleLayer *>{both[0]});

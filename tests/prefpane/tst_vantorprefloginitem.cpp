@@ -31,7 +31,7 @@ class TestVantorPrefLoginItem : public QObject
 private:
     TestEnvironment m_env;
     RecordingAlerts m_alerts; // the stand-in bundle has no history model
-    QString m_helper;
+    const QString m_helper = m_env.root() + QStringLiteral("/with/Vantor.prefPane/Contents/Resources/VantorHelper.app");
     const QVariantMap m_mail = app(QStringLiteral("/usr/lib/Mail.app"));
     const QVariantMap m_notes = app(QStringLiteral("/opt/Notes.app"));
 
@@ -59,11 +59,7 @@ private:
     }
 
 private Q_SLOTS:
-    void init()
-    {
-        QFile::remove(listFile());
-        m_helper = m_env.root() + QStringLiteral("/with/Vantor.prefPane/Contents/Resources/VantorHelper.app");
-    }
+    void init() { QFile::remove(listFile()); }
 
     void enableAppendsAfterOthers()
     {
@@ -89,15 +85,6 @@ private Q_SLOTS:
         QCOMPARE(QFileInfo(listFile()).permissions() & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
     }
 
-    void disableRemovesEveryHelperEntry()
-    {
-        writeList({app(QStringLiteral("/old/place/VantorHelper.app")), m_mail, app(m_helper), m_notes});
-        auto p = pane(true);
-        QVERIFY(p->autorunAtLogin());
-        p->setAutorunAtLogin(false);
-        QCOMPARE(list(), QVariantList({m_mail, m_notes}));
-    }
-
     void regenerateLeavesOneFreshEntry()
     {
         writeList({app(QStringLiteral("/old/place/VantorHelper.app")), m_mail, app(m_helper)});
@@ -113,27 +100,6 @@ private Q_SLOTS:
         writeList({m_mail});
         p->regenerateAutologinItem();
         QCOMPARE(list(), QVariantList({m_mail}));
-    }
-
-    void presentValueWritesNothing_data()
-    {
-        QTest::addColumn<bool>("value");
-        QTest::newRow("on") << true;
-        QTest::newRow("off") << false;
-    }
-    void presentValueWritesNothing()
-    {
-        QFETCH(bool, value);
-        writeList(value ? QVariantList{m_mail, app(m_helper)} : QVariantList{m_mail});
-        struct stat before = {};
-        ::stat(QFile::encodeName(listFile()).constData(), &before);
-        auto p = pane(true);
-        QSignalSpy changed(p.get(), &VantorPref::autorunAtLoginChanged);
-        p->setAutorunAtLogin(value);
-        struct stat after = {};
-        ::stat(QFile::encodeName(listFile()).constData(), &after);
-        QCOMPARE(after.st_ino, before.st_ino); // an atomic write would have made a new file
-        QCOMPARE(changed.count(), 0);
     }
 
     void suffixRule_data()
@@ -153,19 +119,52 @@ private Q_SLOTS:
         QCOMPARE(pane(true)->autorunAtLogin(), matches);
     }
 
-    void noListStaysAbsent()
+    void setWritesOnlyAChange_data()
     {
-        auto p = pane(true);
-        p->setAutorunAtLogin(true);
-        QVERIFY(!p->autorunAtLogin());
-        QVERIFY(!QFileInfo::exists(listFile()));
+        QTest::addColumn<bool>("withList");
+        QTest::addColumn<QVariantList>("before");
+        QTest::addColumn<bool>("withHelper");
+        QTest::addColumn<bool>("value");
+        QTest::addColumn<QVariantList>("after");
+        QTest::addColumn<int>("changes");
+        const QVariantMap old = app(QStringLiteral("/old/place/VantorHelper.app")), helper = app(m_helper);
+        QTest::newRow("off removes every helper entry") << true << QVariantList{old, m_mail, helper, m_notes} << true
+                                                        << false << QVariantList{m_mail, m_notes} << 1;
+        QTest::newRow("no helper inside: an empty entry")
+            << true << QVariantList{m_mail} << false << true << QVariantList{m_mail, QVariantMap()} << 1;
+        QTest::newRow("on already") << true << QVariantList{m_mail, helper} << true << true
+                                    << QVariantList{m_mail, helper} << 0;
+        QTest::newRow("off already") << true << QVariantList{m_mail} << true << false << QVariantList{m_mail} << 0;
+        QTest::newRow("no list stays absent") << false << QVariantList() << true << true << QVariantList() << 0;
     }
-
-    void noHelperGivesEmptyEntry()
+    void setWritesOnlyAChange()
     {
-        writeList({m_mail});
-        pane(false)->setAutorunAtLogin(true);
-        QCOMPARE(list(), QVariantList({m_mail, QVariantMap()}));
+        QFETCH(bool, withList);
+        QFETCH(QVariantList, before);
+        QFETCH(bool, withHelper);
+        QFETCH(bool, value);
+        QFETCH(QVariantList, after);
+        QFETCH(int, changes);
+        if (withList)
+            writeList(before);
+        const auto inode = [this] {
+            struct stat st = {};
+            ::stat(QFile::encodeName(listFile()).constData(), &st);
+            return st.st_ino;
+        };
+        const ino_t was = inode();
+        auto p = pane(withHelper);
+        QSignalSpy changed(p.get(), &VantorPref::autorunAtLoginChanged);
+        p->setAutorunAtLogin(value);
+        QCOMPARE(list(), after);
+        QCOMPARE(QFileInfo::exists(listFile()), withList);
+        if (!withList) {
+            QVERIFY(!p->autorunAtLogin());
+            return;
+        }
+        QCOMPARE(changed.count(), changes);
+        if (!changes) // an atomic write would have made a new file
+            QCOMPARE(inode(), was);
     }
 
     void storeDrivesLoginItem()

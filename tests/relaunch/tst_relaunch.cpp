@@ -22,7 +22,8 @@ namespace {
 QString relaunchTool()
 {
     return TestEnvironment::paneBundle()
-        + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/Frameworks/Sparkle.framework/Resources/relaunch");
+        + QStringLiteral(
+               "/Contents/Resources/VantorHelper.app/Contents/Frameworks/Sparkle.framework/Resources/relaunch");
 }
 
 QList<int> processesWithToken(const QByteArray &token, const QString &executable = {})
@@ -64,7 +65,8 @@ void TestRelaunch::badArguments_data()
     QTest::newRow("no pid") << QStringList{QStringLiteral("/bin/true")} << 2;
     QTest::newRow("pid not a number") << QStringList{QStringLiteral("/bin/true"), QStringLiteral("12x")} << 2;
     QTest::newRow("pid negative") << QStringList{QStringLiteral("/bin/true"), QStringLiteral("-5")} << 2;
-    QTest::newRow("application missing") << QStringList{m_env.root() + QStringLiteral("/nothing"), QStringLiteral("1")} << 1;
+    QTest::newRow("application missing") << QStringList{m_env.root() + QStringLiteral("/nothing"), QStringLiteral("1")}
+                                         << 1;
 }
 
 void TestRelaunch::badArguments()
@@ -84,8 +86,9 @@ void TestRelaunch::startsAgainAsItWas()
     const QString marker = m_env.root() + QStringLiteral("/first-run");
     const QString record = m_env.root() + QStringLiteral("/second-run");
     const QString script = m_env.root() + QStringLiteral("/app.sh");
-    TestEnvironment::writeFile(script, "if [ -e \"$MARKER\" ]; then echo \"$* $FLAVOUR $(pwd)\" > \"$RECORD\"; exit 0; fi\n"
-                                       "touch \"$MARKER\"; sleep 0.5\n");
+    TestEnvironment::writeFile(script,
+                               "if [ -e \"$MARKER\" ]; then echo \"$* $FLAVOUR $(pwd)\" > \"$RECORD\"; exit 0; fi\n"
+                               "touch \"$MARKER\"; sleep 0.5\n");
     QProcess app;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("MARKER"), marker);
@@ -102,7 +105,8 @@ void TestRelaunch::startsAgainAsItWas()
     QVERIFY(tool.waitForFinished(10000));
     QCOMPARE(tool.exitCode(), 0);
     QVERIFY(app.state() == QProcess::NotRunning || app.waitForFinished(1000));
-    QTRY_COMPARE(TestEnvironment::readFile(record), QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
+    QTRY_COMPARE(TestEnvironment::readFile(record),
+                 QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
 }
 
 // The ended process's output was a pipe whose reader has gone too; the application started
@@ -110,8 +114,9 @@ void TestRelaunch::startsAgainAsItWas()
 void TestRelaunch::survivesClosedOutput()
 {
     const QString record = m_env.root() + QStringLiteral("/after-output");
-    const QString talker = script(m_env.root() + QStringLiteral("/talker.sh"),
-                                  "sleep 0.5\necho one line >&2\necho out\necho alive > '" + QFile::encodeName(record) + "'\n");
+    const QString talker =
+        script(m_env.root() + QStringLiteral("/talker.sh"),
+               "sleep 0.5\necho one line >&2\necho out\necho alive > '" + QFile::encodeName(record) + "'\n");
     {
         QProcess tool;
         // A process id that has already ended: the application starts at once.
@@ -140,8 +145,9 @@ void TestRelaunch::hostComesBackAfterUpdate()
         QSKIP("/tmp/relaunch already exists on this machine");
     const QString plantedRan = m_env.root() + QStringLiteral("/planted-ran");
     script(planted, "touch '" + QFile::encodeName(plantedRan) + "'\n");
-    QFile::setPermissions(planted, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther
-                                       | QFile::ExeOther | QFile::WriteOther);
+    QFile::setPermissions(planted,
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther | QFile::ExeOther
+                              | QFile::WriteOther);
     if (sharedTmp && ::geteuid() == 0)
         QVERIFY(::chown(QFile::encodeName(planted).constData(), 65534, 65534) == 0); // another user's
     auto removePlanted = qScopeGuard([&] {
@@ -173,7 +179,9 @@ void TestRelaunch::hostComesBackAfterUpdate()
 
     // Back as it was started, though it had gone before the tool could look at it.
     QMap<int, QList<QByteArray>> again;
-    QTRY_VERIFY_WITH_TIMEOUT(!(again = TestEnvironment::processesWithEnvironment(token, TestEnvironment::hostExecutable())).isEmpty(), 30000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        !(again = TestEnvironment::processesWithEnvironment(token, TestEnvironment::hostExecutable())).isEmpty(),
+        30000);
     QCOMPARE(again.size(), 1);
     QVERIFY(again.firstKey() != int(host.processId()));
     QCOMPARE(again.first().mid(1), (QList<QByteArray>{"--pane", QFile::encodeName(TestEnvironment::paneBundle())}));
