@@ -130,8 +130,6 @@ void TestHost::storedSettingsThroughStartUp_data()
     QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << m_allDefaults
                                       << "vantorHelperEnableUpdates";
     QTest::newRow("truncated") << inactive.left(60) << m_allDefaults << "vantorHelperEnableUpdates";
-    QTest::newRow("random bytes") << QByteArray::fromHex("deadbeef00112233445566") << m_allDefaults
-                                  << "vantorHelperEnableUpdates";
 }
 
 void TestHost::storedSettingsThroughStartUp()

@@ -1,12 +1,29 @@
+// What the folder table shows as text: sizes, their order, and names shortened to fit.
+
+#include "common/VTUtil.h"
+#include "prefpane/QFellipsis.h"
 #include "prefpane/VTSizeToPrettySizeTransformer.h"
 #include "prefpane/VTSortDescriptor.h"
-#include "common/VTUtil.h"
 
+#include <QApplication>
 #include <QTest>
 
 #include <clocale>
 
-class TestSizesAndSorting : public QObject
+namespace {
+
+// Ten points a character; line terminators take no room.
+qreal tenPerCharacter(QStringView text)
+{
+    qreal w = 0;
+    for (QChar c : text)
+        w += (c == u'\n' || c == u'\r' || c == QChar(0x2028) || c == QChar(0x2029) || c == QChar(0x0085)) ? 0 : 10;
+    return w;
+}
+
+} // namespace
+
+class TestTableText : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
@@ -94,7 +111,52 @@ private Q_SLOTS:
             QCOMPARE(d.compareObject(a, summary), -1);
         }
     }
+
+    void ellipsize_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<float>("width");
+        QTest::addColumn<QString>("expected");
+
+        QTest::newRow("fits") << "abc" << 30.f << "abc";
+        QTest::newRow("fits with its terminators") << "abc\ndef\r" << 60.f << "abc\ndef\r";
+        QTest::newRow("first replacement fits") << "abcdefgh" << 70.f << "abcd...";
+        QTest::newRow("several steps") << "abcdefgh" << 50.f << "ab...";
+        QTest::newRow("lone CR is re-inserted") << "abc\rdef" << 50.f << "abc\rdef";
+        QTest::newRow("LF stays in its line") << "abc\ndef" << 50.f << "abc\n\rdef";
+        QTest::newRow("CR LF stays in its line") << "abc\r\ndef" << 50.f << "abc\r\n\rdef";
+        QTest::newRow("line separator") << QStringLiteral("abc\u2028def") << 50.f << QStringLiteral("abc\u2028\rdef");
+        QTest::newRow("paragraph separator")
+            << QStringLiteral("abc\u2029def") << 50.f << QStringLiteral("abc\u2029\rdef");
+        QTest::newRow("next line") << QStringLiteral("abc\u0085def") << 50.f << QStringLiteral("abc\u0085\rdef");
+        QTest::newRow("exact line kept, neighbour cut") << "abcde\nabcdefgh" << 50.f << "abcde\n\rab...";
+        QTest::newRow("cannot fit stops at ellipsis") << "abcdef" << 10.f << "...";
+        QTest::newRow("short line too wide") << "ab" << 10.f << "...";
+        QTest::newRow("trailing CR") << "abc\r" << 20.f << "...";
+        QTest::newRow("empty, negative width") << "" << -5.f << "";
+    }
+
+    void ellipsize()
+    {
+        QFETCH(QString, text);
+        QFETCH(float, width);
+        QFETCH(QString, expected);
+        QFellipsis::ellipsizeToFitWidth(text, width, tenPerCharacter);
+        QCOMPARE(text, expected);
+    }
+
+    void realFontFits()
+    {
+        QFont font;
+        font.setPixelSize(11);
+        const QString path = QStringLiteral("/home/someone/Documents/Projects/A rather long folder name");
+        const QString shortened = QFellipsis::mutableEllipsizedStringFrom(path, font, 120.f);
+        QVERIFY(shortened.endsWith(QStringLiteral("...")));
+        QVERIFY(path.startsWith(shortened.chopped(3)));
+        QVERIFY(QFellipsis::width(shortened, font) <= 120.0);
+        QCOMPARE(QFellipsis::mutableEllipsizedStringFrom(path, font, 10000.f), path);
+    }
 };
 
-QTEST_GUILESS_MAIN(TestSizesAndSorting)
-#include "tst_sizesandsorting.moc"
+QTEST_MAIN(TestTableText)
+#include "tst_tabletext.moc"
