@@ -180,6 +180,7 @@ void TestHistoryUnderLoad::floodKeepsTheWindowPainting()
     animation.start(10);
     QTest::qWait(200);
     FrameClock frames(m_table.viewport());
+    QSignalSpy refreshed(controller(), &VTHistoryController::totalSavingsChanged);
 
     QCOMPARE(runWriter({u"flood"_s, storePath(), u"10000"_s, u"1000"_s}), 0);
     // The final figures: record 1 holds 10,000 instead of 1,000,000.
@@ -188,9 +189,12 @@ void TestHistoryUnderLoad::floodKeepsTheWindowPainting()
     QTest::qWait(300);
     animation.stop();
 
-    qInfo("longest gap between frames %lld ms", frames.longestGap);
+    qInfo("%lld refreshes, longest gap between frames %lld ms", static_cast<long long>(refreshed.count()),
+          frames.longestGap);
     QCOMPARE(inconsistency(total), QString());
     QVERIFY(m_alerts.modals.isEmpty() && m_alerts.errors.isEmpty());
+    // Notifications that arrive while a refresh is queued share it (about 80 refreshes here).
+    QVERIFY2(refreshed.count() < 2000, qPrintable(QString::number(refreshed.count())));
     // A generous bound that holds on a loaded machine and under the sanitizers; the README
     // gives the measured figure.
     QVERIFY2(frames.longestGap < 1000, qPrintable(QString::number(frames.longestGap)));
