@@ -16,6 +16,8 @@ packages=(
     btrfs-progs btrfs-compsize
     # fuzzing and sanitizers
     clang-14 libclang-rt-14-dev libfuzzer-14-dev
+    # the format check
+    clang-format
 )
 
 missing=()
