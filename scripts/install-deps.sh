@@ -18,6 +18,8 @@ packages=(
     desktop-file-utils appstream man-db
     # fuzzing and sanitizers
     clang-14 libclang-rt-14-dev libfuzzer-14-dev
+    # the format check
+    clang-format
 )
 
 missing=()

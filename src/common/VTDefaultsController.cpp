@@ -7,6 +7,8 @@
 #include "common/VTPreferenceCommunicator.h"
 #include "common/VTUtil.h"
 
+#include <utility>
+
 namespace {
 
 QRecursiveMutex g_lock;
@@ -23,6 +25,12 @@ VTDefaultsController *VTDefaultsController::create()
     if (made)
         made->setupDefaultValues();
     return made;
+}
+
+void VTDefaultsController::forgetSharedInstance()
+{
+    QMutexLocker locker(&g_lock);
+    delete std::exchange(g_shared, nullptr);
 }
 
 VTDefaultsController *VTDefaultsController::sharedDefaultsController()

@@ -30,6 +30,8 @@ public:
     // Allocation and initialisation: the first call makes the shared instance; every later
     // call returns null and touches nothing.
     static VTDefaultsController *create();
+    // Tests only: ends the shared instance, so the next call of create() makes one again.
+    static void forgetSharedInstance();
 
     QString defaultsFileName() const;
     void setupDefaultValues();

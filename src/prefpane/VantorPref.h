@@ -53,6 +53,8 @@ public:
     // Helper process control.
     void launchHelper();
     void warnOnWrongHelperPermissions();
+    // Test-only: lets the next launch warn again, as in a new run of the host.
+    static void forgetHelperPermissionsWarning();
     void toggleActive(QObject *sender);
     void setActiveButton(bool active, bool animated);
     void checkForUpdates(QObject *sender);

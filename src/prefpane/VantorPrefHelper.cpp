@@ -66,6 +66,11 @@ void VantorPref::warnOnWrongHelperPermissions()
     Alerts::shared()->beginSheet(host() ? host()->keyWindow() : nullptr, alert);
 }
 
+void VantorPref::forgetHelperPermissionsWarning()
+{
+    g_warnedOnHelperPermissions = false;
+}
+
 void VantorPref::toggleActive(QObject *sender)
 {
     if (!HelperLauncher::isRunning())

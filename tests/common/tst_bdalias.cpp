@@ -4,13 +4,14 @@
 #include "common/FSRef.h"
 #include "TestEnvironment.h"
 
-#include <QDataStream>
 #include <QDir>
 #include <QFile>
 #include <QTest>
 #include <QtEndian>
 
 #include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
 
 class TestBDAlias : public QObject
 {
@@ -32,7 +33,7 @@ private Q_SLOTS:
     void init()
     {
         // Realpath'd, since aliases report the kernel's own name for their target.
-        m_root = QDir(m_env.home()).canonicalPath() + QStringLiteral("/t");
+        m_root = QDir(m_env.home()).canonicalPath() + u"/t"_s;
         QDir(m_root).removeRecursively();
         make(QString());
         AliasResolver::setUseFileHandles(true);
@@ -58,9 +59,9 @@ private Q_SLOTS:
         QFETCH(QString, to);
         QFETCH(bool, fileHandles);
         AliasResolver::setUseFileHandles(fileHandles);
-        make(from + QStringLiteral("/inside"));
-        make(QStringLiteral("b/c"));
-        make(QStringLiteral("x/y"));
+        make(from + u"/inside"_s);
+        make(u"b/c"_s);
+        make(u"x/y"_s);
         auto alias = BDAlias::aliasWithPath(m_root + u'/' + from);
         QVERIFY(alias);
         const QByteArray before = alias->aliasData();
@@ -69,7 +70,7 @@ private Q_SLOTS:
         if (from != to) {
             QDir().mkpath(QFileInfo(m_root + u'/' + to).path());
             QVERIFY(QDir().rename(m_root + u'/' + from, m_root + u'/' + to));
-            QDir().rmpath(m_root + QStringLiteral("/a"));
+            QDir().rmpath(m_root + u"/a"_s);
         }
         QCOMPARE(alias->fullPath(), m_root + u'/' + to);
         QCOMPARE(alias->aliasData(), before);
@@ -78,11 +79,11 @@ private Q_SLOTS:
     void deletedFolderIsNone()
     {
         AliasResolver::setUseFileHandles(false);
-        const QString path = make(QStringLiteral("gone"));
+        const QString path = make(u"gone"_s);
         auto alias = BDAlias::aliasWithPath(path);
         QVERIFY(alias);
         QVERIFY(QDir(path).removeRecursively());
-        make(QStringLiteral("gone")); // same name, another folder
+        make(u"gone"_s); // same name, another folder
         QVERIFY(alias->fullPath().isNull());
     }
 
@@ -104,7 +105,7 @@ private Q_SLOTS:
         QByteArray reserved = good;
         reserved[7] = char(0x80);
         reserved = mended(reserved);
-        QTest::addRow("empty") << QByteArray("");
+        QTest::addRow("none") << QByteArray();
         QTest::addRow("garbage") << QByteArray("\x00\x01garbage that is no alias record at all", 40);
         QTest::addRow("one byte short") << good.chopped(1);
         QTest::addRow("one byte long") << good + 'x';
@@ -117,6 +118,7 @@ private Q_SLOTS:
         QFETCH(QByteArray, data);
         auto alias = BDAlias::aliasWithData(data);
         QVERIFY(alias);
+        QCOMPARE(bool(alias->alias()), !data.isNull());
         QVERIFY(alias->fullPath().isNull());
         QVERIFY(!alias->aliasInfo());
         QCOMPARE(alias->hash(), size_t(0));
@@ -125,7 +127,7 @@ private Q_SLOTS:
 
     void everyTruncationIsRejected()
     {
-        const QByteArray good = BDAlias::aliasWithPath(make(QStringLiteral("t")))->aliasData();
+        const QByteArray good = BDAlias::aliasWithPath(make(u"t"_s))->aliasData();
         QVERIFY(AliasRecord::fromBytes(good));
         for (qsizetype n = 0; n < good.size(); ++n)
             QVERIFY2(!AliasRecord::fromBytes(good.left(n)), qPrintable(QString::number(n)));
@@ -133,7 +135,7 @@ private Q_SLOTS:
 
     void volumeNotMountedIsNone()
     {
-        auto alias = BDAlias::aliasWithPath(make(QStringLiteral("v")));
+        auto alias = BDAlias::aliasWithPath(make(u"v"_s));
         std::optional<AliasRecord> rec = AliasRecord::fromBytes(alias->aliasData());
         QVERIFY(rec);
         rec->volumeUuid = "00000000-dead-beef-0000-000000000000";
@@ -146,89 +148,21 @@ private Q_SLOTS:
     void missingPathGivesError()
     {
         BDAlias::Error error;
-        QVERIFY(!BDAlias::aliasWithPath(m_root + QStringLiteral("/missing"), &error));
-        QCOMPARE(error.domain, QStringLiteral("NSOSStatusErrorDomain"));
+        QVERIFY(!BDAlias::aliasWithPath(m_root + u"/missing"_s, &error));
+        QCOMPARE(error.domain, u"NSOSStatusErrorDomain"_s);
         QCOMPARE(error.code, -43);
-        QVERIFY(!BDAlias::aliasWithPath(QStringLiteral("missing"), m_root));
-        QVERIFY(!BDAlias::aliasWithPath(QStringLiteral("t"), m_root + QStringLiteral("/missing")));
     }
 
-    void noData()
+    void info()
     {
-        auto alias = BDAlias::aliasWithData(QByteArray());
-        QVERIFY(alias);
-        QVERIFY(!alias->alias());
-        QVERIFY(alias->aliasData().isNull());
-        QVERIFY(alias->fullPath().isNull());
-        QVERIFY(!alias->aliasInfo());
-    }
-
-    void relativeAliasUsesGivenBase()
-    {
-        AliasResolver::setUseFileHandles(false);
-        const QString base = make(QStringLiteral("base"));
-        make(QStringLiteral("base/b"));
-        auto alias = BDAlias::aliasWithPath(QStringLiteral("b"), base);
-        QVERIFY(alias);
-        QCOMPARE(alias->fullPath(), base + QStringLiteral("/b"));
-        // A copy of the whole tree elsewhere: against the copy's base the alias means the copy.
-        const QString copy = make(QStringLiteral("copy/b"));
-        QCOMPARE(alias->fullPathRelativeToPath(m_root + QStringLiteral("/copy")), base + QStringLiteral("/b"));
-        Q_UNUSED(copy);
-        QVERIFY(alias->fullPathRelativeToPath(m_root + QStringLiteral("/nothing")).isNull());
-        QVERIFY(QDir().rename(base, m_root + QStringLiteral("/moved")));
-        QCOMPARE(alias->fullPathRelativeToPath(m_root + QStringLiteral("/moved")), m_root + QStringLiteral("/moved/b"));
-    }
-
-    void equalityFollowsPath()
-    {
-        const QString path = make(QStringLiteral("same"));
-        auto one = BDAlias::aliasWithPath(path);
-        auto two = BDAlias::aliasWithPath(path + QStringLiteral("/../same"));
-        auto relative = BDAlias::aliasWithPath(QStringLiteral("same"), m_root);
-        QVERIFY(one->aliasData() != relative->aliasData());
-        QVERIFY(*one == *two);
-        QVERIFY(*one == *relative);
-        QCOMPARE(qHash(*one), qHash(*relative));
-        BDAlias lost(QByteArray("lost"));
-        QVERIFY(!(lost == lost));
-        QVERIFY(!lost.isEqual(nullptr));
-    }
-
-    void archivingKeepsBytes()
-    {
-        auto alias = BDAlias::aliasWithPath(make(QStringLiteral("arch")));
-        QByteArray archive;
-        {
-            QDataStream out(&archive, QIODevice::WriteOnly);
-            alias->encodeWithCoder(out);
-        }
-        QDataStream in(archive);
-        BDAlias back(in);
-        QCOMPARE(back.aliasData(), alias->aliasData());
-    }
-
-    void infoAndDump()
-    {
-        const QString path = make(QStringLiteral("info"));
+        const QString path = make(u"info"_s);
         struct stat st = {};
         QCOMPARE(::stat(QFile::encodeName(path).constData(), &st), 0);
-        auto alias = BDAlias::aliasWithPath(path);
-        const std::optional<QVariantMap> info = alias->aliasInfo();
+        const std::optional<QVariantMap> info = BDAlias::aliasWithPath(path)->aliasInfo();
         QVERIFY(info);
-        QCOMPARE(info->size(), 13);
-        QCOMPARE(info->value("targetNameString").toString(), QStringLiteral("info"));
-        QCOMPARE(info->value("pathString").toString(), path);
-        QCOMPARE(info->value("nodeID").toUInt(), quint32(st.st_ino));
-        QCOMPARE(info->value("fileType").toUInt(), 0u);
-
-        QTest::ignoreMessage(QtInfoMsg, "Target name = 'info'");
-        QTest::ignoreMessage(QtInfoMsg, QRegularExpression("^Volume name = '.+'$"));
-        QTest::ignoreMessage(QtInfoMsg, qPrintable(QStringLiteral("Path        = ") + path));
-        QTest::ignoreMessage(QtInfoMsg, "Info bitmap = 00000072");
-        alias->dump();
-        QTest::ignoreMessage(QtInfoMsg, "FSCopyAliasInfo returned error -50");
-        BDAlias().dump();
+        QCOMPARE(info->value(u"targetNameString"_s).toString(), u"info"_s);
+        QCOMPARE(info->value(u"pathString"_s).toString(), path);
+        QCOMPARE(info->value(u"nodeID"_s).toUInt(), quint32(st.st_ino));
     }
 };
 

@@ -37,12 +37,9 @@ class TestVTExclusionRules : public QObject
 private Q_SLOTS:
     void matching_data();
     void matching();
-    void ruleTypes_data();
-    void ruleTypes();
     void oddEntriesAreSkippedWithAMessage();
-    void twoFiles_data();
-    void twoFiles();
-    void sharedInstance();
+    void loading_data();
+    void loading();
     void shippedRules();
     void randomisedAgainstLinearScan();
 
@@ -102,51 +99,8 @@ void TestVTExclusionRules::matching()
 
     VTExclusionRules rules;
     addRule(rules, kind, pattern);
-    const bool byKind[] = {rules.suffixRuleMatchedForPath(path), rules.prefixRuleMatchedForPath(path),
-                           rules.componentRuleMatchedForPath(path), rules.exactRuleMatchedForPath(path)};
-    QCOMPARE(byKind[kind], excluded);
     QCOMPARE(rules.mustExclude(path), excluded);
     QCOMPARE(rules.mustExcludeByLinearScan(path), excluded);
-}
-
-void TestVTExclusionRules::ruleTypes_data()
-{
-    QTest::addColumn<QVariant>("ruleType");
-    QTest::addColumn<bool>("used");
-
-    QTest::newRow("Exclude") << QVariant(QStringLiteral("Exclude")) << true;
-    QTest::newRow("other word") << QVariant(QStringLiteral("Include")) << false;
-    QTest::newRow("other case") << QVariant(QStringLiteral("exclude")) << false;
-    QTest::newRow("trailing blank") << QVariant(QStringLiteral("Exclude ")) << false;
-    QTest::newRow("number") << QVariant(qint64(1)) << false;
-    QTest::newRow("missing") << QVariant() << false;
-}
-
-void TestVTExclusionRules::ruleTypes()
-{
-    QFETCH(QVariant, ruleType);
-    QFETCH(bool, used);
-
-    // One dictionary with all four pattern keys and one the loader does not know.
-    QVariantMap rule{{QStringLiteral("PathEndsWithString"), QStringLiteral(".log")},
-                     {QStringLiteral("PathBeginsWithString"), QStringLiteral("/var/")},
-                     {QStringLiteral("PathContainsString"), QStringLiteral("/tmp/")},
-                     {QStringLiteral("PathExactlyEqualsString"), QStringLiteral("/etc/fstab")},
-                     {QStringLiteral("PathMatchesRegex"), QStringLiteral(".*")}};
-    if (ruleType.isValid())
-        rule.insert(QStringLiteral("RuleType"), ruleType);
-    const QString file = m_env.root() + QStringLiteral("/types.plist");
-    QVERIFY(PropertyList::writeFile(file, QVariantList{rule}));
-
-    VTExclusionRules rules;
-    rules.loadRulesAt(file);
-    const qsizetype one = used ? 1 : 0;
-    QCOMPARE(rules.suffixRules().size(), one);
-    QCOMPARE(rules.prefixRules().size(), one);
-    QCOMPARE(rules.componentRules().size(), one);
-    QCOMPARE(rules.exactRules().size(), one);
-    QCOMPARE(rules.mustExclude(QStringLiteral("/var/x")), used);
-    QVERIFY(!rules.mustExclude(QStringLiteral("/home/.*")));
 }
 
 void TestVTExclusionRules::oddEntriesAreSkippedWithAMessage()
@@ -165,31 +119,53 @@ void TestVTExclusionRules::oddEntriesAreSkippedWithAMessage()
     QCOMPARE(rules.prefixRules(), QSet<QString>{QStringLiteral("/kept/")});
 }
 
-void TestVTExclusionRules::twoFiles_data()
+void TestVTExclusionRules::loading_data()
 {
     QTest::addColumn<QByteArray>("systemFile"); // "-": no file
     QTest::addColumn<QByteArray>("bundleFile");
-    QTest::addColumn<QStringList>("prefixes");
+    QTest::addColumn<QStringList>("loaded"); // "<kind> <pattern>", sorted
 
     const QByteArray a = PropertyList::toXml(QVariantList{excludeRule("PathBeginsWithString", QStringLiteral("/a/"))});
     const QByteArray b = PropertyList::toXml(QVariantList{excludeRule("PathBeginsWithString", QStringLiteral("/b/")),
                                                           excludeRule("PathBeginsWithString", QStringLiteral("/a/"))});
     const QByteArray dictRoot = PropertyList::toXml(excludeRule("PathBeginsWithString", QStringLiteral("/d/")));
+    const QStringList onlyA{QStringLiteral("prefix /a/")};
 
     QTest::newRow("both missing") << QByteArray("-") << QByteArray("-") << QStringList();
-    QTest::newRow("system only") << a << QByteArray("-") << QStringList{QStringLiteral("/a/")};
-    QTest::newRow("bundle only") << QByteArray("-") << a << QStringList{QStringLiteral("/a/")};
-    QTest::newRow("same pattern in both stored once") << a << b << QStringList{QStringLiteral("/a/"), QStringLiteral("/b/")};
-    QTest::newRow("dictionary root, other still read") << dictRoot << a << QStringList{QStringLiteral("/a/")};
-    QTest::newRow("not a property list") << QByteArray("<plist><array><dict>") << a << QStringList{QStringLiteral("/a/")};
-    QTest::newRow("empty file") << a << QByteArray() << QStringList{QStringLiteral("/a/")};
+    QTest::newRow("system only") << a << QByteArray("-") << onlyA;
+    QTest::newRow("bundle only") << QByteArray("-") << a << onlyA;
+    QTest::newRow("same pattern in both stored once") << a << b << QStringList{QStringLiteral("prefix /a/"), QStringLiteral("prefix /b/")};
+    QTest::newRow("dictionary root, other still read") << dictRoot << a << onlyA;
+    QTest::newRow("not a property list") << QByteArray("<plist><array><dict>") << a << onlyA;
+    QTest::newRow("empty file") << a << QByteArray() << onlyA;
+
+    // One dictionary with all four pattern keys and one the loader does not know, under each
+    // rule type: only "Exclude" is used.
+    const QVariantMap rule{{QStringLiteral("PathEndsWithString"), QStringLiteral(".log")},
+                           {QStringLiteral("PathBeginsWithString"), QStringLiteral("/var/")},
+                           {QStringLiteral("PathContainsString"), QStringLiteral("/tmp/")},
+                           {QStringLiteral("PathExactlyEqualsString"), QStringLiteral("/etc/fstab")},
+                           {QStringLiteral("PathMatchesRegex"), QStringLiteral(".*")}};
+    const QStringList all{QStringLiteral("component /tmp/"), QStringLiteral("exact /etc/fstab"),
+                          QStringLiteral("prefix /var/"), QStringLiteral("suffix .log")};
+    const std::pair<const char *, QVariant> types[] = {
+        {"Exclude", QStringLiteral("Exclude")}, {"other word", QStringLiteral("Include")},
+        {"other case", QStringLiteral("exclude")}, {"trailing blank", QStringLiteral("Exclude ")},
+        {"number", qint64(1)}, {"missing", QVariant()}};
+    for (const auto &[tag, type] : types) {
+        QVariantMap typed = rule;
+        if (type.isValid())
+            typed.insert(QStringLiteral("RuleType"), type);
+        QTest::newRow(tag) << QByteArray("-") << PropertyList::toXml(QVariantList{typed})
+                           << (type == QVariant(QStringLiteral("Exclude")) ? all : QStringList());
+    }
 }
 
-void TestVTExclusionRules::twoFiles()
+void TestVTExclusionRules::loading()
 {
     QFETCH(QByteArray, systemFile);
     QFETCH(QByteArray, bundleFile);
-    QFETCH(QStringList, prefixes);
+    QFETCH(QStringList, loaded);
 
     const QString dir = m_env.root() + u'/' + QString::fromLatin1(QTest::currentDataTag()).replace(u' ', u'_');
     const QString systemPath = dir + QStringLiteral("/System/SystemCompressionRules.plist");
@@ -205,29 +181,18 @@ void TestVTExclusionRules::twoFiles()
     rules.loadExclusionRules(); // no message expected: Qt Test fails on unexpected warnings below
     VTExclusionRules::setRuleFileLocations(QString(), QString());
 
-    QStringList loaded = rules.prefixRules().values();
-    loaded.sort();
-    QCOMPARE(loaded, prefixes);
-    QCOMPARE(rules.mustExclude(QStringLiteral("/a/x")), prefixes.contains(QStringLiteral("/a/")));
-    for (const QString &path : {QString(), QStringLiteral("/"), QStringLiteral("/d/x"), QStringLiteral("/home/u")})
+    QStringList found;
+    for (const auto &[kind, set] : {std::pair{"component ", &rules.componentRules()}, {"exact ", &rules.exactRules()},
+                                     {"prefix ", &rules.prefixRules()}, {"suffix ", &rules.suffixRules()}}) {
+        for (const QString &pattern : *set)
+            found << QLatin1String(kind) + pattern;
+    }
+    found.sort();
+    QCOMPARE(found, loaded);
+    QCOMPARE(rules.mustExclude(QStringLiteral("/a/x")), loaded.contains(QStringLiteral("prefix /a/")));
+    QCOMPARE(rules.mustExclude(QStringLiteral("/var/x")), loaded.contains(QStringLiteral("prefix /var/")));
+    for (const QString &path : {QString(), QStringLiteral("/"), QStringLiteral("/d/x"), QStringLiteral("/home/.*")})
         QVERIFY2(!rules.mustExclude(path), qPrintable(path));
-}
-
-void TestVTExclusionRules::sharedInstance()
-{
-    const QString resources = m_env.root() + QStringLiteral("/SharedResources");
-    QVERIFY(QDir().mkpath(resources));
-    QVERIFY(PropertyList::writeFile(resources + QStringLiteral("/ExclusionRules.plist"),
-                                    QVariantList{excludeRule("PathEndsWithString", QStringLiteral(".iso"))}));
-    VTExclusionRules::setRuleFileLocations(m_env.root() + QStringLiteral("/none.plist"), resources);
-
-    VTExclusionRules *shared = VTExclusionRules::sharedExclusionRules();
-    QVERIFY(shared);
-    QCOMPARE(VTExclusionRules::sharedExclusionRules(), shared);
-    QCOMPARE(VTExclusionRules::create(), nullptr);
-    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/disk.iso")));
-    QVERIFY(!VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/disk.iso.txt")));
-    VTExclusionRules::setRuleFileLocations(QString(), QString());
 }
 
 void TestVTExclusionRules::shippedRules()
@@ -240,21 +205,21 @@ void TestVTExclusionRules::shippedRules()
     QVERIFY2(!python.startsWith(QLatin1String("ERROR")), qPrintable(python));
     const qsizetype entries = python.count(QLatin1String("'RuleType': 'Exclude'"));
 
+    // The shared instance, which callers ask, loads them.
     VTExclusionRules::setRuleFileLocations(m_env.root() + QStringLiteral("/none.plist"), resources);
-    VTExclusionRules rules;
-    rules.loadExclusionRules();
+    const VTExclusionRules *rules = VTExclusionRules::sharedExclusionRules();
     VTExclusionRules::setRuleFileLocations(QString(), QString());
     QVERIFY(entries > 20);
-    QCOMPARE(rules.suffixRules().size() + rules.prefixRules().size() + rules.componentRules().size()
-                 + rules.exactRules().size(),
+    QCOMPARE(rules->suffixRules().size() + rules->prefixRules().size() + rules->componentRules().size()
+                 + rules->exactRules().size(),
              entries);
 
-    QVERIFY(rules.mustExclude(QStringLiteral("/home/u/.cache/thumbnails/large/x.png")));
-    QVERIFY(rules.mustExclude(QStringLiteral("/home/u/.local/share/Vantor/history.db")));
-    QVERIFY(rules.mustExclude(QStringLiteral("/home/u/Downloads/linux.tar.xz")));
-    QVERIFY(rules.mustExclude(QStringLiteral("/var/lib/dpkg/status")));
-    QVERIFY(!rules.mustExclude(QStringLiteral("/home/u/Documents/notes.txt")));
-    QVERIFY(!rules.mustExclude(QStringLiteral("/home/u/src/project/main.cpp")));
+    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/.cache/thumbnails/large/x.png")));
+    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/.local/share/Vantor/history.db")));
+    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/Downloads/linux.tar.xz")));
+    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/var/lib/dpkg/status")));
+    QVERIFY(!VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/Documents/notes.txt")));
+    QVERIFY(!VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/src/project/main.cpp")));
 }
 
 void TestVTExclusionRules::randomisedAgainstLinearScan()

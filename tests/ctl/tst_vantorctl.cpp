@@ -243,7 +243,9 @@ void TestVantorCtl::compressesThroughTheCommandLine()
     const QString report = QString::fromUtf8(compsize.readAllStandardOutput());
     const QStringList total = report.section(u"TOTAL"_s, 1).split(u' ', Qt::SkipEmptyParts);
     QVERIFY2(total.size() >= 3 && report.contains(u"zstd"_s), qPrintable(report));
-    QCOMPARE(savings, total.at(2).toLongLong() - total.at(1).toLongLong());
+    // The helper's zstd model, counted for what btrfs stored compressed, within 1% of the disk.
+    const qint64 freed = total.at(2).toLongLong() - total.at(1).toLongLong();
+    QVERIFY2(freed > 0 && qAbs(savings - freed) <= freed / 100, qPrintable(report));
 }
 
 QTEST_GUILESS_MAIN(TestVantorCtl)

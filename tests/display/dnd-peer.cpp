@@ -23,7 +23,11 @@ void report(const QByteArray &line)
 class Peer : public QWidget
 {
 public:
-    explicit Peer(QList<QUrl> urls) : m_urls(std::move(urls)) { setAcceptDrops(true); }
+    explicit Peer(QList<QUrl> urls)
+        : m_urls(std::move(urls))
+    {
+        setAcceptDrops(true);
+    }
 
 protected:
     void showEvent(QShowEvent *) override { report("ready"); }
@@ -38,9 +42,9 @@ protected:
         data->setUrls(m_urls);
         drag->setMimeData(data);
         const Qt::DropAction result = drag->exec(Qt::CopyAction | Qt::MoveAction | Qt::LinkAction);
-        report(result == Qt::IgnoreAction ? "result ignore"
-               : result == Qt::CopyAction ? "result copy"
-                                          : "result other");
+        report(result == Qt::IgnoreAction     ? "result ignore"
+                   : result == Qt::CopyAction ? "result copy"
+                                              : "result other");
         m_dragging = false;
     }
 

@@ -83,8 +83,10 @@ QVariant value(FuzzInput &in, int depth)
     }
     case 10: {
         QVariantMap map;
-        for (int i = in.byte() % 4; i > 0; --i)
-            map.insert(path(in), value(in, depth + 1));
+        for (int i = in.byte() % 4; i > 0; --i) {
+            const QString key = path(in); // read before the value, whichever order a compiler takes
+            map.insert(key, value(in, depth + 1));
+        }
         return map;
     }
     default: {
@@ -156,9 +158,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzInput in(data, size);
     QVariantMap userInfo;
-    for (int i = in.byte() % 4; i > 0; --i)
-        userInfo.insert(key(in), value(in, 0));
-    g_requests->handle(userInfo);
+    for (int i = in.byte() % 4; i > 0; --i) {
+        const QString name = key(in); // read before the value, whichever order a compiler takes
+        userInfo.insert(name, value(in, 0));
+    }
+    std::fprintf(stderr, "DBG %s\n", qPrintable(g_requests->handle(userInfo).left(300)));
     QCoreApplication::processEvents();
 
     QSet<QString> folders;

@@ -29,8 +29,10 @@ QVariantMap dictionary(FuzzInput &in, int depth)
 {
     QVariantMap map;
     const int n = in.byte() % 8;
-    for (int i = 0; i < n; ++i)
-        map.insert(QString::fromUtf8(in.bytes(in.byte() % 16)), value(in, depth + 1));
+    for (int i = 0; i < n; ++i) {
+        const QString key = QString::fromUtf8(in.bytes(in.byte() % 16)); // before the value, on every compiler
+        map.insert(key, value(in, depth + 1));
+    }
     return map;
 }
 

@@ -3,10 +3,10 @@
 // whatever is read must be written back and read again as the same value.
 #include "platform/PropertyList.h"
 
+#include <QDateTime>
 #include <QDebug>
 
-#include <QDateTime>
-
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <cstdio>
@@ -30,24 +30,10 @@ bool same(const QVariant &a, const QVariant &b)
     }
     case QMetaType::QVariantList: {
         const QVariantList x = a.toList(), y = b.toList();
-        if (x.size() != y.size())
-            return false;
-        for (qsizetype i = 0; i < x.size(); ++i) {
-            if (!same(x.at(i), y.at(i)))
-                return false;
-        }
-        return true;
+        return std::equal(x.cbegin(), x.cend(), y.cbegin(), y.cend(), same);
     }
-    case QMetaType::QVariantMap: {
-        const QVariantMap x = a.toMap(), y = b.toMap();
-        if (x.keys() != y.keys())
-            return false;
-        for (auto it = x.cbegin(); it != x.cend(); ++it) {
-            if (!same(it.value(), y.value(it.key())))
-                return false;
-        }
-        return true;
-    }
+    case QMetaType::QVariantMap:
+        return a.toMap().keys() == b.toMap().keys() && same(a.toMap().values(), b.toMap().values());
     default:
         return a == b;
     }

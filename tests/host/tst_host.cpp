@@ -1,7 +1,10 @@
 #include "NotificationRecorder.h"
-#include "platform/PropertyList.h"
 #include "TestEnvironment.h"
+#include "common/HelperIdentity.h"
+#include "platform/PropertyList.h"
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QImage>
 #include <QProcess>
@@ -15,7 +18,8 @@ class TestHost : public QObject
 
 private Q_SLOTS:
     void init();
-    void screenshotAfterStartUp();
+    void cleanup();
+    void installedHostStartsItsPane();
     void storedSettingsThroughStartUp_data();
     void storedSettingsThroughStartUp();
     void brokenPaneIsOneLineAndExitOne_data();
@@ -25,6 +29,7 @@ private Q_SLOTS:
     void secondStartLaunchesNoSecondHelper();
     void faultsAreReportedNotFatal_data();
     void faultsAreReportedNotFatal();
+    void survivesClosedOutput();
 
 private:
     struct Run {
@@ -33,16 +38,35 @@ private:
         QString err;
     };
     QProcessEnvironment environment() const;
-    Run runHost(const QStringList &args, const QProcessEnvironment &env);
-    Run screenshot(const QProcessEnvironment &env);
+    Run runHost(const QStringList &args, const QProcessEnvironment &env,
+                const QString &host = TestEnvironment::hostExecutable());
+    Run screenshot(const QProcessEnvironment &env)
+    {
+        return runHost({QStringLiteral("--pane"), TestEnvironment::paneBundle(), QStringLiteral("--screenshot"),
+                        m_home->path() + QStringLiteral("/x.png")},
+                       env);
+    }
     QString defaultsFile() const { return m_home->path() + QStringLiteral("/.local/share/Vantor/defaults.plist"); }
+    static bool helperOwnsItsName()
+    {
+        return QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName());
+    }
 
     std::unique_ptr<QTemporaryDir> m_home;
+    const QString m_allDefaults = QStringLiteral("{'active': True, 'checkUpdates': True, 'firstRun': False, "
+                                                 "'folderAliases': [], 'runAtLogin': True, 'visible': True}");
 };
 
 void TestHost::init()
 {
     m_home = std::make_unique<QTemporaryDir>();
+}
+
+void TestHost::cleanup()
+{
+    // A host with the pane leaves its helper running.
+    TestEnvironment::postWithGdbus(QStringLiteral("vantorHelperShouldQuit"));
+    QTRY_VERIFY(!helperOwnsItsName());
 }
 
 QProcessEnvironment TestHost::environment() const
@@ -55,40 +79,39 @@ QProcessEnvironment TestHost::environment() const
     return env;
 }
 
-TestHost::Run TestHost::runHost(const QStringList &args, const QProcessEnvironment &env)
+TestHost::Run TestHost::runHost(const QStringList &args, const QProcessEnvironment &env, const QString &program)
 {
     QProcess host;
     host.setProcessEnvironment(env);
-    host.start(TestEnvironment::hostExecutable(), args);
+    host.start(program, args);
     if (!host.waitForFinished(60000))
         host.kill();
     return {host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1,
             QString::fromUtf8(host.readAllStandardOutput()), QString::fromUtf8(host.readAllStandardError())};
 }
 
-TestHost::Run TestHost::screenshot(const QProcessEnvironment &env)
+void TestHost::installedHostStartsItsPane()
 {
-    return runHost({QStringLiteral("--pane"), TestEnvironment::paneBundle(), QStringLiteral("--screenshot"),
-                    m_home->path() + QStringLiteral("/x.png")},
-                   env);
-}
-
-void TestHost::screenshotAfterStartUp()
-{
+    // Installed for this user, where the host looks first.
+    const QString prefix = m_home->path() + QStringLiteral("/.local");
+    QCOMPARE(QProcess::execute(QStringLiteral("cmake"),
+                               {QStringLiteral("--install"), qEnvironmentVariable("VANTOR_BUILD_DIR"),
+                                QStringLiteral("--prefix"), prefix}),
+             0);
     NotificationRecorder recorder;
-    const Run run = screenshot(environment());
-    QCOMPARE(run.exitCode, 0);
     const QString png = m_home->path() + QStringLiteral("/x.png");
+    const Run run = runHost({QStringLiteral("--screenshot"), png}, environment(),
+                            prefix + QStringLiteral("/bin/vantor-preferences"));
+    QCOMPARE(run.exitCode, 0);
     QCOMPARE(run.out.trimmed(), QStringLiteral("vantor-preferences: wrote %1").arg(png));
     QImage image(png);
     QVERIFY(image.width() >= 700 && image.height() >= 400);
 
     recorder.settle();
-    QCOMPARE(recorder.names(), QStringList({"com.quillfen.vantor.version", "vantorHelperEnableUpdates"}));
-    QCOMPARE(recorder.userInfos().first().value("version").toString(), QStringLiteral("1.0.0"));
-    QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()),
-             QStringLiteral("{'active': True, 'checkUpdates': True, 'firstRun': False, 'folderAliases': [], "
-                            "'runAtLogin': True, 'visible': True}"));
+    QCOMPARE(recorder.names(),
+             QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
+    QCOMPARE(recorder.userInfos().first().value(QStringLiteral("version")).toString(), QStringLiteral("1.0.0"));
+    QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()), m_allDefaults);
 }
 
 void TestHost::storedSettingsThroughStartUp_data()
@@ -97,17 +120,16 @@ void TestHost::storedSettingsThroughStartUp_data()
     QTest::addColumn<QString>("after");
     QTest::addColumn<QString>("updateNotification");
 
-    const QString allDefaults = QStringLiteral("{'active': True, 'checkUpdates': True, 'firstRun': False, "
-                                               "'folderAliases': [], 'runAtLogin': True, 'visible': True}");
-    const QByteArray inactive = PropertyList::toXml(QVariantMap{{"active", false}});
+    const QByteArray inactive = PropertyList::toXml(QVariantMap{{QStringLiteral("active"), false}});
     QTest::newRow("only active") << inactive << "{'active': False, 'checkUpdates': True, 'firstRun': False}"
                                  << "vantorHelperEnableUpdates";
-    QTest::newRow("updates off") << PropertyList::toXml(QVariantMap{{"checkUpdates", false}, {"firstRun", false}})
-                                 << "{'checkUpdates': False, 'firstRun': False}" << "vantorHelperDisableUpdates";
-    QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << allDefaults << "vantorHelperEnableUpdates";
-    QTest::newRow("truncated") << inactive.left(60) << allDefaults << "vantorHelperEnableUpdates";
-    QTest::newRow("random bytes") << QByteArray::fromHex("deadbeef00112233445566") << allDefaults
-                                  << "vantorHelperEnableUpdates";
+    QTest::newRow("updates off") << PropertyList::toXml(
+        QVariantMap{{QStringLiteral("checkUpdates"), false}, {QStringLiteral("firstRun"), false}})
+                                 << "{'checkUpdates': False, 'firstRun': False}"
+                                 << "vantorHelperDisableUpdates";
+    QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << m_allDefaults
+                                      << "vantorHelperEnableUpdates";
+    QTest::newRow("truncated") << inactive.left(60) << m_allDefaults << "vantorHelperEnableUpdates";
 }
 
 void TestHost::storedSettingsThroughStartUp()
@@ -138,15 +160,15 @@ void TestHost::brokenPaneIsOneLineAndExitOne()
     QFETCH(QString, layout);
     const QString pane = m_home->path() + QStringLiteral("/Broken.prefPane");
     const QString info = pane + QStringLiteral("/Contents/Info.plist");
-    const QByteArray goodInfo = TestEnvironment::readFile(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"));
     if (layout != QLatin1String("missing"))
         QDir().mkpath(pane + QStringLiteral("/Contents/Linux"));
     if (layout == QLatin1String("garbage"))
         TestEnvironment::writeFile(info, "<plist><dict><key>");
     if (layout == QLatin1String("nolib") || layout == QLatin1String("notpane"))
-        TestEnvironment::writeFile(info, goodInfo);
+        QFile::copy(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"), info);
     if (layout == QLatin1String("notpane"))
-        QFile::copy(QStringLiteral(VANTOR_COMMON_LIBRARY_FILE), pane + QStringLiteral("/Contents/Linux/libVantorPref.so"));
+        QFile::copy(QStringLiteral(VANTOR_COMMON_LIBRARY_FILE),
+                    pane + QStringLiteral("/Contents/Linux/libVantorPref.so"));
 
     const Run run = runHost({QStringLiteral("--pane"), pane}, environment());
     QCOMPARE(run.exitCode, 1);
@@ -158,7 +180,8 @@ void TestHost::brokenPaneIsOneLineAndExitOne()
 
 void TestHost::noPaneInstalledSaysSo()
 {
-    const Run run = runHost({QStringLiteral("--screenshot"), m_home->path() + QStringLiteral("/none.png")}, environment());
+    const Run run =
+        runHost({QStringLiteral("--screenshot"), m_home->path() + QStringLiteral("/none.png")}, environment());
     QCOMPARE(run.exitCode, 0);
     QVERIFY2(run.err.contains(QStringLiteral("no Vantor pane is installed")), qPrintable(run.err));
     QVERIFY(QFile::exists(m_home->path() + QStringLiteral("/none.png")));
@@ -182,20 +205,20 @@ void TestHost::quitNotificationFromAnotherProcess()
 
 void TestHost::secondStartLaunchesNoSecondHelper()
 {
+    const auto helpers = [] { return TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).keys(); };
     QCOMPARE(screenshot(environment()).exitCode, 0);
-    QTRY_COMPARE(TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).size(), 1);
-    const auto helpers = TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable());
-    const int first = helpers.firstKey();
+    QTRY_COMPARE(helpers().size(), 1);
+    const QList<int> first = helpers();
     // Started by its clean path, holding nothing of the host's: a host run through a pipe
     // would otherwise wait for the helper to end.
-    QCOMPARE(helpers.first().first(), QFile::encodeName(TestEnvironment::helperExecutable()));
+    QCOMPARE(TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).first().first(),
+             QFile::encodeName(TestEnvironment::helperExecutable()));
     for (int fd : {0, 1})
-        QCOMPARE(QFileInfo(QStringLiteral("/proc/%1/fd/%2").arg(first).arg(fd)).symLinkTarget(), QStringLiteral("/dev/null"));
+        QCOMPARE(QFileInfo(QStringLiteral("/proc/%1/fd/%2").arg(first.first()).arg(fd)).symLinkTarget(),
+                 QStringLiteral("/dev/null"));
     QCOMPARE(screenshot(environment()).exitCode, 0);
     QTest::qWait(500);
-    QCOMPARE(TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).keys(), QList<int>{first});
-    TestEnvironment::postWithGdbus(QStringLiteral("vantorHelperShouldQuit"));
-    QTRY_VERIFY(TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).isEmpty());
+    QCOMPARE(helpers(), first);
 }
 
 void TestHost::faultsAreReportedNotFatal_data()
@@ -225,6 +248,18 @@ void TestHost::faultsAreReportedNotFatal()
     const Run run = screenshot(env);
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(run.err.count(expectedLine), fault == QLatin1String("nobus") ? 1 : 3);
+}
+
+// Started by a program that has gone (as before a relaunch): its output is a pipe nobody reads.
+void TestHost::survivesClosedOutput()
+{
+    QProcess shell;
+    shell.setProcessEnvironment(environment());
+    shell.start(QStringLiteral("bash"),
+                {QStringLiteral("-c"), QStringLiteral("set -o pipefail; \"$0\" --screenshot \"$1\" 2>&1 | true"),
+                 TestEnvironment::hostExecutable(), m_home->path() + QStringLiteral("/x.png")});
+    QVERIFY(shell.waitForFinished(60000));
+    QCOMPARE(shell.exitCode(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestHost)

@@ -35,11 +35,11 @@ void TestHostWindow::lifecycleFollowsTheWindow_data()
 {
     QTest::addColumn<QString>("action");
     QTest::addColumn<QStringList>("calls");
-    QTest::newRow("shown") << "show" << QStringList{"load", "select"};
-    QTest::newRow("hidden") << "hide" << QStringList{"load", "select", "unselect"};
-    QTest::newRow("minimised") << "minimise" << QStringList{"load", "select", "unselect"};
-    QTest::newRow("restored") << "restore" << QStringList{"load", "select", "unselect", "select"};
-    QTest::newRow("shown twice") << "show twice" << QStringList{"load", "select"};
+    QTest::newRow("shown") << "show" << QStringList{QStringLiteral("load"), QStringLiteral("select")};
+    QTest::newRow("hidden") << "hide" << QStringList{QStringLiteral("load"), QStringLiteral("select"), QStringLiteral("unselect")};
+    QTest::newRow("minimised") << "minimise" << QStringList{QStringLiteral("load"), QStringLiteral("select"), QStringLiteral("unselect")};
+    QTest::newRow("restored") << "restore" << QStringList{QStringLiteral("load"), QStringLiteral("select"), QStringLiteral("unselect"), QStringLiteral("select")};
+    QTest::newRow("shown twice") << "show twice" << QStringList{QStringLiteral("load"), QStringLiteral("select")};
 }
 
 void TestHostWindow::lifecycleFollowsTheWindow()
@@ -50,7 +50,7 @@ void TestHostWindow::lifecycleFollowsTheWindow()
     HostWindow window;
     pane.initWithBundle(nullptr, &window);
     window.showPane(&pane);
-    QCOMPARE(pane.calls, QStringList{"load"}); // loaded once, before it is shown
+    QCOMPARE(pane.calls, QStringList{QStringLiteral("load")}); // loaded once, before it is shown
     window.show();
     if (action == QLatin1String("show twice"))
         window.show();

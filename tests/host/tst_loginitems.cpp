@@ -25,28 +25,18 @@ private:
         const QString app = m_env.root() + QStringLiteral("/apps/") + name + QStringLiteral(".app");
         QDir().mkpath(app + QStringLiteral("/Contents/MacOS"));
         PropertyList::writeFile(app + QStringLiteral("/Contents/Info.plist"),
-                                QVariantMap{{"CFBundleExecutable", name}, {"CFBundleIdentifier", "test." + name}});
+                                QVariantMap{{QStringLiteral("CFBundleExecutable"), name}, {QStringLiteral("CFBundleIdentifier"), QStringLiteral("test.") + name}});
         const QString exe = app + QStringLiteral("/Contents/MacOS/") + name;
         const QString marker = markers() + u'/' + name;
-        TestEnvironment::writeFile(exe, QStringLiteral("#!/bin/sh\necho \"$$ ${QT_QPA_PLATFORM:-none}\" > '%1.tmp' && mv '%1.tmp' '%1'\n")
-                                            .arg(marker).toUtf8());
-        QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                                       | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+        TestEnvironment::writeFile(
+            exe,
+            QStringLiteral("#!/bin/sh\necho \"$$ ${QT_QPA_PLATFORM:-none}\" > '%1.tmp' && mv '%1.tmp' '%1'\n")
+                .arg(marker)
+                .toUtf8());
+        QFile::setPermissions(exe,
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
+                                  | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
         return app;
-    }
-
-    // The session's autostart, with no system-wide entries.
-    void runAutostart()
-    {
-        QProcess dex;
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("XDG_CONFIG_DIRS"), m_env.root() + QStringLiteral("/no-system-config"));
-        env.remove(QStringLiteral("QT_QPA_PLATFORM"));
-        dex.setProcessEnvironment(env);
-        dex.setProcessChannelMode(QProcess::ForwardedChannels);
-        dex.start(QStringLiteral("dex"), {QStringLiteral("-a"), QStringLiteral("-w")});
-        QVERIFY(dex.waitForFinished(60000));
-        QCOMPARE(dex.exitCode(), 0);
     }
 
     QByteArray marker(const QString &name)
@@ -58,22 +48,26 @@ private:
     }
 
 private Q_SLOTS:
-    void initTestCase()
+    // Every case starts as a new user the host has just prepared.
+    void init()
     {
+        QDir(m_env.root() + QStringLiteral("/apps")).removeRecursively();
+        QDir(markers()).removeRecursively();
         QDir().mkpath(markers());
-        QDir().mkpath(m_env.root() + QStringLiteral("/no-system-config"));
-    }
-
-    void newUserGetsAgentAndEmptyList()
-    {
+        QFile::remove(listFile());
+        QFile::remove(m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop"));
         QProcess host;
         host.start(TestEnvironment::hostExecutable(),
                    {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
         QVERIFY(host.waitForFinished(60000));
+    }
+
+    void newUserGetsAgentAndEmptyList()
+    {
         QVERIFY(QFileInfo::exists(m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop")));
         QCOMPARE(TestEnvironment::pythonPlist(listFile()), QStringLiteral("{'AutoLaunchedApplicationDictionary': []}"));
 
-        runAutostart();
+        QVERIFY(m_env.runAutostart());
         QTest::qWait(300);
         QCOMPARE(QDir(markers()).entryList(QDir::Files), QStringList());
     }
@@ -88,14 +82,14 @@ private Q_SLOTS:
         QDir().mkpath(QFileInfo(movedNow).path());
         QVERIFY(QDir().rename(moved, movedNow));
         const QVariantList list{
-            QVariantMap{{"Path", first}, {"Hide", false}},
-            QVariantMap{{"Path", moved}, {"AliasData", movedAlias}, {"Hide", false}},
-            QVariantMap{{"Path", m_env.root() + "/apps/Gone.app"}, {"Hide", false}},
-            QVariantMap{{"Path", hidden}, {"Hide", true}},
+            QVariantMap{{QStringLiteral("Path"), first}, {QStringLiteral("Hide"), false}},
+            QVariantMap{{QStringLiteral("Path"), moved}, {QStringLiteral("AliasData"), movedAlias}, {QStringLiteral("Hide"), false}},
+            QVariantMap{{QStringLiteral("Path"), m_env.root() + QStringLiteral("/apps/Gone.app")}, {QStringLiteral("Hide"), false}},
+            QVariantMap{{QStringLiteral("Path"), hidden}, {QStringLiteral("Hide"), true}},
         };
-        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{"AutoLaunchedApplicationDictionary", list}}));
+        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), list}}));
 
-        runAutostart();
+        QVERIFY(m_env.runAutostart());
         const QList<QByteArray> a = marker(QStringLiteral("First")).split(' ');
         const QList<QByteArray> b = marker(QStringLiteral("Moved")).split(' ');
         const QList<QByteArray> c = marker(QStringLiteral("Hidden")).split(' ');

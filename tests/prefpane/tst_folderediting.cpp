@@ -1,13 +1,10 @@
-#include "prefpane/ArrayController.h"
-#include "platform/Bundle.h"
-#include "FakePaneHost.h"
-#include "gui/FolderChooser.h"
 #include "NotificationRecorder.h"
-#include "prefpane/QFTableView.h"
+#include "PaneFixture.h"
 #include "RecordingAlerts.h"
-#include "TestEnvironment.h"
+#include "gui/FolderChooser.h"
+#include "prefpane/ArrayController.h"
+#include "prefpane/QFTableView.h"
 #include "prefpane/VTHistoryController.h"
-#include "prefpane/VantorPref.h"
 
 #include <QApplication>
 #include <QDir>
@@ -30,7 +27,11 @@ class AnsweringChooser : public FolderChooser
 {
 public:
     AnsweringChooser(QObject *parent, int code, QList<QByteArray> paths)
-        : FolderChooser(parent), m_code(code), m_paths(std::move(paths)) {}
+        : FolderChooser(parent)
+        , m_code(code)
+        , m_paths(std::move(paths))
+    {
+    }
 
     void beginSheetForDirectory(QWidget *window, const QString &directory, std::function<void(int)> done) override
     {
@@ -68,8 +69,8 @@ class TestFolderEditing : public QObject
 private:
     TestEnvironment m_env;
     RecordingAlerts m_alerts;
-    FakePaneHost m_host;
-    VantorPref m_pane;
+    PaneFixture m_ui;
+    VantorPref &m_pane = m_ui.pane;
     QByteArray m_dirA, m_dirB, m_file, m_undecodable;
 
     static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
@@ -82,7 +83,8 @@ private:
         QTest::qWait(50);
         recorder.settle();
         if (recorder.count(kFolders) != 1)
-            return recorder.count(kFolders) == 0 ? QVariantMap() : QVariantMap{{"count", recorder.count(kFolders)}};
+            return recorder.count(kFolders) == 0 ? QVariantMap()
+                                                 : QVariantMap{{QStringLiteral("count"), recorder.count(kFolders)}};
         return recorder.userInfos().at(recorder.names().indexOf(kFolders));
     }
 
@@ -95,11 +97,6 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        Bundle *bundle = Bundle::bundleWithPath(TestEnvironment::paneBundle());
-        QVERIFY(bundle);
-        m_pane.initWithBundle(bundle, &m_host);
-        m_host.window = m_pane.loadMainView();
-        QVERIFY(m_host.window);
         QVERIFY(controller()->managedObjectContext());
 
         const QByteArray base = QFile::encodeName(m_env.home());
@@ -138,9 +135,8 @@ private Q_SLOTS:
         // The drop happens, so the refusal can be told.
         QTest::newRow("path not UTF-8") << QList<QByteArray>{m_undecodable} << int(Qt::CopyAction) << false
                                         << QStringList();
-        QTest::newRow("UTF-8 folder kept beside it") << QList<QByteArray>{m_undecodable, m_dirB}
-                                                     << int(Qt::CopyAction) << true
-                                                     << QStringList{QFile::decodeName(m_dirB)};
+        QTest::newRow("UTF-8 folder kept beside it") << QList<QByteArray>{m_undecodable, m_dirB} << int(Qt::CopyAction)
+                                                     << true << QStringList{QFile::decodeName(m_dirB)};
     }
     void drops()
     {
@@ -167,7 +163,7 @@ private Q_SLOTS:
         bool result = false;
         const QVariantMap posted = postOf([&] { result = m_pane.tableViewAcceptDrop(table(), &drop, 2, {}); });
         QCOMPARE(result, accepted);
-        QCOMPARE(posted.value("foldersToAdd").toStringList(), added);
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
     }
 
     void deleteKeys_data()
@@ -181,13 +177,14 @@ private Q_SLOTS:
 
         QTest::newRow("nothing selected") << QList<int>() << int(Qt::Key_Delete) << 0 << "\x7f" << 1 << QStringList();
         QTest::newRow("three selected") << QList<int>{0, 2, 3} << int(Qt::Key_Delete) << 0 << "\x7f" << 0
-                                        << QStringList{"/h/a", "/h/c", "/h/d"};
+                                        << QStringList{QStringLiteral("/h/a"), QStringLiteral("/h/c"),
+                                                       QStringLiteral("/h/d")};
         QTest::newRow("backspace") << QList<int>{1} << int(Qt::Key_Backspace) << 0 << "\b" << 0
-                                   << QStringList{"/h/b"};
+                                   << QStringList{QStringLiteral("/h/b")};
         // With modifiers the text may be empty: the key decides.
-        QTest::newRow("modified, empty text") << QList<int>{1} << int(Qt::Key_Backspace)
-                                              << int(Qt::ControlModifier | Qt::ShiftModifier) << "" << 0
-                                              << QStringList{"/h/b"};
+        QTest::newRow("modified, empty text")
+            << QList<int>{1} << int(Qt::Key_Backspace) << int(Qt::ControlModifier | Qt::ShiftModifier) << "" << 0
+            << QStringList{QStringLiteral("/h/b")};
         QTest::newRow("other key") << QList<int>{1} << int(Qt::Key_A) << 0 << "a" << 0 << QStringList();
         QTest::newRow("no key, empty text") << QList<int>{1} << 0 << 0 << "" << 0 << QStringList();
     }
@@ -204,8 +201,8 @@ private Q_SLOTS:
         controller()->foldersArrayController()->setSelectionIndexes(selected);
         const QVariantMap posted = postOf([&] { press(key, Qt::KeyboardModifiers(modifiers), text); });
         QCOMPARE(m_alerts.beeps, beeps);
-        QCOMPARE(posted.value("foldersToRemove").toStringList(), removed);
-        QVERIFY(!posted.contains("count"));
+        QCOMPARE(posted.value(QStringLiteral("foldersToRemove")).toStringList(), removed);
+        QVERIFY(!posted.contains(QStringLiteral("count")));
     }
 
     void deleteWithoutDelegateBeeps()
@@ -227,7 +224,7 @@ private Q_SLOTS:
         QVERIFY(button);
         QCOMPARE(button->text(), QStringLiteral("−"));
         const QVariantMap posted = postOf([button] { button->click(); });
-        QCOMPARE(posted.value("foldersToRemove").toStringList(), QStringList{"/h/d"});
+        QCOMPARE(posted.value(QStringLiteral("foldersToRemove")).toStringList(), QStringList{QStringLiteral("/h/d")});
     }
 
     void chooser_data()
@@ -236,9 +233,9 @@ private Q_SLOTS:
         QTest::addColumn<QList<QByteArray>>("chosen");
         QTest::addColumn<QStringList>("added");
         QTest::newRow("cancelled") << 0 << QList<QByteArray>{m_dirA} << QStringList();
-        QTest::newRow("two, duplicates kept") << 1 << QList<QByteArray>{m_dirB, m_dirA, m_dirB}
-                                              << QStringList{QFile::decodeName(m_dirB), QFile::decodeName(m_dirA),
-                                                             QFile::decodeName(m_dirB)};
+        QTest::newRow("two, duplicates kept")
+            << 1 << QList<QByteArray>{m_dirB, m_dirA, m_dirB}
+            << QStringList{QFile::decodeName(m_dirB), QFile::decodeName(m_dirA), QFile::decodeName(m_dirB)};
         QTest::newRow("path not UTF-8 refused") << 1 << QList<QByteArray>{m_undecodable} << QStringList();
     }
     void chooser()
@@ -255,7 +252,7 @@ private Q_SLOTS:
         FolderChooser::setFactory({});
         QCOMPARE(AnsweringChooser::shownOn, table()->window());
         QCOMPARE(AnsweringChooser::startedIn, QDir::homePath());
-        QCOMPARE(posted.value("foldersToAdd").toStringList(), added);
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
     }
 };
 

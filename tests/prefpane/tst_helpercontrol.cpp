@@ -1,25 +1,23 @@
 // The pane's helper control against a fake workspace: what is launched, when the
 // permissions sheet appears, and what the switch stores, moves and posts.
 
-#include "platform/Bundle.h"
-#include "common/HelperIdentity.h"
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
-#include "common/Notifications.h"
 #include "PaneFixture.h"
-#include "platform/ProcessInfo.h"
-#include "platform/RunningApplication.h"
-#include "TestEnvironment.h"
+#include "RecordingAlerts.h"
+#include "common/HelperIdentity.h"
+#include "common/Notifications.h"
 #include "common/VTDefaultsController.h"
 #include "common/VTPreferenceCommunicator.h"
-#include "prefpane/VantorPref.h"
+#include "platform/ProcessInfo.h"
+#include "platform/RunningApplication.h"
 
 #include <QDir>
 #include <QPushButton>
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <memory>
+#include <optional>
 #include <sys/stat.h>
 
 class TestHelperControl : public QObject
@@ -30,8 +28,8 @@ private Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
+    void permissionsSheetOncePerRun_data();
     void permissionsSheetOncePerRun();
-    void missingHelper();
     void toggleActive_data();
     void toggleActive();
     void didSelectLaunchesOnlyWhenNoHelperRuns_data();
@@ -39,21 +37,20 @@ private Q_SLOTS:
     void helperEndingChangesNothing();
 
 private:
-    // A pane bundle of its own; the helper executable gets mode, or is left out when mode is 0.
-    QString makeBundle(unsigned mode);
-    void makePane(const QString &bundlePath);
-    int switchX() const;
+    // A pane of a bundle of its own; the helper executable gets mode, or is left out when
+    // mode is 0. A helper is running already when running is set.
+    VantorPref &makePane(unsigned mode, bool running = false);
+    int switchX() { return m_ui->pane.toggleActiveButton->geometry().x(); }
 
     TestEnvironment m_env;
     QTemporaryDir m_bundles;
     int m_bundleCount = 0;
-    std::unique_ptr<FakeWorkspace> m_workspace;
-    std::unique_ptr<RecordingAlerts> m_alerts;
-    std::unique_ptr<FakePaneHost> m_host;
-    VantorPref *m_pane = nullptr;
+    std::optional<FakeWorkspace> m_workspace;
+    std::optional<RecordingAlerts> m_alerts;
+    std::optional<PaneFixture> m_ui;
 };
 
-QString TestHelperControl::makeBundle(unsigned mode)
+VantorPref &TestHelperControl::makePane(unsigned mode, bool running)
 {
     const QString path = m_bundles.path() + QStringLiteral("/%1/Vantor.prefPane").arg(++m_bundleCount);
     QDir().mkpath(path + QStringLiteral("/Contents/Resources"));
@@ -64,22 +61,11 @@ QString TestHelperControl::makeBundle(unsigned mode)
         TestEnvironment::writeFile(exe, "#!/bin/sh\n");
         ::chmod(QFile::encodeName(exe).constData(), mode);
     }
-    return path;
-}
-
-void TestHelperControl::makePane(const QString &bundlePath)
-{
-    m_pane = new VantorPref;
-    m_pane->initWithBundle(Bundle::bundleWithPath(bundlePath), m_host.get());
-    QWidget *view = m_pane->loadMainView();
-    view->setParent(&m_host->window);
-    view->resize(view->sizeHint().expandedTo(view->minimumSize()));
-    m_host->window.show();
-}
-
-int TestHelperControl::switchX() const
-{
-    return m_pane->toggleActiveButton->geometry().x();
+    if (running)
+        m_workspace->running.append(
+            new RunningApplication(HelperIdentity::busName(), 1, &*m_workspace));
+    m_ui.emplace(path);
+    return m_ui->pane;
 }
 
 void TestHelperControl::initTestCase()
@@ -91,58 +77,49 @@ void TestHelperControl::initTestCase()
 
 void TestHelperControl::init()
 {
-    m_workspace = std::make_unique<FakeWorkspace>();
-    m_alerts = std::make_unique<RecordingAlerts>();
-    m_host = std::make_unique<FakePaneHost>();
+    VantorPref::forgetHelperPermissionsWarning();
+    m_workspace.emplace();
+    m_alerts.emplace();
 }
 
 void TestHelperControl::cleanup()
 {
-    delete m_pane;
-    m_pane = nullptr;
-    m_host.reset();
+    m_ui.reset();
     m_alerts.reset();
     m_workspace.reset();
 }
 
-void TestHelperControl::permissionsSheetOncePerRun()
+void TestHelperControl::permissionsSheetOncePerRun_data()
 {
-    if (qEnvironmentVariableIsSet("VANTOR_FRESH_RUN"))
-        QSKIP("runs in the main run");
-    const QString bundle = makeBundle(0755);
-    makePane(bundle);
-    m_pane->launchHelper();
-    QCOMPARE(m_alerts->sheets.size(), 0);
-    QCOMPARE(m_workspace->launches.size(), 1);
-    QCOMPARE(m_workspace->launches.first().toLocalFile(),
-             HelperIdentity::applicationPathInPane(bundle) + u'/');
-    QCOMPARE(m_workspace->launchOptions.first(), Workspace::LaunchOptions(Workspace::LaunchAsync));
-
-    // Group write is wrong too: the test is equality.
-    ::chmod(QFile::encodeName(HelperIdentity::executablePath(HelperIdentity::applicationPathInPane(bundle))).constData(),
-            0775);
-    m_pane->launchHelper();
-    m_pane->launchHelper();
-    QCOMPARE(m_alerts->sheets.size(), 1);
-    QCOMPARE(m_alerts->sheetWindows.first(), &m_host->window);
-    QCOMPARE(m_alerts->sheets.first().messageText, QStringLiteral("Permissions Issue"));
-    QCOMPARE(m_alerts->sheets.first().informativeText,
-             QStringLiteral("The Vantor Helper application has the wrong permissions, and will probably not run. "
-                            "Please reinstall Vantor or change the permissions manually, or contact support."));
-    QCOMPARE(m_alerts->sheets.first().buttons, QStringList{QStringLiteral("OK")});
-    QCOMPARE(m_workspace->launches.size(), 3);
+    QTest::addColumn<unsigned>("mode");
+    QTest::addColumn<int>("sheets");
+    QTest::newRow("0755") << 0755u << 0;
+    QTest::newRow("group may write: the test is equality") << 0775u << 1;
+    QTest::newRow("helper missing") << 0u << 1;
 }
 
-void TestHelperControl::missingHelper()
+void TestHelperControl::permissionsSheetOncePerRun()
 {
-    // The warning is shown once per process, so this case needs a process of its own.
-    if (!qEnvironmentVariableIsSet("VANTOR_FRESH_RUN"))
-        QSKIP("runs on its own (see tests/prefpane/CMakeLists.txt)");
-    makePane(makeBundle(0));
-    m_pane->launchHelper();
-    QCOMPARE(m_alerts->sheets.size(), 1);
-    QCOMPARE(m_alerts->sheets.first().messageText, QStringLiteral("Permissions Issue"));
-    QCOMPARE(m_workspace->launches.size(), 0);
+    QFETCH(unsigned, mode);
+    QFETCH(int, sheets);
+    VantorPref &pane = makePane(mode);
+    pane.launchHelper();
+    pane.launchHelper();
+    QCOMPARE(m_alerts->sheets.size(), sheets);
+    QCOMPARE(m_workspace->launches.size(), mode ? 2 : 0);
+    if (mode) {
+        QCOMPARE(m_workspace->launches.first().toLocalFile(),
+                 HelperIdentity::applicationPathInPane(pane.bundle()->bundlePath()) + u'/');
+        QCOMPARE(m_workspace->launchOptions.first(), Workspace::LaunchOptions(Workspace::LaunchAsync));
+    }
+    if (sheets) {
+        QCOMPARE(m_alerts->sheetWindows.first(), &m_ui->window);
+        QCOMPARE(m_alerts->sheets.first().messageText, QStringLiteral("Permissions Issue"));
+        QCOMPARE(m_alerts->sheets.first().informativeText,
+                 QStringLiteral("The Vantor Helper application has the wrong permissions, and will probably not run. "
+                                "Please reinstall Vantor or change the permissions manually, or contact support."));
+        QCOMPARE(m_alerts->sheets.first().buttons, QStringList{QStringLiteral("OK")});
+    }
 }
 
 void TestHelperControl::toggleActive_data()
@@ -161,26 +138,24 @@ void TestHelperControl::toggleActive()
     QFETCH(bool, fromSwitch);
     QFETCH(bool, wasActive);
     QFETCH(bool, helperRunning);
-    makePane(makeBundle(0755));
-    if (helperRunning)
-        m_workspace->running.append(new RunningApplication(HelperIdentity::busName(), 1, m_workspace.get()));
+    VantorPref &pane = makePane(0755, helperRunning);
     VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
     store->setHelperActive(wasActive);
-    m_pane->toggleActiveButton->setChecked(wasActive);
-    m_pane->setActiveButton(wasActive, false);
+    pane.toggleActiveButton->setChecked(wasActive);
+    pane.setActiveButton(wasActive, false);
     QCOMPARE(switchX(), wasActive ? 142 : 89);
 
     NotificationRecorder recorder;
     if (fromSwitch) {
-        QTest::mouseClick(m_pane->toggleActiveButton, Qt::LeftButton);
+        QTest::mouseClick(pane.toggleActiveButton, Qt::LeftButton);
     } else {
         QPushButton other;
-        m_pane->toggleActive(&other);
+        pane.toggleActive(&other);
     }
 
     const bool active = !wasActive;
     QCOMPARE(m_workspace->launches.size(), helperRunning ? 0 : 1);
-    QCOMPARE(m_pane->toggleActiveButton->isChecked(), active);
+    QCOMPARE(pane.toggleActiveButton->isChecked(), active);
     QCOMPARE(store->helperActive(), active);
     QVERIFY(TestEnvironment::pythonPlist(m_env.productFolder() + QStringLiteral("/defaults.plist"))
                 .contains(active ? QStringLiteral("'active': True") : QStringLiteral("'active': False")));
@@ -191,8 +166,8 @@ void TestHelperControl::toggleActive()
 
     // The switch slides to its new place; y (from the bottom) and size do not change.
     QTRY_COMPARE(switchX(), active ? 142 : 89);
-    const QRect frame = m_pane->toggleActiveButton->geometry();
-    QCOMPARE(m_pane->toggleActiveButton->parentWidget()->height() - frame.bottom() - 1, 86);
+    const QRect frame = pane.toggleActiveButton->geometry();
+    QCOMPARE(pane.toggleActiveButton->parentWidget()->height() - frame.bottom() - 1, 86);
     QCOMPARE(frame.size(), QSize(40, 25));
 }
 
@@ -208,23 +183,23 @@ void TestHelperControl::didSelectLaunchesOnlyWhenNoHelperRuns()
 {
     QFETCH(bool, helperRunning);
     QFETCH(bool, active);
-    makePane(makeBundle(0755));
-    if (helperRunning)
-        m_workspace->running.append(new RunningApplication(HelperIdentity::busName(), 1, m_workspace.get()));
+    VantorPref &pane = makePane(0755, helperRunning);
     VTDefaultsController::sharedDefaultsController()->setHelperActive(active);
 
-    m_pane->didSelect();
+    pane.didSelect();
+    QCOMPARE(m_ui->host.activations, QList<bool>{false});
     QCOMPARE(m_workspace->launches.size(), helperRunning ? 0 : 1);
-    // Placed at once, without sliding.
-    QCOMPARE(switchX(), active ? 142 : 89);
-    QCOMPARE(m_pane->toggleActiveButton->isChecked(), active);
+    QCOMPARE(pane.toggleActiveButton->isChecked(), active);
+    // Placed at once, without sliding: 86 above the bottom of its superview, 40 by 25.
+    const int superviewHeight = pane.toggleActiveButton->parentWidget()->height();
+    QCOMPARE(pane.toggleActiveButton->geometry(), QRect(active ? 142 : 89, superviewHeight - 86 - 25, 40, 25));
 }
 
 void TestHelperControl::helperEndingChangesNothing()
 {
-    makePane(makeBundle(0755));
+    VantorPref &pane = makePane(0755);
     VTDefaultsController::sharedDefaultsController()->setHelperActive(true);
-    m_pane->didSelect();
+    pane.didSelect();
     QCOMPARE(m_workspace->launches.size(), 1);
 
     NotificationRecorder recorder;
@@ -232,7 +207,7 @@ void TestHelperControl::helperEndingChangesNothing()
     recorder.settle();
     QVERIFY(recorder.names().isEmpty());
     QCOMPARE(m_workspace->launches.size(), 1);
-    QCOMPARE(m_pane->toggleActiveButton->isChecked(), true);
+    QCOMPARE(pane.toggleActiveButton->isChecked(), true);
 }
 
 QTEST_MAIN(TestHelperControl)

@@ -9,7 +9,6 @@
 #include "common/VTUtil.h"
 
 #include <QApplication>
-#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QSignalSpy>
@@ -24,23 +23,16 @@ private:
     RecordingAlerts m_alerts;
     QFTableView m_table;
 
-    QString storePath() const { return m_env.productFolder() + QStringLiteral("/history.db"); }
-
     QString sqlite(const QString &sql) const
     {
-        return TestEnvironment::sqlite(storePath(), sql);
+        return TestEnvironment::sqlite(m_env.productFolder() + QStringLiteral("/history.db"), sql);
     }
 
     // Another program tells the pane that savings changed.
-    static void emitSavingsChanged()
-    {
-        TestEnvironment::postWithGdbus(QStringLiteral("vantorSavingsChanged"), QStringLiteral("{'from': <'gdbus'>}"));
-    }
-
     void refreshFromAnotherProgram()
     {
-        QSignalSpy spy(VTHistoryController::sharedHistoryController(), &VTHistoryController::totalSavingsChanged);
-        emitSavingsChanged();
+        QSignalSpy spy(controller(), &VTHistoryController::totalSavingsChanged);
+        TestEnvironment::postWithGdbus(QStringLiteral("vantorSavingsChanged"), QStringLiteral("{'from': <'gdbus'>}"));
         QVERIFY(spy.wait(5000));
     }
 
@@ -50,58 +42,39 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(Bundle::bundleWithPath(TestEnvironment::paneBundle()));
-        // A plain file where the product folder should be: the store cannot be made under it.
-        TestEnvironment::writeFile(m_env.productFolder(), "in the way");
-    }
-
-    // Runs first: the controller is made here and fails to open its store.
-    void unattachableStorePresentsTwoErrorsAndRetries()
-    {
         QVERIFY(VTHistoryController::create());
-        QVERIFY(!VTHistoryController::create());
-        QCOMPARE(m_alerts.errors.size(), 2);
-        QCOMPARE(m_alerts.errors.at(0).domain, QStringLiteral("org.sqlite"));
-        QCOMPARE(m_alerts.errors.at(1).domain, QStringLiteral("com.quillfen.vantor.error"));
-        QCOMPARE(m_alerts.errors.at(1).code, 9999);
-        QCOMPARE(m_alerts.errors.at(1).localizedDescription, QStringLiteral("Failed to initialize the store"));
-        QCOMPARE(controller()->totalSavings(), quint64(0));
-        QCOMPARE(controller()->historyArray()->rowCount(), 0);
-        QVERIFY(!controller()->folders());
-
-        QVERIFY(!controller()->managedObjectContext());
-        QCOMPARE(m_alerts.errors.size(), 4);
-
-        // Once the folder can be made, the next request attaches a new store.
-        QFile::remove(m_env.productFolder());
-        VTUtil::forgetApplicationSupportFolder();
-        m_alerts.clear();
         QVERIFY(controller()->managedObjectContext());
-        QVERIFY(m_alerts.errors.isEmpty());
-        QVERIFY(sqlite(QStringLiteral(".schema ZHISTORY")).contains(QLatin1String("ZSAVINGS INTEGER NOT NULL")));
-        QCOMPARE(QFileInfo(storePath()).permissions() & 0x0077, QFileDevice::Permissions());
         controller()->awakeFromNib(&m_table);
         QCOMPARE(m_table.model(), controller()->foldersArrayController());
-        QVERIFY(!controller()->folders());
-        QVERIFY(controller()->folderAliases().isEmpty());
     }
 
-    void recordsFromAnotherProcessAreShown()
+    // Every case starts from the same three records, shown through another program's notification.
+    void init()
     {
+        sqlite(QStringLiteral("DELETE FROM ZHISTORY;"));
+        controller()->updatePreviousSavings();
+        controller()->foldersArrayController()->setSelectionIndexes({});
         sqlite(QStringLiteral("INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) VALUES "
                               "('/home/u/Music', 40, 1000, 1), ('/home/u/Documents', 100, 2048, 1), "
                               "('/home/u/Old', 100, 5, 0);"));
         refreshFromAnotherProgram();
+        m_alerts.clear();
+    }
+
+    void recordsFromAnotherProcessAreShown()
+    {
+        m_table.sortByColumn(0, Qt::DescendingOrder); // Music, Documents, Other
         QCOMPARE(controller()->totalSavings(), quint64(3053));
         QCOMPARE(controller()->previousSavings(), quint64(5));
         const QList<QVariantMap> rows = controller()->foldersArrayController()->arrangedObjects();
         QCOMPARE(rows.size(), 3);
-        QCOMPARE(rows.at(0).value("folder").toString(), QStringLiteral("/home/u/Music"));
-        QCOMPARE(rows.at(0).value("path").toString(), QStringLiteral("/home/u/Music"));
-        QCOMPARE(rows.at(0).value("savings").toULongLong(), quint64(1000));
-        QCOMPARE(rows.at(0).value("enabled").toBool(), true);
+        QCOMPARE(rows.at(0).value(QStringLiteral("folder")).toString(), QStringLiteral("/home/u/Music"));
+        QCOMPARE(rows.at(0).value(QStringLiteral("path")).toString(), QStringLiteral("/home/u/Music"));
+        QCOMPARE(rows.at(0).value(QStringLiteral("savings")).toULongLong(), quint64(1000));
+        QCOMPARE(rows.at(0).value(QStringLiteral("enabled")).toBool(), true);
         QCOMPARE(rows.last(), controller()->historyEntryForSavings(5));
-        QCOMPARE(rows.last().value("status").toInt(), 100);
-        QVERIFY(!rows.last().contains("enabled"));
+        QCOMPARE(rows.last().value(QStringLiteral("status")).toInt(), 100);
+        QVERIFY(!rows.last().contains(QStringLiteral("enabled")));
 
         // The summary row is disabled and cannot be selected; folder rows can.
         auto *arranged = controller()->foldersArrayController();
@@ -113,11 +86,11 @@ private Q_SLOTS:
         for (int column = 0; column < 4; ++column) {
             for (Qt::SortOrder order : {Qt::AscendingOrder, Qt::DescendingOrder}) {
                 m_table.sortByColumn(column, order);
-                QCOMPARE(arranged->arrangedObjects().last().value("sortID").toInt(), 1);
+                QCOMPARE(arranged->arrangedObjects().last().value(QStringLiteral("sortID")).toInt(), 1);
             }
         }
         m_table.sortByColumn(0, Qt::AscendingOrder); // Documents, Music, Other
-        QCOMPARE(arranged->arrangedObjects().first().value("folder").toString(), QStringLiteral("/home/u/Documents"));
+        QCOMPARE(arranged->arrangedObjects().first().value(QStringLiteral("folder")).toString(), QStringLiteral("/home/u/Documents"));
     }
 
     void savingsAreUnsignedAndWrap()
@@ -160,10 +133,10 @@ private Q_SLOTS:
         arranged->setSelectionIndexes({0, 1});
         controller()->tableviewRemoveSelectedRowIndexes(&m_table, {});
         QVERIFY(recorder.waitFor(QStringLiteral("com.quillfen.vantor.folders")));
-        QCOMPARE(recorder.userInfos().last().value("foldersToRemove").toStringList(),
+        QCOMPARE(recorder.userInfos().last().value(QStringLiteral("foldersToRemove")).toStringList(),
                  (QStringList{QStringLiteral("/home/u/Music"), QStringLiteral("/home/u/Documents")}));
         QVERIFY(arranged->selectionIndexes().isEmpty());
-        QCOMPARE(arranged->rowCount(), 2); // rows stay until the helper has acted
+        QCOMPARE(arranged->rowCount(), 3); // rows stay until the helper has acted
     }
 
     void addFolders_data()
@@ -172,12 +145,12 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("posted"); // empty: nothing posted
         QTest::addColumn<int>("sheets");
         QTest::newRow("empty") << QStringList() << QStringList() << 0;
-        QTest::newRow("only volumes") << QStringList{"/Volumes/Disk/a", "/Volumes/B"} << QStringList() << 1;
-        QTest::newRow("mix keeps order") << QStringList{"/home/u/b", "/Volumes/Disk/x", "/home/u/a", "/Volumes"}
-                                         << QStringList{"/home/u/b", "/home/u/a", "/Volumes"} << 1;
-        QTest::newRow("duplicates passed on") << QStringList{"/home/u/a", "/home/u/a", "/Volumes/x", "/Volumes/x"}
-                                              << QStringList{"/home/u/a", "/home/u/a"} << 1;
-        QTest::newRow("case-sensitive prefix") << QStringList{"/volumes/x"} << QStringList{"/volumes/x"} << 0;
+        QTest::newRow("only volumes") << QStringList{QStringLiteral("/Volumes/Disk/a"), QStringLiteral("/Volumes/B")} << QStringList() << 1;
+        QTest::newRow("mix keeps order") << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/Volumes/Disk/x"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes")}
+                                         << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes")} << 1;
+        QTest::newRow("duplicates passed on") << QStringList{QStringLiteral("/home/u/a"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes/x"), QStringLiteral("/Volumes/x")}
+                                              << QStringList{QStringLiteral("/home/u/a"), QStringLiteral("/home/u/a")} << 1;
+        QTest::newRow("case-sensitive prefix") << QStringList{QStringLiteral("/volumes/x")} << QStringList{QStringLiteral("/volumes/x")} << 0;
     }
     void addFolders()
     {
@@ -199,21 +172,37 @@ private Q_SLOTS:
         }
         QCOMPARE(recorder.count(QStringLiteral("com.quillfen.vantor.folders")), posted.isEmpty() ? 0 : 1);
         if (!posted.isEmpty())
-            QCOMPARE(recorder.userInfos().first().value("foldersToAdd").toStringList(), posted);
+            QCOMPARE(recorder.userInfos().first().value(QStringLiteral("foldersToAdd")).toStringList(), posted);
     }
 
-    void textFileIsReplacedByAnEmptyStore()
+    void onlyUnreadableStoresAreReplaced_data()
     {
-        // A second stack over the same file, as the helper would build.
-        TestEnvironment::writeFile(storePath() + QStringLiteral(".tmp"), "folders: none\n");
-        QFile::remove(storePath() + QStringLiteral("-wal"));
-        QFile::remove(storePath() + QStringLiteral("-shm"));
-        QFile::remove(storePath());
-        QFile::rename(storePath() + QStringLiteral(".tmp"), storePath());
+        QTest::addColumn<bool>("busy");
+        QTest::newRow("text file") << false;
+        QTest::newRow("store another process is writing") << true;
+    }
+    void onlyUnreadableStoresAreReplaced()
+    {
+        QFETCH(bool, busy);
+        // Beside the controller's store, which stays open.
+        const QString path = m_env.productFolder() + QStringLiteral("/other.db");
+        QFile::remove(path);
+        QProcess writer;
+        if (busy) {
+            TestEnvironment::sqlite(path, QStringLiteral("CREATE TABLE t(x);"));
+            writer.start(QStringLiteral("python3"),
+                         {QStringLiteral("-c"), QStringLiteral("import sqlite3, sys, time; c = sqlite3.connect(sys.argv[1], isolation_level=None); "
+                                                               "c.execute('BEGIN EXCLUSIVE'); print(flush=True); time.sleep(1); c.execute('COMMIT')"),
+                          path});
+            QVERIFY(writer.waitForReadyRead(10000));
+        } else {
+            TestEnvironment::writeFile(path, "folders: none\n");
+        }
         m_alerts.clear();
-        QVERIFY(!VTUtil::ensureIntegrityOfDatabaseAtPath(storePath()));
-        QCOMPARE(m_alerts.modals.size(), 1);
-        QVERIFY(!QFileInfo::exists(storePath()));
+        QCOMPARE(VTUtil::ensureIntegrityOfDatabaseAtPath(path), busy);
+        QCOMPARE(m_alerts.modals.size(), busy ? 0 : 1);
+        QCOMPARE(QFileInfo::exists(path), busy);
+        writer.waitForFinished();
     }
 };
 

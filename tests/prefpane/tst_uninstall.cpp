@@ -1,16 +1,13 @@
 // Uninstalling an installed copy of the pane with the real workspace, helper and relaunch tool.
 
-#include "platform/Bundle.h"
-#include "common/HelperIdentity.h"
-#include "platform/DistributedNotificationCenter.h"
-#include "FakePaneHost.h"
-#include "platform/FileManager.h"
 #include "NotificationRecorder.h"
-#include "common/Notifications.h"
-#include "platform/PreferencesDomain.h"
+#include "PaneFixture.h"
 #include "RecordingAlerts.h"
-#include "TestEnvironment.h"
-#include "prefpane/VantorPref.h"
+#include "common/HelperIdentity.h"
+#include "common/Notifications.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "platform/FileManager.h"
+#include "platform/PreferencesDomain.h"
 #include "platform/Workspace.h"
 
 #include <QDBusConnection>
@@ -24,6 +21,7 @@
 #include <QTest>
 
 #include <csignal>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,11 +29,6 @@ namespace {
 
 const QString kHelperName = HelperIdentity::busName();
 const QString kListKey = QStringLiteral("AutoLaunchedApplicationDictionary");
-
-QMap<int, QList<QByteArray>> processesRunning(const QString &executable)
-{
-    return TestEnvironment::processesOnThisBus(executable);
-}
 
 bool helperOwnsItsName()
 {
@@ -103,41 +96,48 @@ private:
     }
     QString relaunchCopy() const { return FileManager::temporaryDirectory() + QStringLiteral("relaunch"); }
     QString loginList() const { return m_env.configHome() + QStringLiteral("/vantor/preferences/loginwindow.plist"); }
-    QPushButton *button(QWidget *sheet, const char *name) { return sheet->findChild<QPushButton *>(QLatin1String(name)); }
-    bool textShown(const char *name) { return m_pane.uninstallSheet->findChild<QLabel *>(QLatin1String(name))->isVisible(); }
+    QPushButton *button(QWidget *sheet, const char *name)
+    {
+        return sheet->findChild<QPushButton *>(QLatin1String(name));
+    }
+    bool install() const
+    {
+        return QFileInfo::exists(installedBundle())
+            || QProcess::execute(QStringLiteral("cp"),
+                                 {QStringLiteral("-a"), TestEnvironment::paneBundle(), installedBundle()})
+            == 0;
+    }
+    bool textShown(const char *name)
+    {
+        return m_ui->pane.uninstallSheet->findChild<QLabel *>(QLatin1String(name))->isVisible();
+    }
     void killRelaunchTools();
 
     TestEnvironment m_env;
     RecordingAlerts m_alerts;
-    QWidget m_window;
-    FakePaneHost m_host;
-    VantorPref m_pane;
+    std::optional<PaneFixture> m_ui;
 };
 
 void TestUninstall::initTestCase()
 {
-    m_host.window = &m_window;
-    m_window.resize(800, 500);
     QDir().mkpath(QFileInfo(installedBundle()).path());
-    QCOMPARE(QProcess::execute(QStringLiteral("cp"), {QStringLiteral("-a"), TestEnvironment::paneBundle(), installedBundle()}), 0);
-    m_pane.initWithBundle(Bundle::bundleWithPath(installedBundle()), &m_host);
-    m_pane.loadMainView()->setParent(&m_window);
-    m_window.show();
-    m_pane.mainViewDidLoad();
-    m_pane.didSelect();
-    QTRY_VERIFY(helperOwnsItsName());
+    QVERIFY(install());
+    m_ui.emplace(installedBundle());
+    m_ui->pane.mainViewDidLoad();
+    m_ui->pane.didSelect();
 }
 
 void TestUninstall::init()
 {
     // Each case uninstalls a fresh copy.
-    if (!QFileInfo::exists(installedBundle()))
-        QCOMPARE(QProcess::execute(QStringLiteral("cp"), {QStringLiteral("-a"), TestEnvironment::paneBundle(), installedBundle()}), 0);
+    QVERIFY(install());
+    m_ui->host.terminations = 0;
     // The last case's helper has gone from the bus; its process must be gone too, or the
     // workspace hands it back instead of starting a new one.
-    QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName).isEmpty() || helperOwnsItsName());
+    QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName).isEmpty()
+                || helperOwnsItsName());
     if (!helperOwnsItsName())
-        m_pane.launchHelper();
+        m_ui->pane.launchHelper();
     QTRY_VERIFY(helperOwnsItsName());
     QFile::remove(relaunchCopy());
 }
@@ -147,14 +147,15 @@ void TestUninstall::cleanup()
     setLocked(QFileInfo(installedBundle()).path(), false);
     // A waiting relaunch tool would start this test again once it ends.
     killRelaunchTools();
-    if (QWidget *sheet = m_pane.restartSheet; sheet->isVisible())
-        m_pane.cancelSheet(nullptr);
+    if (QWidget *sheet = m_ui->pane.restartSheet; sheet->isVisible())
+        m_ui->pane.cancelSheet(nullptr);
 }
 
 void TestUninstall::cleanupTestCase()
 {
-    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
-    QTRY_VERIFY(processesRunning(QFileInfo(helperExecutable()).canonicalFilePath()).isEmpty());
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        QLatin1String(Notifications::HelperShouldQuit));
+    QTRY_VERIFY(TestEnvironment::processesOnThisBus(QFileInfo(helperExecutable()).canonicalFilePath()).isEmpty());
     QTRY_VERIFY(!helperOwnsItsName());
 }
 
@@ -163,9 +164,9 @@ void TestUninstall::killRelaunchTools()
     const QString tool = QFileInfo(relaunchCopy()).canonicalFilePath();
     if (tool.isEmpty())
         return;
-    for (int pid : processesRunning(tool).keys())
+    for (int pid : TestEnvironment::processesOnThisBus(tool).keys())
         ::kill(pid, SIGTERM);
-    QTRY_VERIFY(processesRunning(tool).isEmpty());
+    QTRY_VERIFY(TestEnvironment::processesOnThisBus(tool).isEmpty());
 }
 
 void TestUninstall::cancellingChangesNothing()
@@ -173,10 +174,10 @@ void TestUninstall::cancellingChangesNothing()
     const QString skip = m_env.home() + QStringLiteral("/.local/state"); // the helper's own log
     const QStringList before = snapshot(m_env.root(), skip);
 
-    m_pane.confirmUninstall(nullptr);
-    QWidget *sheet = m_pane.uninstallSheet;
+    m_ui->pane.confirmUninstall(nullptr);
+    QWidget *sheet = m_ui->pane.uninstallSheet;
     QVERIFY(sheet->isVisible());
-    QCOMPARE(sheet->parentWidget(), &m_window);
+    QCOMPARE(sheet->parentWidget(), &m_ui->window);
     QCOMPARE(sheet->windowModality(), Qt::WindowModal);
 
     QTest::mouseClick(button(sheet, "cancelUninstallButton"), Qt::LeftButton);
@@ -186,9 +187,9 @@ void TestUninstall::cancellingChangesNothing()
     QVERIFY(helperOwnsItsName());
 
     // The window is free for the next sheet.
-    m_pane.confirmUninstall(nullptr);
+    m_ui->pane.confirmUninstall(nullptr);
     QVERIFY(sheet->isVisible());
-    m_pane.cancelSheetAction(nullptr);
+    m_ui->pane.cancelSheetAction(nullptr);
     QVERIFY(!sheet->isVisible());
 }
 
@@ -199,22 +200,22 @@ void TestUninstall::uninstallWithLoginItem()
                             {QStringLiteral("Hide"), false}};
     loginWindow.setValue(kListKey, QVariantList{other});
     QVERIFY(loginWindow.synchronize());
-    m_pane.setAutorunAtLogin(true);
-    QVERIFY(m_pane.autorunAtLogin());
+    m_ui->pane.setAutorunAtLogin(true);
+    QVERIFY(m_ui->pane.autorunAtLogin());
 
     // At the moment the login item goes, nothing else has changed yet.
     struct {
         bool seen = false, bundleThere = false, toolCopied = true, helperRunning = false;
     } atLoginItem;
-    const QMetaObject::Connection watch = connect(&m_pane, &VantorPref::autorunAtLoginChanged, this, [&] {
+    const QMetaObject::Connection watch = connect(&m_ui->pane, &VantorPref::autorunAtLoginChanged, this, [&] {
         atLoginItem = {true, QFileInfo::exists(installedBundle() + QStringLiteral("/Contents/Info.plist")),
                        QFileInfo::exists(relaunchCopy()), helperOwnsItsName()};
     });
 
     NotificationRecorder recorder;
     const qint64 me = QCoreApplication::applicationPid();
-    m_pane.confirmUninstall(nullptr);
-    QTest::mouseClick(button(m_pane.uninstallSheet, "confirmUninstallButton"), Qt::LeftButton);
+    m_ui->pane.confirmUninstall(nullptr);
+    QTest::mouseClick(button(m_ui->pane.uninstallSheet, "confirmUninstallButton"), Qt::LeftButton);
     disconnect(watch);
 
     QVERIFY(atLoginItem.seen);
@@ -226,7 +227,8 @@ void TestUninstall::uninstallWithLoginItem()
     QVERIFY(TestEnvironment::pythonPlist(loginList()).contains(QLatin1String("Other.app")));
 
     // The relaunch tool runs from its copy and waits for this process, the host.
-    const QMap<int, QList<QByteArray>> tools = processesRunning(QFileInfo(relaunchCopy()).canonicalFilePath());
+    const QMap<int, QList<QByteArray>> tools =
+        TestEnvironment::processesOnThisBus(QFileInfo(relaunchCopy()).canonicalFilePath());
     QCOMPARE(tools.size(), 1);
     const QList<QByteArray> expected{QFile::encodeName(relaunchCopy()),
                                      QFile::encodeName(QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget()),
@@ -241,15 +243,15 @@ void TestUninstall::uninstallWithLoginItem()
     QTRY_VERIFY(!helperOwnsItsName());
     QVERIFY(!QFileInfo::exists(installedBundle()));
 
-    QWidget *restartSheet = m_pane.restartSheet;
-    QVERIFY(!m_pane.uninstallSheet->isVisible());
+    QWidget *restartSheet = m_ui->pane.restartSheet;
+    QVERIFY(!m_ui->pane.uninstallSheet->isVisible());
     QVERIFY(restartSheet->isVisible());
-    QCOMPARE(restartSheet->parentWidget(), &m_window);
+    QCOMPARE(restartSheet->parentWidget(), &m_ui->window);
     QCOMPARE(restartSheet->windowModality(), Qt::WindowModal);
 
-    QCOMPARE(m_host.terminations, 0);
+    QCOMPARE(m_ui->host.terminations, 0);
     QTest::mouseClick(button(restartSheet, "restartButton"), Qt::LeftButton);
-    QCOMPARE(m_host.terminations, 1);
+    QCOMPARE(m_ui->host.terminations, 1);
     QVERIFY(!restartSheet->isVisible());
     QVERIFY(m_alerts.sheets.isEmpty());
 }
@@ -268,30 +270,30 @@ void TestUninstall::uninstallWithoutLoginItemLeavesTheListAlone()
 {
     QFETCH(bool, hasList);
     QFETCH(bool, systemWide);
-    m_host.terminations = 0;
     QFile::remove(loginList());
     if (hasList) {
         PreferencesDomain loginWindow(QStringLiteral("loginwindow"));
-        loginWindow.setValue(kListKey, QVariantList{QVariantMap{{QStringLiteral("Path"), QStringLiteral("/opt/Other.app")}}});
+        loginWindow.setValue(kListKey,
+                             QVariantList{QVariantMap{{QStringLiteral("Path"), QStringLiteral("/opt/Other.app")}}});
         QVERIFY(loginWindow.synchronize());
     }
-    QVERIFY(!m_pane.autorunAtLogin());
+    QVERIFY(!m_ui->pane.autorunAtLogin());
     const QStringList before = snapshot(QFileInfo(loginList()).path(), QStringLiteral("\n"));
 
     if (systemWide)
         setLocked(QFileInfo(installedBundle()).path(), true);
-    m_pane.confirmUninstall(nullptr);
+    m_ui->pane.confirmUninstall(nullptr);
     QCOMPARE(textShown("uninstallText"), !systemWide);
     QCOMPARE(textShown("systemUninstallText"), systemWide);
-    m_pane.uninstall(nullptr);
+    m_ui->pane.uninstall(nullptr);
 
     QCOMPARE(QFileInfo::exists(installedBundle() + QStringLiteral("/Contents/Info.plist")), systemWide);
-    QVERIFY(m_pane.restartSheet->isVisible());
+    QVERIFY(m_ui->pane.restartSheet->isVisible());
     QTRY_VERIFY(!helperOwnsItsName());
     QCOMPARE(snapshot(QFileInfo(loginList()).path(), QStringLiteral("\n")), before);
     QCOMPARE(QFileInfo::exists(loginList()), hasList);
-    m_pane.restart(nullptr);
-    QCOMPARE(m_host.terminations, 1);
+    m_ui->pane.restart(nullptr);
+    QCOMPARE(m_ui->host.terminations, 1);
 }
 
 QTEST_MAIN(TestUninstall)

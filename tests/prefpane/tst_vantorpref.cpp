@@ -1,146 +1,280 @@
-#include "platform/Bundle.h"
-#include "platform/DistributedNotificationCenter.h"
-#include "FakePaneHost.h"
-#include "NotificationRecorder.h"
-#include "platform/PropertyList.h"
-#include "TestEnvironment.h"
-#include "common/VTDefaultsController.h"
-#include "prefpane/VantorPref.h"
+// The pane driven as the host drives it, on a real session bus: start-up, the settings tab,
+// the notifications it answers and the bubbles of its icon.
 
-#include <QApplication>
+#include "FakeWorkspace.h"
+#include "NotificationRecorder.h"
+#include "PaneFixture.h"
+#include "RecordingAlerts.h"
+#include "common/Notifications.h"
+#include "common/VTDefaultsController.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "platform/PropertyList.h"
+#include "prefpane/BubbleLayer.h"
+
+#include <QCheckBox>
+#include <QFileInfo>
 #include <QLabel>
 #include <QPushButton>
 #include <QTabWidget>
 #include <QTest>
 
-// The pane driven as the host drives it, on a real session bus.
+#include <optional>
+
 class TestVantorPref : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
     void initTestCase();
+    void init();
     void startUpAnnouncesVersionThenUpdateChoice();
     void visibleChangePostsOnce();
-    void otherContextsAreIgnored();
     void showHistoryBringsFirstTab();
-    void quitNotificationTerminatesHost();
-    void selectPlacesSwitch_data();
-    void selectPlacesSwitch();
-    void unselectAsksInactiveHelperToQuit_data();
-    void unselectAsksInactiveHelperToQuit();
+    void boxesGoThroughTheStore_data();
+    void boxesGoThroughTheStore();
+    void buttons();
+    void clickedIconSendsOneBubbleThatIsRemoved();
+    void interruptedBubbleStays();
+    void eachBubbleIsRemovedByItsOwnAnimation();
+    void pathGeometry_data();
+    void pathGeometry();
+    void opacityKeyFrames_data();
+    void opacityKeyFrames();
 
 private:
+    VantorPref &pane() { return m_ui->pane; }
     VTDefaultsController *store() const { return VTDefaultsController::sharedDefaultsController(); }
+    template <typename T>
+    T *child(const char *name)
+    {
+        return pane().mainView()->findChild<T *>(QLatin1String(name));
+    }
+    QList<BubbleLayer *> bubbles() { return pane().iconLayer()->findChildren<BubbleLayer *>(); }
+    // A point of the layer in the icon's y-up coordinates.
+    QPointF iconPoint(const QPointF &p) { return {p.x(), pane().iconLayer()->height() - p.y()}; }
 
     TestEnvironment m_env;
-    FakePaneHost m_host;
-    VantorPref m_pane;
-    QString m_bundleVersion;
+    RecordingAlerts m_alerts;
+    FakeWorkspace m_workspace;
+    std::optional<PaneFixture> m_ui;
+    QStringList m_startUpNames;
+    QList<QVariantMap> m_startUpInfos;
 };
 
 void TestVantorPref::initTestCase()
 {
-    Bundle *bundle = Bundle::bundleWithPath(TestEnvironment::paneBundle());
-    QVERIFY(bundle);
-    m_bundleVersion = bundle->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString();
-    QVERIFY(!m_bundleVersion.isEmpty());
-    m_pane.initWithBundle(bundle, &m_host);
-    QCOMPARE(m_pane.mainNibName(), QStringLiteral("VantorPref"));
-    m_host.window = m_pane.loadMainView();
-    QVERIFY(m_host.window);
+    // Stored before the pane loads: the boxes must start from the file, not from their defaults.
+    VTDefaultsController::create();
+    store()->setVisible(false);
+    m_ui.emplace();
+    NotificationRecorder recorder;
+    pane().mainViewDidLoad();
+    recorder.settle();
+    m_startUpNames = recorder.names();
+    m_startUpInfos = recorder.userInfos();
+}
+
+void TestVantorPref::init()
+{
+    pane().tabView->setCurrentWidget(child<QWidget>("settingsTab"));
 }
 
 void TestVantorPref::startUpAnnouncesVersionThenUpdateChoice()
 {
-    NotificationRecorder recorder;
-    m_pane.mainViewDidLoad();
-    recorder.settle();
-
-    QCOMPARE(m_pane.versionNumberTextField->text(), m_bundleVersion);
-    QCOMPARE(recorder.names(), QStringList({"com.quillfen.vantor.version", "vantorHelperEnableUpdates"}));
-    QCOMPARE(recorder.userInfos().first(), QVariantMap({{"version", m_bundleVersion}}));
+    const QString version = Bundle::bundleWithPath(TestEnvironment::paneBundle())
+                                ->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion"))
+                                .toString();
+    QVERIFY(!version.isEmpty());
+    QCOMPARE(pane().versionNumberTextField->text(), version);
+    QCOMPARE(m_startUpNames, QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
+    QCOMPARE(m_startUpInfos.first(), QVariantMap({{QStringLiteral("version"), version}}));
     // The first run is marked done.
-    const QVariantMap file =
-        PropertyList::readFile(m_env.productFolder() + QStringLiteral("/defaults.plist"))->toMap();
-    QCOMPARE(file.value("firstRun"), QVariant(false));
+    const QVariantMap file = PropertyList::readFile(m_env.productFolder() + QStringLiteral("/defaults.plist"))->toMap();
+    QCOMPARE(file.value(QStringLiteral("firstRun")), QVariant(false));
     QVERIFY(!store()->firstRun());
 }
 
 void TestVantorPref::visibleChangePostsOnce()
 {
     NotificationRecorder recorder;
-    store()->setVisible(false);
-    store()->setHelperActive(true);
+    store()->setVisible(!store()->visible());
+    store()->setHelperActive(store()->helperActive());
     store()->setAutorunAtLogin(store()->autorunAtLogin());
+    // Observed only in the pane's own context.
+    pane().observeValueForKeyPath(QStringLiteral("visible"), store(), {}, nullptr);
+    pane().observeValueForKeyPath(QStringLiteral("helperActive"), store(), {}, &pane());
     recorder.settle();
-    QCOMPARE(recorder.count(QStringLiteral("com.quillfen.vantor.visible")), 1);
-    QCOMPARE(recorder.names().size(), 1);
-}
-
-void TestVantorPref::otherContextsAreIgnored()
-{
-    NotificationRecorder recorder;
-    m_pane.observeValueForKeyPath(QStringLiteral("visible"), store(), {}, nullptr);
-    m_pane.observeValueForKeyPath(QStringLiteral("helperActive"), store(), {}, &m_pane);
-    recorder.settle();
-    QVERIFY(recorder.names().isEmpty());
+    QCOMPARE(recorder.names(), QStringList{QLatin1String(Notifications::Visible)});
+    store()->setVisible(!store()->visible());
 }
 
 void TestVantorPref::showHistoryBringsFirstTab()
 {
-    m_pane.tabView->addTab(new QWidget, QStringLiteral("Other"));
-    m_pane.tabView->setCurrentIndex(1);
+    QVERIFY(pane().tabView->currentIndex() != 0);
     DistributedNotificationCenter::defaultCenter()->postNotificationName(QStringLiteral("showHistory"));
-    QTRY_COMPARE(m_pane.tabView->currentIndex(), 0);
+    QTRY_COMPARE(pane().tabView->currentIndex(), 0);
 }
 
-void TestVantorPref::quitNotificationTerminatesHost()
+void TestVantorPref::boxesGoThroughTheStore_data()
 {
-    DistributedNotificationCenter::defaultCenter()->postNotificationName(QStringLiteral("com.quillfen.vantor.quit"));
-    QTRY_COMPARE(m_host.terminations, 1);
+    QTest::addColumn<QString>("box");
+    QTest::addColumn<QString>("key");
+    QTest::addColumn<QString>("property");
+    QTest::addColumn<bool>("stored"); // as the file was before the pane loaded
+    QTest::addColumn<QString>("notification"); // posted when the box is switched on
+    QTest::addColumn<QString>("offNotification");
+    QTest::newRow("visible") << "visibleCheckBox"
+                             << "visible"
+                             << "visible" << false << Notifications::Visible << Notifications::Visible;
+    QTest::newRow("checkUpdates") << "checkUpdatesCheckBox"
+                                  << "checkUpdates"
+                                  << "checkForUpdates" << true << Notifications::HelperEnableUpdates
+                                  << Notifications::HelperDisableUpdates;
+    QTest::newRow("runAtLogin") << "runAtLoginCheckBox"
+                                << "runAtLogin"
+                                << "autorunAtLogin" << true << QString() << QString();
 }
 
-void TestVantorPref::selectPlacesSwitch_data()
+void TestVantorPref::boxesGoThroughTheStore()
 {
-    QTest::addColumn<bool>("active");
-    QTest::addColumn<int>("x");
-    QTest::newRow("off") << false << 89;
-    QTest::newRow("on") << true << 142;
+    QFETCH(QString, box);
+    QFETCH(QString, key);
+    QFETCH(QString, property);
+    QFETCH(bool, stored);
+    QFETCH(QString, notification);
+    QFETCH(QString, offNotification);
+    QCheckBox *checkBox = child<QCheckBox>(qPrintable(box));
+    VTDefaultsController *store = this->store();
+    QCOMPARE(store->property(qPrintable(property)).toBool(), stored); // this function leaves it so
+    QCOMPARE(checkBox->isChecked(), stored);
+
+    for (const bool on : {!stored, stored}) {
+        NotificationRecorder recorder;
+        // On the box itself: a wide check box takes clicks only on its box and label.
+        QTest::mouseClick(checkBox, Qt::LeftButton, {}, QPoint(8, checkBox->height() / 2));
+        QCOMPARE(checkBox->isChecked(), on);
+        // In the file the helper reads, under the file's own key.
+        const QString onDisk = TestEnvironment::pythonPlist(m_env.productFolder() + QStringLiteral("/defaults.plist"));
+        QVERIFY2(
+            onDisk.contains(QStringLiteral("'%1': %2").arg(key, on ? QStringLiteral("True") : QStringLiteral("False"))),
+            qPrintable(onDisk));
+        recorder.settle();
+        const QString expected = on ? notification : offNotification;
+        if (!expected.isEmpty())
+            QCOMPARE(recorder.count(expected), 1);
+    }
+
+    // A change made elsewhere shows in the box.
+    for (const bool value : {!stored, stored}) {
+        QVERIFY(store->setProperty(qPrintable(property), value));
+        QCOMPARE(checkBox->isChecked(), value);
+    }
 }
 
-void TestVantorPref::selectPlacesSwitch()
+void TestVantorPref::buttons()
 {
-    QFETCH(bool, active);
-    QFETCH(int, x);
-    store()->setHelperActive(active);
-    m_host.activations.clear();
-    m_pane.didSelect();
-
-    QCOMPARE(m_host.activations, QList<bool>{false});
-    QCOMPARE(m_pane.toggleActiveButton->isChecked(), active);
-    // 86 above the bottom of its superview, 40 by 25, with no animation.
-    const int superviewHeight = m_pane.toggleActiveButton->parentWidget()->height();
-    QCOMPARE(m_pane.toggleActiveButton->geometry(), QRect(x, superviewHeight - 86 - 25, 40, 25));
-}
-
-void TestVantorPref::unselectAsksInactiveHelperToQuit_data()
-{
-    QTest::addColumn<bool>("active");
-    QTest::addColumn<QStringList>("posted");
-    QTest::newRow("inactive") << false << QStringList{"vantorHelperShouldQuit"};
-    QTest::newRow("active") << true << QStringList();
-}
-
-void TestVantorPref::unselectAsksInactiveHelperToQuit()
-{
-    QFETCH(bool, active);
-    QFETCH(QStringList, posted);
-    store()->setHelperActive(active);
     NotificationRecorder recorder;
-    m_pane.didUnselect();
+    QTest::mouseClick(child<QPushButton>("checkNowButton"), Qt::LeftButton);
+    QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldCheckForUpdates)));
     recorder.settle();
-    QCOMPARE(recorder.names(), posted);
+    QCOMPARE(recorder.count(QLatin1String(Notifications::HelperShouldCheckForUpdates)), 1);
+
+    m_workspace.openedURLs.clear();
+    QTest::mouseClick(child<QPushButton>("helpButton"), Qt::LeftButton);
+    QCOMPARE(m_workspace.openedURLs, QList<QUrl>{VantorPref::faqAddress()});
+    QCOMPARE(VantorPref::faqAddress().scheme(), QStringLiteral("https"));
+
+    QTest::mouseClick(child<QPushButton>("uninstallButton"), Qt::LeftButton);
+    QVERIFY(pane().uninstallSheet->isVisible());
+    QCOMPARE(pane().uninstallSheet->parentWidget(), &m_ui->window);
+    pane().cancelSheet(nullptr);
+    QVERIFY(!pane().uninstallSheet->isVisible());
+    QVERIFY(QFileInfo::exists(TestEnvironment::paneBundle()));
+}
+
+void TestVantorPref::clickedIconSendsOneBubbleThatIsRemoved()
+{
+    QTest::mouseClick(pane().iconButton, Qt::LeftButton);
+    QCOMPARE(bubbles().size(), 1);
+    BubbleLayer *bubble = bubbles().first();
+    QCOMPARE(bubble->size(), QSize(20, 20));
+    QCOMPARE(iconPoint(bubble->position()), QPointF(100, 35));
+    QCOMPARE(bubble->presentationOpacity(), 0.0); // invisible until animated
+    QTRY_VERIFY(bubble->animationForKey(QStringLiteral("opacity")));
+    // Shown at once, not only once the fade begins.
+    QCOMPARE(bubble->presentationOpacity(), 1.0);
+    QTRY_COMPARE(bubbles().size(), 0);
+}
+
+void TestVantorPref::interruptedBubbleStays()
+{
+    pane().addBubble();
+    BubbleLayer *bubble = bubbles().first();
+    QTRY_VERIFY(bubble->animationForKey(QStringLiteral("opacity")));
+    bubble->animationForKey(QStringLiteral("opacity"))->stop();
+    QTest::qWait(400);
+    QCOMPARE(bubbles().size(), 1);
+    QCOMPARE(bubble->presentationOpacity(), 0.0);
+    bubble->removeFromSuperlayer();
+    QTRY_COMPARE(bubbles().size(), 0);
+}
+
+void TestVantorPref::eachBubbleIsRemovedByItsOwnAnimation()
+{
+    pane().addBubble();
+    pane().addBubble();
+    const QList<BubbleLayer *> both = bubbles();
+    QCOMPARE(both.size(), 2);
+    QTRY_VERIFY(both[0]->animationForKey(QStringLiteral("opacity"))
+                && both[1]->animationForKey(QStringLiteral("opacity")));
+    // The second's stop removes only the second, whatever the order.
+    pane().animationDidStop(both[1]->animationForKey(QStringLiteral("opacity")), true);
+    QCOMPARE(bubbles(), QList<BubbleLayer *>{both[0]});
+    QTRY_COMPARE(bubbles().size(), 0);
+}
+
+void TestVantorPref::pathGeometry_data()
+{
+    QTest::addColumn<qreal>("progress");
+    QTest::addColumn<QPointF>("expected");
+    QTest::newRow("start below the centre") << 0.0 << QPointF(100, 35);
+    QTest::newRow("arc passes lower right") << 0.25 << QPointF(100 + 15 * M_SQRT1_2, 50 - 15 * M_SQRT1_2);
+    QTest::newRow("arc ends right of centre") << 0.5 << QPointF(115, 50);
+    QTest::newRow("line midway") << 0.75 << QPointF(117.5, 92.5);
+    QTest::newRow("end") << 1.0 << QPointF(120, 135);
+}
+
+void TestVantorPref::pathGeometry()
+{
+    QFETCH(qreal, progress);
+    QFETCH(QPointF, expected);
+    std::unique_ptr<QVariantAnimation> animation(pane().bubbleAnimation());
+    QCOMPARE(animation->duration(), 300);
+    const QPointF at = static_cast<PathAnimation *>(animation.get())->pointAt(progress);
+    const QPointF p = iconPoint(at);
+    // The arc is drawn as a cubic curve: a quarter circle is met to within a hundredth.
+    QVERIFY2(QLineF(p, expected).length() < 0.05, qPrintable(QStringLiteral("(%1, %2)").arg(p.x()).arg(p.y())));
+    // The whole bubble is on its layer: nothing clipped.
+    QVERIFY(QRectF(pane().iconLayer()->rect()).contains(QRectF(at - QPointF(10, 10), QSizeF(20, 20))));
+}
+
+void TestVantorPref::opacityKeyFrames_data()
+{
+    QTest::addColumn<int>("ms");
+    QTest::addColumn<qreal>("opacity");
+    QTest::newRow("start") << 0 << 1.0;
+    QTest::newRow("three quarters") << 225 << 1.0;
+    QTest::newRow("fading") << 262 << 0.5067;
+    QTest::newRow("end") << 300 << 0.0;
+}
+
+void TestVantorPref::opacityKeyFrames()
+{
+    QFETCH(int, ms);
+    QFETCH(qreal, opacity);
+    std::unique_ptr<QVariantAnimation> animation(pane().opacityAnimation());
+    animation->setCurrentTime(ms);
+    QVERIFY(qAbs(animation->currentValue().toReal() - opacity) < 0.001);
 }
 
 QTEST_MAIN(TestVantorPref)

@@ -32,7 +32,7 @@ class TestVantorPrefLoginItem : public QObject
 private:
     TestEnvironment m_env;
     RecordingAlerts m_alerts; // the stand-in bundle has no history model
-    QString m_helper;
+    const QString m_helper = HelperIdentity::applicationPathInPane(m_env.root() + QStringLiteral("/with/Vantor.prefPane"));
     const QVariantMap m_mail = app(QStringLiteral("/usr/lib/Mail.app"));
     const QVariantMap m_notes = app(QStringLiteral("/opt/Notes.app"));
 
@@ -40,11 +40,11 @@ private:
     void writeList(const QVariantList &items)
     {
         QDir().mkpath(QFileInfo(listFile()).path());
-        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{"AutoLaunchedApplicationDictionary", items}}));
+        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), items}}));
     }
     QVariantList list() const
     {
-        return PreferencesDomain(QStringLiteral("loginwindow")).copyValue("AutoLaunchedApplicationDictionary").toList();
+        return PreferencesDomain(QStringLiteral("loginwindow")).copyValue(QStringLiteral("AutoLaunchedApplicationDictionary")).toList();
     }
     // A pane bundle of its own, with or without the helper inside.
     std::unique_ptr<VantorPref> pane(bool withHelper)
@@ -60,11 +60,7 @@ private:
     }
 
 private Q_SLOTS:
-    void init()
-    {
-        QFile::remove(listFile());
-        m_helper = HelperIdentity::applicationPathInPane(m_env.root() + QStringLiteral("/with/Vantor.prefPane"));
-    }
+    void init() { QFile::remove(listFile()); }
 
     void enableAppendsAfterOthers()
     {
@@ -80,23 +76,14 @@ private Q_SLOTS:
         QCOMPARE(items[0].toMap(), m_mail);
         QCOMPARE(items[1].toMap(), m_notes);
         const QVariantMap entry = items[2].toMap();
-        QCOMPARE(entry.value("Path").toString(), m_helper);
-        QCOMPARE(BDAlias(entry.value("AliasData").toByteArray()).fullPath(), QDir(m_helper).canonicalPath());
+        QCOMPARE(entry.value(QStringLiteral("Path")).toString(), m_helper);
+        QCOMPARE(BDAlias(entry.value(QStringLiteral("AliasData")).toByteArray()).fullPath(), QDir(m_helper).canonicalPath());
         // A third-party reader sees exactly the three keys, with their types.
         const QString seen = TestEnvironment::pythonPlist(listFile());
         // Python quotes bytes holding a ' with ".
         QVERIFY2(seen.contains(QRegularExpression(QStringLiteral("\\{'AliasData': b['\"]VTAL"))), qPrintable(seen));
         QVERIFY2(seen.endsWith(QStringLiteral("'Hide': False, 'Path': '%1'}]}").arg(m_helper)), qPrintable(seen));
         QCOMPARE(QFileInfo(listFile()).permissions() & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
-    }
-
-    void disableRemovesEveryHelperEntry()
-    {
-        writeList({app(QStringLiteral("/old/place/VantorHelper.app")), m_mail, app(m_helper), m_notes});
-        auto p = pane(true);
-        QVERIFY(p->autorunAtLogin());
-        p->setAutorunAtLogin(false);
-        QCOMPARE(list(), QVariantList({m_mail, m_notes}));
     }
 
     void regenerateLeavesOneFreshEntry()
@@ -107,34 +94,13 @@ private Q_SLOTS:
         const QVariantList items = list();
         QCOMPARE(items.size(), 2);
         QCOMPARE(items[0].toMap(), m_mail);
-        QCOMPARE(items[1].toMap().value("Path").toString(), m_helper);
-        QVERIFY(items[1].toMap().contains("AliasData"));
+        QCOMPARE(items[1].toMap().value(QStringLiteral("Path")).toString(), m_helper);
+        QVERIFY(items[1].toMap().contains(QStringLiteral("AliasData")));
 
         // No helper entry: start-up adds nothing.
         writeList({m_mail});
         p->regenerateAutologinItem();
         QCOMPARE(list(), QVariantList({m_mail}));
-    }
-
-    void presentValueWritesNothing_data()
-    {
-        QTest::addColumn<bool>("value");
-        QTest::newRow("on") << true;
-        QTest::newRow("off") << false;
-    }
-    void presentValueWritesNothing()
-    {
-        QFETCH(bool, value);
-        writeList(value ? QVariantList{m_mail, app(m_helper)} : QVariantList{m_mail});
-        struct stat before = {};
-        ::stat(QFile::encodeName(listFile()).constData(), &before);
-        auto p = pane(true);
-        QSignalSpy changed(p.get(), &VantorPref::autorunAtLoginChanged);
-        p->setAutorunAtLogin(value);
-        struct stat after = {};
-        ::stat(QFile::encodeName(listFile()).constData(), &after);
-        QCOMPARE(after.st_ino, before.st_ino); // an atomic write would have made a new file
-        QCOMPARE(changed.count(), 0);
     }
 
     void suffixRule_data()
@@ -150,23 +116,56 @@ private Q_SLOTS:
     {
         QFETCH(QString, path);
         QFETCH(bool, matches);
-        writeList({path.isNull() ? QVariantMap{{"Hide", true}} : app(path)});
+        writeList({path.isNull() ? QVariantMap{{QStringLiteral("Hide"), true}} : app(path)});
         QCOMPARE(pane(true)->autorunAtLogin(), matches);
     }
 
-    void noListStaysAbsent()
+    void setWritesOnlyAChange_data()
     {
-        auto p = pane(true);
-        p->setAutorunAtLogin(true);
-        QVERIFY(!p->autorunAtLogin());
-        QVERIFY(!QFileInfo::exists(listFile()));
+        QTest::addColumn<bool>("withList");
+        QTest::addColumn<QVariantList>("before");
+        QTest::addColumn<bool>("withHelper");
+        QTest::addColumn<bool>("value");
+        QTest::addColumn<QVariantList>("after");
+        QTest::addColumn<int>("changes");
+        const QVariantMap old = app(QStringLiteral("/old/place/VantorHelper.app")), helper = app(m_helper);
+        QTest::newRow("off removes every helper entry") << true << QVariantList{old, m_mail, helper, m_notes} << true
+                                                        << false << QVariantList{m_mail, m_notes} << 1;
+        QTest::newRow("no helper inside: an empty entry")
+            << true << QVariantList{m_mail} << false << true << QVariantList{m_mail, QVariantMap()} << 1;
+        QTest::newRow("on already") << true << QVariantList{m_mail, helper} << true << true
+                                    << QVariantList{m_mail, helper} << 0;
+        QTest::newRow("off already") << true << QVariantList{m_mail} << true << false << QVariantList{m_mail} << 0;
+        QTest::newRow("no list stays absent") << false << QVariantList() << true << true << QVariantList() << 0;
     }
-
-    void noHelperGivesEmptyEntry()
+    void setWritesOnlyAChange()
     {
-        writeList({m_mail});
-        pane(false)->setAutorunAtLogin(true);
-        QCOMPARE(list(), QVariantList({m_mail, QVariantMap()}));
+        QFETCH(bool, withList);
+        QFETCH(QVariantList, before);
+        QFETCH(bool, withHelper);
+        QFETCH(bool, value);
+        QFETCH(QVariantList, after);
+        QFETCH(int, changes);
+        if (withList)
+            writeList(before);
+        const auto inode = [this] {
+            struct stat st = {};
+            ::stat(QFile::encodeName(listFile()).constData(), &st);
+            return st.st_ino;
+        };
+        const ino_t was = inode();
+        auto p = pane(withHelper);
+        QSignalSpy changed(p.get(), &VantorPref::autorunAtLoginChanged);
+        p->setAutorunAtLogin(value);
+        QCOMPARE(list(), after);
+        QCOMPARE(QFileInfo::exists(listFile()), withList);
+        if (!withList) {
+            QVERIFY(!p->autorunAtLogin());
+            return;
+        }
+        QCOMPARE(changed.count(), changes);
+        if (!changes) // an atomic write would have made a new file
+            QCOMPARE(inode(), was);
     }
 
     void storeDrivesLoginItem()

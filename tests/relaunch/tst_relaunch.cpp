@@ -14,11 +14,9 @@
 #include <QScopeGuard>
 #include <QTest>
 
-#include <unistd.h>
-#include <QUuid>
-
 #include <climits>
 #include <csignal>
+#include <unistd.h>
 
 namespace {
 
@@ -30,6 +28,14 @@ QString relaunchTool()
 QList<int> processesWithToken(const QByteArray &token, const QString &executable = {})
 {
     return TestEnvironment::processesWithEnvironment(token, executable).keys();
+}
+
+// A script of the test's own that the tool may start.
+QString script(const QString &path, const QByteArray &text)
+{
+    TestEnvironment::writeFile(path, "#!/bin/sh\n" + text);
+    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    return path;
 }
 
 } // namespace
@@ -58,7 +64,8 @@ void TestRelaunch::badArguments_data()
     QTest::newRow("no pid") << QStringList{QStringLiteral("/bin/true")} << 2;
     QTest::newRow("pid not a number") << QStringList{QStringLiteral("/bin/true"), QStringLiteral("12x")} << 2;
     QTest::newRow("pid negative") << QStringList{QStringLiteral("/bin/true"), QStringLiteral("-5")} << 2;
-    QTest::newRow("application missing") << QStringList{m_env.root() + QStringLiteral("/nothing"), QStringLiteral("1")} << 1;
+    QTest::newRow("application missing") << QStringList{m_env.root() + QStringLiteral("/nothing"), QStringLiteral("1")}
+                                         << 1;
 }
 
 void TestRelaunch::badArguments()
@@ -78,8 +85,9 @@ void TestRelaunch::startsAgainAsItWas()
     const QString marker = m_env.root() + QStringLiteral("/first-run");
     const QString record = m_env.root() + QStringLiteral("/second-run");
     const QString script = m_env.root() + QStringLiteral("/app.sh");
-    TestEnvironment::writeFile(script, "if [ -e \"$MARKER\" ]; then echo \"$* $FLAVOUR $(pwd)\" > \"$RECORD\"; exit 0; fi\n"
-                                       "touch \"$MARKER\"; sleep 0.5\n");
+    TestEnvironment::writeFile(script,
+                               "if [ -e \"$MARKER\" ]; then echo \"$* $FLAVOUR $(pwd)\" > \"$RECORD\"; exit 0; fi\n"
+                               "touch \"$MARKER\"; sleep 0.5\n");
     QProcess app;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
     env.insert(QStringLiteral("MARKER"), marker);
@@ -96,7 +104,8 @@ void TestRelaunch::startsAgainAsItWas()
     QVERIFY(tool.waitForFinished(10000));
     QCOMPARE(tool.exitCode(), 0);
     QVERIFY(app.state() == QProcess::NotRunning || app.waitForFinished(1000));
-    QTRY_COMPARE(TestEnvironment::readFile(record), QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
+    QTRY_COMPARE(TestEnvironment::readFile(record),
+                 QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
 }
 
 // The ended process's output was a pipe whose reader has gone too; the application started
@@ -104,14 +113,13 @@ void TestRelaunch::startsAgainAsItWas()
 void TestRelaunch::survivesClosedOutput()
 {
     const QString record = m_env.root() + QStringLiteral("/after-output");
-    const QString script = m_env.root() + QStringLiteral("/talker.sh");
-    TestEnvironment::writeFile(script, "#!/bin/sh\nsleep 0.5\necho one line >&2\necho out\necho alive > '"
-                                           + QFile::encodeName(record) + "'\n");
-    QFile::setPermissions(script, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    const QString talker =
+        script(m_env.root() + QStringLiteral("/talker.sh"),
+               "sleep 0.5\necho one line >&2\necho out\necho alive > '" + QFile::encodeName(record) + "'\n");
     {
         QProcess tool;
         // A process id that has already ended: the application starts at once.
-        tool.start(relaunchTool(), {script, QStringLiteral("%1").arg(INT_MAX)});
+        tool.start(relaunchTool(), {talker, QString::number(INT_MAX)});
         QVERIFY(tool.waitForFinished(5000));
         QCOMPARE(tool.exitCode(), 0);
     } // the tool's pipes are closed here, before the application writes
@@ -135,9 +143,10 @@ void TestRelaunch::hostComesBackAfterUpdate()
     if (sharedTmp && QFileInfo::exists(planted))
         QSKIP("/tmp/relaunch already exists on this machine");
     const QString plantedRan = m_env.root() + QStringLiteral("/planted-ran");
-    TestEnvironment::writeFile(planted, "#!/bin/sh\ntouch '" + QFile::encodeName(plantedRan) + "'\n");
-    QFile::setPermissions(planted, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther
-                                       | QFile::ExeOther | QFile::WriteOther);
+    script(planted, "touch '" + QFile::encodeName(plantedRan) + "'\n");
+    QFile::setPermissions(planted,
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther | QFile::ExeOther
+                              | QFile::WriteOther);
     if (sharedTmp && ::geteuid() == 0)
         QVERIFY(::chown(QFile::encodeName(planted).constData(), 65534, 65534) == 0); // another user's
     auto removePlanted = qScopeGuard([&] {
@@ -146,12 +155,11 @@ void TestRelaunch::hostComesBackAfterUpdate()
     });
     const QStringList copiesBefore = QDir(tmpBase).entryList({QStringLiteral("vantor-*")}, QDir::Dirs);
 
-    const QByteArray token = "VANTOR_TEST_TOKEN=" + QUuid::createUuid().toByteArray(QUuid::WithoutBraces);
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    QByteArray token;
+    QProcessEnvironment env = TestEnvironment::markedEnvironment(&token);
     env.remove(QStringLiteral("XDG_RUNTIME_DIR"));
     if (sharedTmp)
         env.remove(QStringLiteral("TMPDIR"));
-    env.insert(QString::fromLatin1(token.split('=').first()), QString::fromLatin1(token.split('=').last()));
     NotificationRecorder recorder;
     QProcess host;
     host.setProcessEnvironment(env);
@@ -168,10 +176,14 @@ void TestRelaunch::hostComesBackAfterUpdate()
     center->postNotificationName(QLatin1String(Notifications::Quit));
     QVERIFY(host.waitForFinished(10000));
 
-    QList<int> again;
-    QTRY_VERIFY_WITH_TIMEOUT(!(again = processesWithToken(token, TestEnvironment::hostExecutable())).isEmpty(), 30000);
+    // Back as it was started, though it had gone before the tool could look at it.
+    QMap<int, QList<QByteArray>> again;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        !(again = TestEnvironment::processesWithEnvironment(token, TestEnvironment::hostExecutable())).isEmpty(),
+        30000);
     QCOMPARE(again.size(), 1);
-    QVERIFY(again.first() != int(host.processId()));
+    QVERIFY(again.firstKey() != int(host.processId()));
+    QCOMPARE(again.first().mid(1), (QList<QByteArray>{"--pane", QFile::encodeName(TestEnvironment::paneBundle())}));
     QVERIFY(!QFileInfo::exists(plantedRan));
     QStringList copies = QDir(tmpBase).entryList({QStringLiteral("vantor-*")}, QDir::Dirs);
     for (const QString &old : copiesBefore)

@@ -149,14 +149,10 @@ void TestDamagedHistory::damagedStore()
     } else {
         QVERIFY(QFile::copy(m_sound, path));
         QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
-        if (damage == QLatin1String("header"))
-            QVERIFY(QFile::resize(path, 60));
-        if (damage == QLatin1String("half"))
-            QVERIFY(QFile::resize(path, QFileInfo(path).size() / 2));
-        if (damage == QLatin1String("zero-first"))
-            overwrite(path, 0, QByteArray(kPage, '\0'));
-        if (damage == QLatin1String("zero-inner"))
-            overwrite(path, 5 * kPage, QByteArray(4 * kPage, '\0'));
+        if (damage == QLatin1String("header") || damage == QLatin1String("half"))
+            QVERIFY(QFile::resize(path, damage == QLatin1String("header") ? 60 : QFileInfo(path).size() / 2));
+        if (damage == QLatin1String("zero-first") || damage == QLatin1String("zero-inner"))
+            overwrite(path, damage == QLatin1String("zero-first") ? 0 : 5 * kPage, QByteArray(4 * kPage, '\0'));
         if (damage == QLatin1String("data"))
             overwrite(path, 10 * kPage, QByteArray(3 * kPage, '\xA5'));
         if (damage == QLatin1String("schema")) {

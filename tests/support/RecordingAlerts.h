@@ -4,17 +4,19 @@
 
 #include <QList>
 
-// Records every alert, sheet and presented error instead of showing it; installs itself as
-// the shared instance for its lifetime. Sheets end at once with their first button.
+// Records every alert, sheet (with the window it hangs on) and presented error instead of
+// showing it; installs itself as the shared instance for its lifetime. Sheets end at once
+// with their first button.
 class RecordingAlerts final : public Alerts
 {
 public:
     RecordingAlerts() { Alerts::setShared(this); }
     ~RecordingAlerts() override { Alerts::setShared(nullptr); }
 
-    void beginSheet(QWidget *, const Alert &alert, std::function<void(int)> done) override
+    void beginSheet(QWidget *window, const Alert &alert, std::function<void(int)> done) override
     {
         sheets.append(alert);
+        sheetWindows.append(window);
         if (done)
             done(0);
     }
@@ -29,12 +31,14 @@ public:
     void clear()
     {
         sheets.clear();
+        sheetWindows.clear();
         modals.clear();
         errors.clear();
         beeps = 0;
     }
 
     QList<Alert> sheets;
+    QList<QWidget *> sheetWindows;
     QList<Alert> modals;
     QList<PresentableError> errors;
     int beeps = 0;

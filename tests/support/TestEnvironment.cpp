@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QUuid>
 
 TestEnvironment::TestEnvironment()
 {
@@ -112,4 +113,25 @@ QString TestEnvironment::sqlite(const QString &database, const QString &sql)
     shell.start(QStringLiteral("sqlite3"), {QStringLiteral("-cmd"), QStringLiteral(".timeout 5000"), database, sql});
     shell.waitForFinished(30000);
     return QString::fromUtf8(shell.readAllStandardOutput() + shell.readAllStandardError()).trimmed();
+}
+
+QProcessEnvironment TestEnvironment::markedEnvironment(QByteArray *token)
+{
+    const QString id = QUuid::createUuid().toString(QUuid::WithoutBraces);
+    *token = "VANTOR_TEST_TOKEN=" + id.toLatin1();
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("VANTOR_TEST_TOKEN"), id);
+    return env;
+}
+
+bool TestEnvironment::runAutostart() const
+{
+    QProcess dex;
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("XDG_CONFIG_DIRS"), root() + QStringLiteral("/no-system-config"));
+    env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    dex.setProcessEnvironment(env);
+    dex.setProcessChannelMode(QProcess::ForwardedChannels);
+    dex.start(QStringLiteral("dex"), {QStringLiteral("-a"), QStringLiteral("-w")});
+    return dex.waitForFinished(60000) && dex.exitStatus() == QProcess::NormalExit && dex.exitCode() == 0;
 }

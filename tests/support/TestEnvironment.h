@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QMap>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QTemporaryDir>
 
@@ -43,6 +44,13 @@ public:
     // Those on this test's own session bus (other tests start theirs at the same time).
     static QMap<int, QList<QByteArray>> processesOnThisBus(const QString &executable);
     static QString helperExecutable();
+    // This process's environment with a fresh "VANTOR_TEST_TOKEN=<uuid>" entry (returned in
+    // token), so what is started with it, and what that starts, is found by its token.
+    static QProcessEnvironment markedEnvironment(QByteArray *token);
+
+    // The session's autostart runner (dex) over this home alone, without system-wide entries
+    // or this test's display platform; true when it ran and succeeded.
+    bool runAutostart() const;
 
 private:
     QTemporaryDir m_dir;

@@ -1,0 +1,62 @@
+// The history controller made while its store cannot be: made once per process, so a suite
+// of its own.
+
+#include "RecordingAlerts.h"
+#include "TestEnvironment.h"
+#include "common/VTUtil.h"
+#include "platform/Bundle.h"
+#include "prefpane/ArrayController.h"
+#include "prefpane/HistoryArrayModel.h"
+#include "prefpane/VTHistoryController.h"
+
+#include <QApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QTest>
+
+class TestUnattachableStore : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void twoErrorsPerRequestThenRetried()
+    {
+        QVERIFY(Bundle::bundleWithPath(TestEnvironment::paneBundle()));
+        // A plain file where the product folder should be: the store cannot be made under it.
+        TestEnvironment::writeFile(m_env.productFolder(), "in the way");
+        QVERIFY(VTHistoryController::create());
+        QVERIFY(!VTHistoryController::create());
+        QCOMPARE(m_alerts.errors.size(), 2);
+        QCOMPARE(m_alerts.errors.at(0).domain, QStringLiteral("org.sqlite"));
+        QCOMPARE(m_alerts.errors.at(1).domain, QStringLiteral("com.quillfen.vantor.error"));
+        QCOMPARE(m_alerts.errors.at(1).code, 9999);
+        QCOMPARE(m_alerts.errors.at(1).localizedDescription, QStringLiteral("Failed to initialize the store"));
+        VTHistoryController *controller = VTHistoryController::sharedHistoryController();
+        QCOMPARE(controller->totalSavings(), quint64(0));
+        QCOMPARE(controller->historyArray()->rowCount(), 0);
+        QVERIFY(!controller->folders());
+
+        QVERIFY(!controller->managedObjectContext());
+        QCOMPARE(m_alerts.errors.size(), 4);
+
+        // Once the folder can be made, the next request attaches a new store.
+        QFile::remove(m_env.productFolder());
+        VTUtil::forgetApplicationSupportFolder();
+        m_alerts.clear();
+        QVERIFY(controller->managedObjectContext());
+        QVERIFY(m_alerts.errors.isEmpty());
+        const QString store = m_env.productFolder() + QStringLiteral("/history.db");
+        QVERIFY(TestEnvironment::sqlite(store, QStringLiteral(".schema ZHISTORY"))
+                    .contains(QLatin1String("ZSAVINGS INTEGER NOT NULL")));
+        QCOMPARE(QFileInfo(store).permissions() & 0x0077, QFileDevice::Permissions());
+        QVERIFY(!controller->folders());
+        QVERIFY(controller->folderAliases().isEmpty());
+    }
+
+private:
+    TestEnvironment m_env;
+    RecordingAlerts m_alerts;
+};
+
+QTEST_MAIN(TestUnattachableStore)
+#include "tst_unattachablestore.moc"
