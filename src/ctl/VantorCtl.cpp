@@ -16,6 +16,8 @@
 #include "platform/ProcessInfo.h"
 
 #include <QDBusConnection>
+#include <QDeadlineTimer>
+#include <QThread>
 #include <QDBusConnectionInterface>
 #include <QDir>
 #include <QFile>
@@ -241,6 +243,11 @@ int VantorCtl::setActive(bool active)
     const QString pane = paneBundle();
     if (pane.isEmpty())
         return Failed;
+    // The setting must land somewhere even on an account no Vantor program has run on yet.
+    if (QString error; !FileManager::ensureApplicationSupportDirectory(&error)) {
+        fail(error);
+        return Failed;
+    }
     const HelperLauncher launcher(Bundle::bundleWithPath(pane));
     const bool bus = DistributedNotificationCenter::defaultCenter()->isConnected();
     bool failed = false;
@@ -255,6 +262,11 @@ int VantorCtl::setActive(bool active)
         if (!launch || !launch->application) {
             fail(QStringLiteral("the helper could not be started: %1")
                      .arg(launch ? launch->error : QStringLiteral("%1 holds no helper").arg(pane)));
+            failed = true;
+        } else if (!waitForHelper()) {
+            fail(QStringLiteral("the helper was started but did not reach the session bus within %1 s; "
+                                "see its log in ~/.local/state/vantor/")
+                     .arg(kHelperStartSeconds));
             failed = true;
         }
     }
@@ -274,6 +286,22 @@ int VantorCtl::setActive(bool active)
     }
     flush();
     return failed ? Failed : Done;
+}
+
+// A script runs "vantorctl on && vantorctl add DIR": the helper must be listening before "on"
+// returns, or the request of the next command would reach nobody. Started in the background,
+// it takes its bus name once it has subscribed.
+bool VantorCtl::waitForHelper()
+{
+    // Our own child counts as running from its start; only its bus name says it listens.
+    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
+    QDeadlineTimer deadline(kHelperStartSeconds * 1000);
+    while (!bus->isServiceRegistered(HelperIdentity::busName()).value()) {
+        if (deadline.hasExpired())
+            return false;
+        QThread::msleep(50);
+    }
+    return true;
 }
 
 QString VantorCtl::paneBundle()

@@ -32,6 +32,8 @@ private:
 
     // The pane bundle: given with --pane, else the installed one. Empty with a message when none.
     QString paneBundle();
+    static bool waitForHelper();
+    static constexpr int kHelperStartSeconds = 10;
     bool readHistory(HistorySnapshot *snapshot);
     // Whether requests can reach the helper now; false with the reason told.
     bool helperCanBeAsked();

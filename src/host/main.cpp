@@ -28,20 +28,6 @@ void printLine(FILE *stream, const QString &line)
     std::fflush(stream);
 }
 
-// The desktop keeps a per-user data folder the way the original platform keeps Application
-// Support: it is there before any application runs. A fresh account may lack it, so the
-// host, playing the platform's part, makes it (0700 as the XDG rules ask).
-void ensureUserDataFolder()
-{
-    const QStringList dirs = FileManager::applicationSupportDirectories();
-    if (!dirs.isEmpty() && !QDir().exists(dirs.first())) {
-        if (!QDir().mkpath(dirs.first()))
-            qCWarning(lcHost).noquote() << QStringLiteral("cannot create %1").arg(dirs.first());
-        else
-            QFile::setPermissions(dirs.first(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    }
-}
-
 } // namespace
 
 int main(int argc, char *argv[])
@@ -70,7 +56,8 @@ int main(int argc, char *argv[])
     parser.process(app);
 
     ProcessInfo::processInfo()->installTerminationHandler();
-    ensureUserDataFolder();
+    if (QString error; !FileManager::ensureApplicationSupportDirectory(&error))
+        qCWarning(lcHost).noquote() << error;
     LoginWindowSetup::ensure();
 
     // A render nobody watches cannot wait for someone to dismiss an alert.

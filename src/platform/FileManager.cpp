@@ -59,6 +59,19 @@ QString madeTemporaryDirectory()
 
 } // namespace
 
+bool FileManager::ensureApplicationSupportDirectory(QString *error)
+{
+    const QStringList dirs = applicationSupportDirectories();
+    if (dirs.isEmpty() || QDir().exists(dirs.first()))
+        return true;
+    if (!QDir().mkpath(dirs.first())) {
+        if (error)
+            *error = QStringLiteral("cannot create %1").arg(dirs.first());
+        return false;
+    }
+    return QFile::setPermissions(dirs.first(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}
+
 QStringList FileManager::applicationSupportDirectories()
 {
     const QString dataHome = envPath("XDG_DATA_HOME");

@@ -17,6 +17,10 @@ public:
     // The user's application-data folders, most important first: $XDG_DATA_HOME when it is
     // an absolute path, else $HOME/.local/share when $HOME is absolute; empty when neither is.
     static QStringList applicationSupportDirectories();
+    // The desktop keeps the first of those before any application runs, as the original
+    // platform keeps Application Support. A fresh account may lack it, so a program that is
+    // the user's first (the host, the command line) makes it, 0700 as the XDG rules ask.
+    static bool ensureApplicationSupportDirectory(QString *error = nullptr);
 
     // A folder only this user can reach, ending in '/': $XDG_RUNTIME_DIR/vantor/ (made 0700,
     // and used only while it is ours, a real folder and 0700), else a fresh mkdtemp folder

@@ -12,7 +12,8 @@ waitFor() {
     echo "session.sh: no $2 in vantorctl $1" >&2
     return 1
 }
-ctl on && waitFor status '"helperRunning": true' && ctl add "$folder" && waitFor list '"status": 100'
+# As a script would: "on" returns once the helper listens.
+ctl on && ctl add "$folder" && waitFor list '"status": 100'
 result=$?
 ctl list --json
 ctl off && waitFor status '"helperRunning": false'
