@@ -25,6 +25,8 @@ public:
     // file (its later writes are compressed, and a chunk that does not shrink does not turn
     // compression off for the whole file).
     static bool setCompressionProperty(int fd);
+    // Sets it only where it is not set yet: a rescan then changes nothing on disk.
+    static bool ensureCompressionProperty(int fd);
     // True when every extent of the file is already stored compressed.
     static bool isCompressed(int fd);
 

@@ -2,187 +2,163 @@
 
 #include "BtrfsCompressor.h"
 #include "CompressionModel.h"
-#include "VTExclusionRules.h"
+#include "FileCompressor.h"
+#include "FolderWalker.h"
+#include "FolderWatch.h"
+#include "SettleQueue.h"
+#include "HelperLog.h"
 
+#include <QDateTime>
+#include <QDeadlineTimer>
 #include <QFile>
 
-#include <cerrno>
-#include <optional>
-#include <thread>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-// Items of a folder that could not be opened, told once per folder rather than lost silently.
-struct Unreadable {
-    qsizetype count = 0;
-    int firstError = 0;
-    void add(int error)
-    {
-        if (count++ == 0)
-            firstError = error;
-    }
-};
+// How long the cache may stay behind the files it describes; a helper killed meanwhile
+// only looks at those files again.
+constexpr qint64 kCacheSaveMs = 60000;
 
-// Every regular file below folder (relative byte paths), not crossing into other file
-// systems; sets the compression property on each folder on the way so new files inherit it.
-QList<QByteArray> collectFiles(int folderFd, const QByteArray &folder, Unreadable *unreadable)
+QByteArray joined(const QByteArray &folder, const QByteArray &name)
 {
-    QList<QByteArray> files;
-    struct stat top {};
-    ::fstat(folderFd, &top);
-    QList<QByteArray> pending{QByteArray()};
-    while (!pending.isEmpty()) {
-        const QByteArray relative = pending.takeLast();
-        const int fd = relative.isEmpty() ? ::dup(folderFd)
-                                          : ::openat(folderFd, relative.constData(),
-                                                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (fd < 0) {
-            // Gone meanwhile is no fault; too deep to name or not ours to read is.
-            if (errno != ENOENT)
-                unreadable->add(errno);
-            continue;
-        }
-        struct stat st {};
-        if (::fstat(fd, &st) != 0 || st.st_dev != top.st_dev) {
-            ::close(fd);
-            continue;
-        }
-        BtrfsCompressor::setCompressionProperty(fd);
-        DIR *dir = ::fdopendir(fd);
-        if (!dir) {
-            ::close(fd);
-            continue;
-        }
-        while (const struct dirent *entry = ::readdir(dir)) {
-            const QByteArray name(entry->d_name);
-            if (name == "." || name == "..")
-                continue;
-            const QByteArray path = relative.isEmpty() ? name : relative + '/' + name;
-            unsigned char type = entry->d_type;
-            if (type == DT_UNKNOWN) {
-                struct stat child {};
-                if (::fstatat(folderFd, path.constData(), &child, AT_SYMLINK_NOFOLLOW) != 0)
-                    continue;
-                type = S_ISDIR(child.st_mode) ? DT_DIR : S_ISREG(child.st_mode) ? DT_REG : DT_UNKNOWN;
-            }
-            // Names may be any bytes; the rules speak Unicode, so decode as the file system would.
-            if (VTExclusionRules::mustExcludePath(QFile::decodeName(folder + '/' + path)))
-                continue;
-            if (type == DT_DIR)
-                pending.append(path);
-            else if (type == DT_REG)
-                files.append(path);
-        }
-        ::closedir(dir);
-    }
-    return files;
+    return folder.isEmpty() ? name : folder + '/' + name;
 }
 
-// Estimates handed from the estimating thread to the compressing one, a few files ahead.
-class EstimateQueue
+bool isBelow(const QByteArray &path, const QByteArray &folder)
 {
-public:
-    struct Entry {
-        QByteArray path;
-        qint64 estimate;
-        int error = 0; // why the file could not be opened, if it could not
-    };
-    static constexpr qsizetype kAhead = 32;
+    return folder.isEmpty() || path == folder || (path.startsWith(folder) && path.at(folder.size()) == '/');
+}
 
-    // False once the consumer has closed the queue.
-    bool push(Entry entry)
-    {
-        QMutexLocker locker(&m_lock);
-        while (!m_closed && m_entries.size() >= kAhead)
-            m_changed.wait(&m_lock);
-        if (m_closed)
-            return false;
-        m_entries.append(std::move(entry));
-        m_changed.wakeAll();
-        return true;
-    }
-    // Nothing once every file has been handed over or the queue was closed.
-    std::optional<Entry> pop(qsizetype expected)
-    {
-        QMutexLocker locker(&m_lock);
-        while (!m_closed && m_entries.isEmpty() && m_popped < expected)
-            m_changed.wait(&m_lock);
-        if (m_entries.isEmpty())
-            return std::nullopt;
-        ++m_popped;
-        m_changed.wakeAll();
-        return m_entries.takeFirst();
-    }
-    void close()
-    {
-        QMutexLocker locker(&m_lock);
-        m_closed = true;
-        m_changed.wakeAll();
-    }
-
-private:
-    QMutex m_lock;
-    QWaitCondition m_changed;
-    QList<Entry> m_entries;
-    qsizetype m_popped = 0;
-    bool m_closed = false;
-};
-
-int openForReading(int folderFd, const QByteArray &path)
+qint64 nowMs()
 {
-    // Reading must not change the file's access time; only its owner may ask for that.
-    int fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME);
-    if (fd < 0 && errno == EPERM)
-        fd = ::openat(folderFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    return fd;
+    return QDateTime::currentMSecsSinceEpoch();
 }
 
 } // namespace
 
-CompressionWorker::CompressionWorker(QObject *parent)
+void CompressionWorker::Tally::set(const QByteArray &relative, qint64 savings)
+{
+    qint64 &entry = folders[relative];
+    total += savings - entry;
+    entry = savings;
+}
+
+void CompressionWorker::Tally::dropBelow(const QByteArray &relative)
+{
+    for (auto it = folders.begin(); it != folders.end();) {
+        if (isBelow(it.key(), relative)) {
+            total -= it.value();
+            it = folders.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+CompressionWorker::CompressionWorker(FolderWatch *watch, QObject *parent)
     : QThread(parent)
+    , m_watch(watch)
 {
 }
 
 CompressionWorker::~CompressionWorker()
 {
     stop();
+    for (const Folder &folder : std::as_const(m_folders))
+        ::close(folder.fd);
+    for (int fd : std::as_const(m_dropped))
+        ::close(fd);
 }
 
-void CompressionWorker::enqueue(qint64 id, const QByteArray &folder)
+void CompressionWorker::addFolder(qint64 id, int rootFd, const QByteArray &path)
+{
+    {
+        QMutexLocker locker(&m_lock);
+        const auto old = m_folders.constFind(id);
+        if (old != m_folders.cend())
+            m_dropped.append(old->fd);
+        m_folders.insert(id, {rootFd, path, false});
+        m_droppedIds.removeAll(id);
+    }
+    scan(id, QByteArray(), true);
+}
+
+void CompressionWorker::setPath(qint64 id, const QByteArray &path)
 {
     QMutexLocker locker(&m_lock);
+    const auto it = m_folders.find(id);
+    if (it != m_folders.end())
+        it->path = path;
+}
+
+void CompressionWorker::scan(qint64 id, const QByteArray &relative, bool whole)
+{
+    QMutexLocker locker(&m_lock);
+    if (!m_folders.contains(id))
+        return;
     for (const Job &job : std::as_const(m_jobs)) {
-        if (job.id == id)
+        // A queued look at a folder above covers this one.
+        if (job.id == id && (job.relative == relative || (job.whole && isBelow(relative, job.relative)))
+            && (job.whole || !whole))
             return;
     }
-    if (m_current == id)
-        return;
-    m_jobs.append({id, folder});
+    m_jobs.append({id, relative, whole});
     m_wake.wakeAll();
+}
+
+void CompressionWorker::rescanAll()
+{
+    QList<qint64> ids;
+    {
+        QMutexLocker locker(&m_lock);
+        ids = m_folders.keys();
+    }
+    for (qint64 id : std::as_const(ids))
+        scan(id, QByteArray(), true);
+}
+
+bool CompressionWorker::hasJob(qint64 id) const
+{
+    for (const Job &job : m_jobs) {
+        if (job.id == id)
+            return true;
+    }
+    return false;
+}
+
+bool CompressionWorker::isBusy(qint64 id) const
+{
+    QMutexLocker locker(&m_lock);
+    return m_current == id || hasJob(id);
 }
 
 void CompressionWorker::cancel(qint64 id)
 {
     QMutexLocker locker(&m_lock);
     m_jobs.removeIf([id](const Job &job) { return job.id == id; });
+    const auto it = m_folders.constFind(id);
+    if (it != m_folders.cend()) {
+        m_dropped.append(it->fd);
+        m_folders.erase(it);
+    }
+    m_droppedIds.append(id);
     if (m_current == id)
         m_cancelCurrent = true;
+    m_watch->unwatchAll(id);
     m_wake.wakeAll();
 }
 
 void CompressionWorker::cancelAll()
 {
-    QMutexLocker locker(&m_lock);
-    m_jobs.clear();
-    if (m_current != 0)
-        m_cancelCurrent = true;
-    m_wake.wakeAll();
+    QList<qint64> ids;
+    {
+        QMutexLocker locker(&m_lock);
+        ids = m_folders.keys();
+    }
+    for (qint64 id : std::as_const(ids))
+        cancel(id);
 }
 
 void CompressionWorker::setActive(bool active)
@@ -203,102 +179,208 @@ void CompressionWorker::stop()
     wait();
 }
 
-bool CompressionWorker::cancelled(qint64) const
-{
-    return m_cancelCurrent.load();
-}
-
-bool CompressionWorker::waitUntilActive(qint64 id)
+bool CompressionWorker::waitUntilActive()
 {
     QMutexLocker locker(&m_lock);
     while (!m_active && !m_cancelCurrent.load())
         m_wake.wait(&m_lock);
-    return !cancelled(id);
+    return !m_cancelCurrent.load();
+}
+
+void CompressionWorker::closeDropped()
+{
+    QList<int> fds;
+    QList<qint64> ids;
+    {
+        QMutexLocker locker(&m_lock);
+        fds = std::exchange(m_dropped, {});
+        ids = std::exchange(m_droppedIds, {});
+    }
+    for (int fd : std::as_const(fds))
+        ::close(fd);
+    for (qint64 id : std::as_const(ids)) {
+        m_tallies.remove(id);
+        m_scannedWhole.remove(id);
+    }
+}
+
+void CompressionWorker::saveCache(bool force)
+{
+    if (!m_cache.isDirty() && !force)
+        return;
+    // Entries of files not met since the start are dropped once every folder has been seen whole.
+    bool prune = true;
+    {
+        QMutexLocker locker(&m_lock);
+        for (auto it = m_folders.cbegin(); it != m_folders.cend(); ++it)
+            prune = prune && m_scannedWhole.contains(it.key());
+    }
+    m_cache.save(prune && force);
+    m_lastSave = nowMs();
 }
 
 void CompressionWorker::run()
 {
     BtrfsCompressor::lowerThreadPriority();
+    m_cache.load();
+    m_lastSave = nowMs();
+    bool pruned = false;
     for (;;) {
         Job job;
         {
             QMutexLocker locker(&m_lock);
-            while (!m_stopping && (m_jobs.isEmpty() || !m_active))
-                m_wake.wait(&m_lock);
+            while (!m_stopping && (m_jobs.isEmpty() || !m_active) && m_dropped.isEmpty()) {
+                // Nothing runs while nothing waits: the only timeout is a cache behind its files.
+                if (!m_cache.isDirty() && pruned) {
+                    m_wake.wait(&m_lock);
+                    continue;
+                }
+                const qint64 left = m_lastSave + kCacheSaveMs - nowMs();
+                if (left > 0 && !m_wake.wait(&m_lock, QDeadlineTimer(left)))
+                    continue;
+                if (left > 0)
+                    continue;
+                locker.unlock();
+                saveCache(!pruned);
+                pruned = true;
+                locker.relock();
+            }
             if (m_stopping)
-                return;
-            job = m_jobs.takeFirst();
-            m_current = job.id;
-            m_cancelCurrent = false;
+                break;
+            if (!m_jobs.isEmpty() && m_active) {
+                job = m_jobs.takeFirst();
+                m_current = job.id;
+                m_cancelCurrent = false;
+            }
         }
-        compressFolder(job);
+        closeDropped();
+        if (job.id == 0)
+            continue;
+        runJob(job);
+        if (job.whole && job.relative.isEmpty())
+            pruned = false; // the next save may leave out what this pass did not meet
         QMutexLocker locker(&m_lock);
         m_current = 0;
     }
+    closeDropped();
+    saveCache(false);
 }
 
-void CompressionWorker::compressFolder(const Job &job)
+void CompressionWorker::runJob(const Job &job)
 {
-    const int folderFd = ::open(job.folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (folderFd < 0) {
-        Q_EMIT failed(job.id, QString::fromLocal8Bit(std::strerror(errno)));
+    Folder folder;
+    {
+        QMutexLocker locker(&m_lock);
+        folder = m_folders.value(job.id);
+    }
+    if (folder.fd < 0)
         return;
-    }
-    Unreadable unreadable;
-    const QList<QByteArray> files = collectFiles(folderFd, job.folder, &unreadable);
+    FolderWalker walker(folder.fd, folder.path);
+    Tally &tally = m_tallies[job.id];
+    const qint64 now = nowMs();
+    qint64 unsettledWait = 0;
+    QByteArray unsettledFolder;
+    QList<QByteArray> todo;
+    QList<QByteArray> todoFolders;
+    qsizetype files = 0;
+    QList<QByteArray> newSubfolders;
+    // Looking at one folder only: its subfolders are checked against what is known of them.
+    bool listing = !job.whole;
 
-    // The estimate of the next files is worked out on a second thread while the file system
-    // rewrites the current one: the two together take little longer than the rewrite alone.
-    EstimateQueue estimates;
-    std::thread estimator([&] {
-        BtrfsCompressor::lowerThreadPriority();
-        CompressionModel model;
-        for (const QByteArray &path : files) {
-            const int fd = openForReading(folderFd, path);
-            struct stat st {};
-            const int error = fd < 0 && errno != ENOENT ? errno : 0;
-            qint64 estimate = 0;
-            if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
-                estimate = model.savingsForFile(fd);
-            if (fd >= 0)
-                ::close(fd);
-            if (!estimates.push({path, estimate, error}))
-                return;
+    auto visit = [&](const FolderWalker::Folder &seen) {
+        if (!m_watch->isWatched(job.id, seen.relative)
+            && m_watch->watch(job.id, seen.relative, seen.fd) == FolderWatch::Result::LimitReached) {
+            QMutexLocker locker(&m_lock);
+            auto it = m_folders.find(job.id);
+            if (it != m_folders.end() && !std::exchange(it->limitTold, true))
+                Q_EMIT watchLimitReached(job.id);
         }
-    });
+        BtrfsCompressor::ensureCompressionProperty(seen.fd);
+        qint64 savings = 0;
+        for (const FolderWalker::File &file : seen.files) {
+            ++files;
+            if (file.st.st_size <= CompressionModel::kBlockSize)
+                continue; // fits in one block: nothing to gain
+            if (const std::optional<qint64> known = m_cache.savings(file.st)) {
+                savings += *known;
+                continue;
+            }
+            const qint64 written = qint64(file.st.st_mtim.tv_sec) * 1000 + file.st.st_mtim.tv_nsec / 1000000;
+            const qint64 wait = written + SettleQueue::kSettleMs - now;
+            if (wait > 0 && wait <= SettleQueue::kMaxWaitMs) {
+                unsettledWait = std::max(unsettledWait, wait);
+                unsettledFolder = seen.relative;
+                continue;
+            }
+            todo.append(joined(seen.relative, file.name));
+            todoFolders.append(seen.relative);
+        }
+        tally.set(seen.relative, savings);
+        if (listing) {
+            // Folders that went away take their savings with them; new ones are walked whole.
+            QSet<QByteArray> present;
+            for (const QByteArray &name : seen.subfolders) {
+                const QByteArray path = joined(seen.relative, name);
+                present.insert(path);
+                if (!m_watch->isWatched(job.id, path) || !tally.folders.contains(path))
+                    newSubfolders.append(path);
+            }
+            QList<QByteArray> gone;
+            for (auto it = tally.folders.cbegin(); it != tally.folders.cend(); ++it) {
+                const QByteArray &path = it.key();
+                const qsizetype slash = path.lastIndexOf('/');
+                const QByteArray parent = slash < 0 ? QByteArray() : path.left(slash);
+                if (!path.isEmpty() && parent == seen.relative && !present.contains(path))
+                    gone.append(path);
+            }
+            for (const QByteArray &path : std::as_const(gone)) {
+                tally.dropBelow(path);
+                m_watch->unwatch(job.id, path);
+            }
+        }
+        return true;
+    };
 
-    quint64 savings = 0;
+    if (job.whole) {
+        tally.dropBelow(job.relative);
+        walker.walk(job.relative, visit);
+    } else if (!walker.list(job.relative, visit)) {
+        // The folder itself has gone; its parent's next look drops it.
+        tally.dropBelow(job.relative);
+    }
+    for (const QByteArray &path : std::as_const(newSubfolders)) {
+        tally.dropBelow(path);
+        listing = false;
+        walker.walk(path, visit);
+    }
+    if (unsettledWait > 0)
+        Q_EMIT unsettled(job.id, unsettledFolder, unsettledWait);
+
+    const qsizetype known = files - todo.size();
+    FileCompressor compressor(folder.fd, m_cancelCurrent);
     qsizetype done = 0;
-    while (const std::optional<EstimateQueue::Entry> entry = estimates.pop(files.size())) {
-        if (!waitUntilActive(job.id))
-            break;
-        if (entry->error != 0)
-            unreadable.add(entry->error);
-        // A file that would not shrink is left as it is.
-        if (entry->estimate > 0) {
-            const int fd = openForReading(folderFd, entry->path);
-            if (fd < 0 && errno != ENOENT)
-                unreadable.add(errno);
-            if (fd >= 0
-                && (BtrfsCompressor::isCompressed(fd)
-                    || BtrfsCompressor::compressFile(fd, m_cancelCurrent) == BtrfsCompressor::Result::Compressed))
-                savings += quint64(entry->estimate);
-            if (fd >= 0)
-                ::close(fd);
-        }
-        if (cancelled(job.id))
-            break;
-        ++done;
-        Q_EMIT progress(job.id, quint32(done * 100 / files.size()), savings);
+    compressor.compress(todo, [this] { return waitUntilActive(); },
+                        [&](qsizetype index, const FileCompressor::Outcome &outcome) {
+                            ++done;
+                            if (outcome.settled)
+                                m_cache.insert(outcome.st, outcome.savings);
+                            tally.set(todoFolders[index], tally.folders.value(todoFolders[index]) + outcome.savings);
+                            Q_EMIT progress(job.id, quint32((known + done) * 100 / files), quint64(tally.total));
+                        });
+    const qsizetype unreadable = walker.unreadable().count + compressor.unreadable().count;
+    if (unreadable > 0) {
+        const int error = walker.unreadable().count > 0 ? walker.unreadable().firstError
+                                                        : compressor.unreadable().firstError;
+        qCWarning(lcHelper, "%lld items in \"%s\" could not be opened (%s) and were left as they are",
+                 static_cast<long long>(unreadable), qPrintable(QFile::decodeName(folder.path)), std::strerror(error));
     }
-    estimates.close();
-    estimator.join();
-    ::close(folderFd);
-    if (unreadable.count > 0) {
-        qWarning("VantorHelper: %lld items in \"%s\" could not be opened (%s) and were left as they are",
-                 static_cast<long long>(unreadable.count), qPrintable(QFile::decodeName(job.folder)),
-                 std::strerror(unreadable.firstError));
+    if (m_cancelCurrent.load())
+        return;
+    if (job.whole && job.relative.isEmpty())
+        m_scannedWhole.insert(job.id);
+    QMutexLocker locker(&m_lock);
+    if (!hasJob(job.id)) {
+        locker.unlock();
+        Q_EMIT finished(job.id, 100, quint64(std::max<qint64>(tally.total, 0)));
     }
-    if (!cancelled(job.id))
-        Q_EMIT finished(job.id, 100, savings);
 }

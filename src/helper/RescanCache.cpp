@@ -1,0 +1,121 @@
+#include "RescanCache.h"
+
+#include "AtomicFile.h"
+#include "HelperLog.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+
+namespace {
+
+constexpr char kMagic[] = "VantorRescanCache1\n";
+constexpr qsizetype kMagicSize = sizeof kMagic - 1;
+constexpr qsizetype kHashSize = 32; // SHA-256 of everything before it
+constexpr qsizetype kRecordSize = 6 * 8;
+
+void put(char *at, quint64 value)
+{
+    for (int i = 0; i < 8; ++i)
+        at[i] = char(value >> (8 * i));
+}
+
+quint64 get(const char *at)
+{
+    quint64 value = 0;
+    for (int i = 0; i < 8; ++i)
+        value |= quint64(quint8(at[i])) << (8 * i);
+    return value;
+}
+
+} // namespace
+
+QString RescanCache::path()
+{
+    QString cache = qEnvironmentVariable("XDG_CACHE_HOME");
+    if (!QDir::isAbsolutePath(cache)) {
+        const QString home = qEnvironmentVariable("HOME");
+        if (!QDir::isAbsolutePath(home))
+            return {};
+        cache = home + QStringLiteral("/.cache");
+    }
+    return QDir::cleanPath(cache) + QStringLiteral("/vantor/files.cache");
+}
+
+bool RescanCache::load()
+{
+    m_entries.clear();
+    m_dirty = false;
+    QFile file(path());
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray bytes = file.readAll();
+    const qsizetype body = bytes.size() - kMagicSize - kHashSize;
+    if (body < 0 || body % kRecordSize != 0 || !bytes.startsWith(QByteArrayView(kMagic, kMagicSize))
+        || QCryptographicHash::hash(QByteArrayView(bytes).first(bytes.size() - kHashSize), QCryptographicHash::Sha256)
+            != QByteArrayView(bytes).last(kHashSize)) {
+        qCWarning(lcHelper, "the rescan cache %s is damaged; it is rebuilt by the next rescan",
+                 qPrintable(file.fileName()));
+        return false;
+    }
+    m_entries.reserve(body / kRecordSize);
+    for (const char *at = bytes.constData() + kMagicSize; at < bytes.constData() + kMagicSize + body; at += kRecordSize) {
+        Entry entry{qint64(get(at + 16)), qint64(get(at + 24)), qint64(get(at + 32)), qint64(get(at + 40)), false};
+        m_entries.insert({get(at), get(at + 8)}, entry);
+    }
+    return true;
+}
+
+bool RescanCache::save(bool prune)
+{
+    if (!m_dirty && !prune)
+        return true;
+    const QString file = path();
+    if (file.isEmpty())
+        return false;
+    const QString dir = QFileInfo(file).absolutePath();
+    QDir().mkpath(dir);
+    QFile::setPermissions(dir, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    QByteArray bytes(kMagic, kMagicSize);
+    bytes.reserve(kMagicSize + m_entries.size() * kRecordSize + kHashSize);
+    char record[kRecordSize];
+    for (auto it = m_entries.begin(); it != m_entries.end();) {
+        if (prune && !it->seen) {
+            it = m_entries.erase(it);
+            continue;
+        }
+        put(record, it.key().device);
+        put(record + 8, it.key().inode);
+        put(record + 16, quint64(it->size));
+        put(record + 24, quint64(it->changeSeconds));
+        put(record + 32, quint64(it->changeNanoseconds));
+        put(record + 40, quint64(it->savings));
+        bytes.append(record, kRecordSize);
+        ++it;
+    }
+    bytes += QCryptographicHash::hash(bytes, QCryptographicHash::Sha256);
+    QString error;
+    if (!AtomicFile::write(file, bytes, &error)) {
+        qCWarning(lcHelper, "cannot write the rescan cache %s: %s", qPrintable(file), qPrintable(error));
+        return false;
+    }
+    m_dirty = false;
+    return true;
+}
+
+std::optional<qint64> RescanCache::savings(const struct stat &st)
+{
+    const auto it = m_entries.find({quint64(st.st_dev), quint64(st.st_ino)});
+    if (it == m_entries.end() || it->size != st.st_size || it->changeSeconds != st.st_ctim.tv_sec
+        || it->changeNanoseconds != st.st_ctim.tv_nsec)
+        return std::nullopt;
+    it->seen = true;
+    return it->savings;
+}
+
+void RescanCache::insert(const struct stat &st, qint64 savings)
+{
+    m_entries.insert({quint64(st.st_dev), quint64(st.st_ino)},
+                     {st.st_size, st.st_ctim.tv_sec, st.st_ctim.tv_nsec, savings, true});
+    m_dirty = true;
+}
