@@ -172,8 +172,8 @@ void CompressionEngine::progress(qint64 id, quint32 status, quint64 savings)
 
 void CompressionEngine::finished(qint64 id, quint32 status, quint64 savings)
 {
-    // Done only when nothing else waits for the folder.
-    const bool waiting = m_settle->isWaiting(id) || m_worker->isBusy(id);
+    // Done only when no change waits to settle either (the worker has no more work queued).
+    const bool waiting = m_settle->isWaiting(id);
     report(id, waiting ? std::min(status, 99u) : status, savings, !waiting);
 }
 

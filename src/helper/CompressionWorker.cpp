@@ -278,8 +278,7 @@ void CompressionWorker::runJob(const Job &job)
     FolderWalker walker(folder.fd, folder.path);
     Tally &tally = m_tallies[job.id];
     const qint64 now = nowMs();
-    qint64 unsettledWait = 0;
-    QByteArray unsettledFolder;
+    QHash<QByteArray, qint64> unsettledFolders; // and how long until they settle
     QList<QByteArray> todo;
     QList<QByteArray> todoFolders;
     qsizetype files = 0;
@@ -308,8 +307,8 @@ void CompressionWorker::runJob(const Job &job)
             const qint64 written = qint64(file.st.st_mtim.tv_sec) * 1000 + file.st.st_mtim.tv_nsec / 1000000;
             const qint64 wait = written + SettleQueue::kSettleMs - now;
             if (wait > 0 && wait <= SettleQueue::kMaxWaitMs) {
-                unsettledWait = std::max(unsettledWait, wait);
-                unsettledFolder = seen.relative;
+                qint64 &longest = unsettledFolders[seen.relative];
+                longest = std::max(longest, wait);
                 continue;
             }
             todo.append(joined(seen.relative, file.name));
@@ -353,8 +352,8 @@ void CompressionWorker::runJob(const Job &job)
         listing = false;
         walker.walk(path, visit);
     }
-    if (unsettledWait > 0)
-        Q_EMIT unsettled(job.id, unsettledFolder, unsettledWait);
+    for (auto it = unsettledFolders.cbegin(); it != unsettledFolders.cend(); ++it)
+        Q_EMIT unsettled(job.id, it.key(), it.value());
 
     const qsizetype known = files - todo.size();
     FileCompressor compressor(folder.fd, m_cancelCurrent);
