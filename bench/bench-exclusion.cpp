@@ -2,7 +2,7 @@
 // matcher and by testing every rule in turn, against the shipped rules and 10,000 generated
 // ones. Prints the paths per second of each and, last, the result line.
 
-#include "VTExclusionRules.h"
+#include "common/VTExclusionRules.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

@@ -1,8 +1,8 @@
 // Resolving an alias of a folder moved elsewhere on its volume, in a tree of 100,000
 // folders, against one that did not move. File handles are off: an ordinary user's case.
 
-#include "AliasResolver.h"
-#include "BDAlias.h"
+#include "common/AliasResolver.h"
+#include "common/BDAlias.h"
 
 #include <QCoreApplication>
 #include <QDir>

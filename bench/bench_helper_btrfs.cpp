@@ -3,8 +3,8 @@
 // and the savings the helper reports against what compsize measures on disk for its folder.
 // Needs root (mounting, compsize); says so and stops where that is not possible.
 
-#include "DistributedNotificationCenter.h"
-#include "Notifications.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "common/Notifications.h"
 
 #include <QCoreApplication>
 #include <QDir>

@@ -1,10 +1,10 @@
 // The full refresh that "vantorSavingsChanged" triggers, over 10,000 History records (a tenth
 // unlisted), against the same reads done as bare SQLite queries.
-#include "Bundle.h"
-#include "DistributedNotificationCenter.h"
-#include "HistoryArrayModel.h"
-#include "VTHistoryController.h"
-#include "VTUtil.h"
+#include "platform/Bundle.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "prefpane/HistoryArrayModel.h"
+#include "prefpane/VTHistoryController.h"
+#include "common/VTUtil.h"
 
 #include <QApplication>
 #include <QElapsedTimer>

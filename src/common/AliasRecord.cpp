@@ -1,4 +1,4 @@
-#include "AliasRecord.h"
+#include "common/AliasRecord.h"
 
 #include <QtEndian>
 

@@ -5,7 +5,7 @@
 
 #include <optional>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 // The bytes behind a BDAlias: what is known about a file or folder and its volume when the
 // alias was made. Versioned and length-checked; docs/alias-record.md gives the layout.

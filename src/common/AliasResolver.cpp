@@ -1,7 +1,7 @@
-#include "AliasResolver.h"
+#include "common/AliasResolver.h"
 
-#include "AliasVolume.h"
-#include "FSRef.h"
+#include "common/AliasVolume.h"
+#include "common/FSRef.h"
 
 #include <QDir>
 #include <QElapsedTimer>

@@ -4,8 +4,8 @@
 
 #include <optional>
 
-#include "AliasRecord.h"
-#include "VantorCommonExport.h"
+#include "common/AliasRecord.h"
+#include "common/VantorCommonExport.h"
 
 class FSRef;
 

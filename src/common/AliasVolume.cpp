@@ -1,4 +1,4 @@
-#include "AliasVolume.h"
+#include "common/AliasVolume.h"
 
 #include <QFile>
 

@@ -6,7 +6,7 @@
 
 #include <optional>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 // One mounted file system as /proc/self/mountinfo lists it, with the identity an alias
 // record keeps of it.

@@ -1,8 +1,8 @@
-#include "BDAlias.h"
+#include "common/BDAlias.h"
 
-#include "AliasRecord.h"
-#include "AliasResolver.h"
-#include "FSRef.h"
+#include "common/AliasRecord.h"
+#include "common/AliasResolver.h"
+#include "common/FSRef.h"
 
 #include <QDataStream>
 #include <QDir>

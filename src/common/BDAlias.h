@@ -7,7 +7,7 @@
 #include <memory>
 #include <optional>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 class FSRef;
 class QDataStream;

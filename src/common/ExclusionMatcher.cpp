@@ -1,4 +1,4 @@
-#include "ExclusionMatcher.h"
+#include "common/ExclusionMatcher.h"
 
 #include <algorithm>
 

@@ -4,7 +4,7 @@
 #include <QString>
 #include <QStringView>
 
-#include "PatternTrie.h"
+#include "common/PatternTrie.h"
 
 // The four kinds of exclusion rule compiled for fast questions: tries for prefixes and
 // suffixes, an Aho-Corasick automaton for substrings, a hash for exact paths. Answers are the

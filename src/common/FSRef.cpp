@@ -1,4 +1,4 @@
-#include "FSRef.h"
+#include "common/FSRef.h"
 
 #include <QFile>
 

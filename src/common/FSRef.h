@@ -5,7 +5,7 @@
 
 #include <sys/stat.h>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 // A reference to an existing file or folder that stays valid while it is moved: an open
 // O_PATH descriptor, owned and closed by this object. Movable, not copyable.

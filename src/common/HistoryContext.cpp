@@ -1,6 +1,6 @@
-#include "HistoryContext.h"
+#include "common/HistoryContext.h"
 
-#include "HistoryStore.h"
+#include "common/HistoryStore.h"
 
 #include <sqlite3.h>
 

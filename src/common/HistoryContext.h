@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 class HistoryStore;
 struct sqlite3_stmt;

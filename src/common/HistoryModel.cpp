@@ -1,6 +1,6 @@
-#include "HistoryModel.h"
+#include "common/HistoryModel.h"
 
-#include "Bundle.h"
+#include "platform/Bundle.h"
 
 #include <QFile>
 #include <QJsonArray>

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 class Bundle;
 

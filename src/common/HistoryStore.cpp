@@ -1,7 +1,7 @@
-#include "HistoryStore.h"
+#include "common/HistoryStore.h"
 
-#include "HistoryModel.h"
-#include "VTUtil.h"
+#include "common/HistoryModel.h"
+#include "common/VTUtil.h"
 
 #include <QFile>
 

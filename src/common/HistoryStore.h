@@ -5,7 +5,7 @@
 #include <functional>
 #include <memory>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 class HistoryModel;
 struct sqlite3;

@@ -1,4 +1,4 @@
-#include "PatternTrie.h"
+#include "common/PatternTrie.h"
 
 #include <algorithm>
 #include <deque>

@@ -1,10 +1,10 @@
-#include "VTDefaultsController.h"
+#include "common/VTDefaultsController.h"
 
-#include "ProcessInfo.h"
-#include "PropertyList.h"
-#include "SharedInstance.h"
-#include "VTPreferenceCommunicator.h"
-#include "VTUtil.h"
+#include "platform/ProcessInfo.h"
+#include "platform/PropertyList.h"
+#include "common/SharedInstance.h"
+#include "common/VTPreferenceCommunicator.h"
+#include "common/VTUtil.h"
 
 namespace {
 

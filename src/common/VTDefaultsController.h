@@ -4,7 +4,7 @@
 #include <QString>
 #include <QVariantMap>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 // The user's settings, kept in memory and mirrored whole into "defaults.plist" in the
 // product folder, which the helper reads. Every change is written at once; the change

@@ -1,9 +1,9 @@
-#include "VTExclusionRules.h"
+#include "common/VTExclusionRules.h"
 
-#include "Bundle.h"
-#include "ExclusionMatcher.h"
-#include "PropertyList.h"
-#include "SharedInstance.h"
+#include "platform/Bundle.h"
+#include "common/ExclusionMatcher.h"
+#include "platform/PropertyList.h"
+#include "common/SharedInstance.h"
 
 #include <QDebug>
 

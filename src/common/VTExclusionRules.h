@@ -5,7 +5,7 @@
 #include <QSet>
 #include <QString>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 class ExclusionMatcher;
 

@@ -1,8 +1,8 @@
-#include "VTPreferenceCommunicator.h"
+#include "common/VTPreferenceCommunicator.h"
 
-#include "DistributedNotificationCenter.h"
-#include "Notifications.h"
-#include "SharedInstance.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "common/Notifications.h"
+#include "common/SharedInstance.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <QObject>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 struct DistributedNotification;
 

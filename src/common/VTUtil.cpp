@@ -1,10 +1,10 @@
-#include "VTUtil.h"
+#include "common/VTUtil.h"
 
-#include "Bundle.h"
-#include "FileManager.h"
-#include "HistoryContext.h"
-#include "HistoryModel.h"
-#include "HistoryStore.h"
+#include "platform/Bundle.h"
+#include "platform/FileManager.h"
+#include "common/HistoryContext.h"
+#include "common/HistoryModel.h"
+#include "common/HistoryStore.h"
 
 #include <QFile>
 #include <QMutex>

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "VantorCommonExport.h"
+#include "common/VantorCommonExport.h"
 
 class HistoryContext;
 class HistoryModel;

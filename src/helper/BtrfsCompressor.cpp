@@ -1,6 +1,6 @@
-#include "BtrfsCompressor.h"
+#include "helper/BtrfsCompressor.h"
 
-#include "AliasVolume.h"
+#include "common/AliasVolume.h"
 
 #include <cerrno>
 #include <fcntl.h>

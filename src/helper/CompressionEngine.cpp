@@ -1,13 +1,13 @@
-#include "CompressionEngine.h"
+#include "helper/CompressionEngine.h"
 
-#include "BDAlias.h"
-#include "BtrfsCompressor.h"
-#include "CompressionWorker.h"
-#include "DesktopNotifier.h"
-#include "FolderWatch.h"
-#include "SavingsModel.h"
-#include "SettleQueue.h"
-#include "HelperLog.h"
+#include "common/BDAlias.h"
+#include "helper/BtrfsCompressor.h"
+#include "helper/CompressionWorker.h"
+#include "helper/DesktopNotifier.h"
+#include "helper/FolderWatch.h"
+#include "helper/SavingsModel.h"
+#include "helper/SettleQueue.h"
+#include "helper/HelperLog.h"
 
 #include <QFile>
 #include <QFileInfo>

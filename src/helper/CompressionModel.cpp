@@ -1,4 +1,4 @@
-#include "CompressionModel.h"
+#include "helper/CompressionModel.h"
 
 #include <zstd.h>
 

@@ -1,12 +1,12 @@
-#include "CompressionWorker.h"
+#include "helper/CompressionWorker.h"
 
-#include "BtrfsCompressor.h"
-#include "CompressionModel.h"
-#include "FileCompressor.h"
-#include "FolderWalker.h"
-#include "FolderWatch.h"
-#include "SettleQueue.h"
-#include "HelperLog.h"
+#include "helper/BtrfsCompressor.h"
+#include "helper/CompressionModel.h"
+#include "helper/FileCompressor.h"
+#include "helper/FolderWalker.h"
+#include "helper/FolderWatch.h"
+#include "helper/SettleQueue.h"
+#include "helper/HelperLog.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>

@@ -11,7 +11,7 @@
 #include <atomic>
 #include <sys/stat.h>
 
-#include "RescanCache.h"
+#include "helper/RescanCache.h"
 
 class FolderWatch;
 

@@ -1,5 +1,5 @@
-#include "DesktopNotifier.h"
-#include "HelperLog.h"
+#include "helper/DesktopNotifier.h"
+#include "helper/HelperLog.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>

@@ -1,7 +1,7 @@
-#include "FileCompressor.h"
+#include "helper/FileCompressor.h"
 
-#include "BtrfsCompressor.h"
-#include "CompressionModel.h"
+#include "helper/BtrfsCompressor.h"
+#include "helper/CompressionModel.h"
 
 #include <QMutex>
 #include <QWaitCondition>

@@ -7,7 +7,7 @@
 #include <functional>
 #include <sys/stat.h>
 
-#include "FolderWalker.h"
+#include "helper/FolderWalker.h"
 
 // Compresses a list of files of one watched folder, at idle priority: each file is read for
 // an estimate of what zstd saves, and a file that would shrink is rewritten compressed

@@ -1,9 +1,9 @@
-#include "FolderRequests.h"
+#include "helper/FolderRequests.h"
 
-#include "BDAlias.h"
-#include "CompressionEngine.h"
-#include "Notifications.h"
-#include "SavingsModel.h"
+#include "common/BDAlias.h"
+#include "helper/CompressionEngine.h"
+#include "common/Notifications.h"
+#include "helper/SavingsModel.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -1,6 +1,6 @@
-#include "FolderWalker.h"
+#include "helper/FolderWalker.h"
 
-#include "VTExclusionRules.h"
+#include "common/VTExclusionRules.h"
 
 #include <QFile>
 

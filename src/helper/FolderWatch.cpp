@@ -1,5 +1,5 @@
-#include "FolderWatch.h"
-#include "HelperLog.h"
+#include "helper/FolderWatch.h"
+#include "helper/HelperLog.h"
 
 #include <QFile>
 #include <QSet>

@@ -1,7 +1,7 @@
-#include "HelperBus.h"
+#include "helper/HelperBus.h"
 
-#include "DistributedNotificationCenter.h"
-#include "Notifications.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "common/Notifications.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>

@@ -1,7 +1,7 @@
-#include "RescanCache.h"
+#include "helper/RescanCache.h"
 
-#include "AtomicFile.h"
-#include "HelperLog.h"
+#include "platform/AtomicFile.h"
+#include "helper/HelperLog.h"
 
 #include <QCryptographicHash>
 #include <QDir>

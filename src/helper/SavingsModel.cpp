@@ -1,11 +1,11 @@
-#include "SavingsModel.h"
+#include "helper/SavingsModel.h"
 
-#include "BDAlias.h"
-#include "DistributedNotificationCenter.h"
-#include "HistoryStore.h"
-#include "Notifications.h"
-#include "VTUtil.h"
-#include "HelperLog.h"
+#include "common/BDAlias.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "common/HistoryStore.h"
+#include "common/Notifications.h"
+#include "common/VTUtil.h"
+#include "helper/HelperLog.h"
 
 SavingsModel::SavingsModel(QObject *parent)
     : QObject(parent)

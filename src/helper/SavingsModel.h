@@ -6,7 +6,7 @@
 #include <QStringList>
 #include <QTimer>
 
-#include "HistoryContext.h"
+#include "common/HistoryContext.h"
 
 // The helper's side of the History records, through VTUtil's store stack: folders added and
 // removed, and per-folder progress and savings. Progress arrives often; it is written in one

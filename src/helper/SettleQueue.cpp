@@ -1,4 +1,4 @@
-#include "SettleQueue.h"
+#include "helper/SettleQueue.h"
 
 #include <limits>
 

@@ -1,9 +1,9 @@
-#include "TrayIcon.h"
+#include "helper/TrayIcon.h"
 
-#include "DistributedNotificationCenter.h"
-#include "Notifications.h"
-#include "VTUtil.h"
-#include "HelperLog.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "common/Notifications.h"
+#include "common/VTUtil.h"
+#include "helper/HelperLog.h"
 
 #include <QIcon>
 #include <QMenu>

@@ -1,9 +1,9 @@
 // VantorHelper: the background application the Vantor pane starts, configures and stops.
 
-#include "Bundle.h"
-#include "HelperLog.h"
-#include "ProcessInfo.h"
-#include "VantorHelper.h"
+#include "platform/Bundle.h"
+#include "helper/HelperLog.h"
+#include "platform/ProcessInfo.h"
+#include "helper/VantorHelper.h"
 
 #include <QApplication>
 #include <QCoreApplication>

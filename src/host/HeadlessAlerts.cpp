@@ -1,4 +1,4 @@
-#include "HeadlessAlerts.h"
+#include "host/HeadlessAlerts.h"
 
 #include <QTimer>
 

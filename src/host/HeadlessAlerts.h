@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Alerts.h"
+#include "gui/Alerts.h"
 
 // Alerts for a run nobody watches (--screenshot): each is written as one line on standard
 // error and answered with its default button, so start-up completes and the window renders.

@@ -1,6 +1,6 @@
-#include "HostWindow.h"
+#include "host/HostWindow.h"
 
-#include "PreferencePane.h"
+#include "gui/PreferencePane.h"
 
 #include <QApplication>
 #include <QEvent>

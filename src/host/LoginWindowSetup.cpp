@@ -1,7 +1,7 @@
-#include "LoginWindowSetup.h"
+#include "host/LoginWindowSetup.h"
 
-#include "AtomicFile.h"
-#include "PreferencesDomain.h"
+#include "platform/AtomicFile.h"
+#include "platform/PreferencesDomain.h"
 
 #include <QDir>
 #include <QFile>

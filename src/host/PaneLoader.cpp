@@ -1,8 +1,8 @@
-#include "PaneLoader.h"
+#include "host/PaneLoader.h"
 
-#include "Bundle.h"
-#include "FileManager.h"
-#include "PreferencePane.h"
+#include "platform/Bundle.h"
+#include "platform/FileManager.h"
+#include "gui/PreferencePane.h"
 
 #include <QCoreApplication>
 #include <QDir>

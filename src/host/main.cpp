@@ -1,12 +1,12 @@
 // vantor-preferences: the settings application that hosts the Vantor pane.
 
-#include "FileManager.h"
-#include "HeadlessAlerts.h"
-#include "HostWindow.h"
-#include "LoginWindowSetup.h"
-#include "PaneLoader.h"
-#include "PreferencePane.h"
-#include "ProcessInfo.h"
+#include "platform/FileManager.h"
+#include "host/HeadlessAlerts.h"
+#include "host/HostWindow.h"
+#include "host/LoginWindowSetup.h"
+#include "host/PaneLoader.h"
+#include "gui/PreferencePane.h"
+#include "platform/ProcessInfo.h"
 
 #include <QApplication>
 #include <QCommandLineParser>

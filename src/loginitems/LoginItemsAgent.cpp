@@ -1,9 +1,9 @@
-#include "LoginItemsAgent.h"
+#include "loginitems/LoginItemsAgent.h"
 
-#include "BDAlias.h"
-#include "Bundle.h"
-#include "FileManager.h"
-#include "PreferencesDomain.h"
+#include "common/BDAlias.h"
+#include "platform/Bundle.h"
+#include "platform/FileManager.h"
+#include "platform/PreferencesDomain.h"
 
 #include <QFile>
 #include <QFileInfo>

@@ -1,7 +1,7 @@
 // vantor-login-items: run once at session start; opens the user's login items and exits.
 // The started applications live on in sessions of their own.
 
-#include "LoginItemsAgent.h"
+#include "loginitems/LoginItemsAgent.h"
 
 #include <QCoreApplication>
 

@@ -1,6 +1,6 @@
-#include "Bundle.h"
+#include "platform/Bundle.h"
 
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 
 #include <QCoreApplication>
 #include <QDir>

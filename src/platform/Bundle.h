@@ -3,12 +3,12 @@
 #include <QString>
 #include <QVariantMap>
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 // A bundle directory: <path>/Contents/Info.plist, <path>/Contents/Resources/, and for an
 // application <path>/Contents/MacOS/<CFBundleExecutable>. Bundles are created once per path
 // and live until the process ends, so a bundle can be found again by its identifier.
-class VANTOR_COMMON_EXPORT Bundle
+class VANTOR_PLATFORM_EXPORT Bundle
 {
 public:
     // The bundle at path (made absolute and cleaned), or null when path is not a directory.

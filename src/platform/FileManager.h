@@ -7,11 +7,11 @@
 
 class QUrl;
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 // File-system services of the desktop: where per-user data lives, the per-user private
 // temporary folder, and small queries the pane makes of the file manager.
-class VANTOR_COMMON_EXPORT FileManager
+class VANTOR_PLATFORM_EXPORT FileManager
 {
 public:
     // The user's application-data folders, most important first: $XDG_DATA_HOME when it is

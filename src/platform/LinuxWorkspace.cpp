@@ -1,8 +1,8 @@
-#include "LinuxWorkspace.h"
+#include "platform/LinuxWorkspace.h"
 
-#include "PropertyList.h"
-#include "RunningApplication.h"
-#include "Task.h"
+#include "platform/PropertyList.h"
+#include "platform/RunningApplication.h"
+#include "platform/Task.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>

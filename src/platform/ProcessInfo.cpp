@@ -1,4 +1,4 @@
-#include "ProcessInfo.h"
+#include "platform/ProcessInfo.h"
 
 #include <QCoreApplication>
 #include <QSocketNotifier>

@@ -2,14 +2,14 @@
 
 #include <QObject>
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 class QSocketNotifier;
 
 // Process information: identifier, and sudden termination. While sudden termination is
 // disabled (the counter is above zero) a SIGTERM or SIGINT does not end the process at once:
 // the quit waits until every holder has enabled it again.
-class VANTOR_COMMON_EXPORT ProcessInfo : public QObject
+class VANTOR_PLATFORM_EXPORT ProcessInfo : public QObject
 {
     Q_OBJECT
 public:

@@ -1,6 +1,6 @@
-#include "ProcessWatcher.h"
+#include "platform/ProcessWatcher.h"
 
-#include "DetachedSpawn.h"
+#include "platform/DetachedSpawn.h"
 
 #include <QSocketNotifier>
 #include <QTimer>

@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 class QSocketNotifier;
 class QTimer;
@@ -12,7 +12,7 @@ class QTimer;
 // Tells when a child process ends, without a busy loop and without SIGCHLD (a pidfd read by
 // the event loop), and reaps it, so an ended child never lingers as a zombie that still
 // looks alive.
-class VANTOR_COMMON_EXPORT ProcessWatcher : public QObject
+class VANTOR_PLATFORM_EXPORT ProcessWatcher : public QObject
 {
     Q_OBJECT
 public:

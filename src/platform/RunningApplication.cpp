@@ -1,4 +1,4 @@
-#include "RunningApplication.h"
+#include "platform/RunningApplication.h"
 
 RunningApplication::RunningApplication(const QString &bundleIdentifier, pid_t pid, QObject *parent)
     : QObject(parent)

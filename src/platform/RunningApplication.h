@@ -5,11 +5,11 @@
 
 #include <sys/types.h>
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 // A running application as the workspace reports it. "terminated" is an observable
 // property: it turns true once, when the process has ended, and never back.
-class VANTOR_COMMON_EXPORT RunningApplication : public QObject
+class VANTOR_PLATFORM_EXPORT RunningApplication : public QObject
 {
     Q_OBJECT
     Q_PROPERTY(bool terminated READ isTerminated NOTIFY terminatedChanged)

@@ -1,7 +1,7 @@
-#include "Task.h"
+#include "platform/Task.h"
 
-#include "DetachedSpawn.h"
-#include "ProcessWatcher.h"
+#include "platform/DetachedSpawn.h"
+#include "platform/ProcessWatcher.h"
 
 #include <QCoreApplication>
 #include <QFile>

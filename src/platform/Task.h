@@ -6,13 +6,13 @@
 
 #include <sys/types.h>
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 class ProcessWatcher;
 
 // A program started as a child process, detached into a session of its own (no shell). The
 // task owns itself: it reaps the child when it ends, says so, and then deletes itself.
-class VANTOR_COMMON_EXPORT Task : public QObject
+class VANTOR_PLATFORM_EXPORT Task : public QObject
 {
     Q_OBJECT
 public:

@@ -1,6 +1,6 @@
-#include "Workspace.h"
+#include "platform/Workspace.h"
 
-#include "LinuxWorkspace.h"
+#include "platform/LinuxWorkspace.h"
 
 namespace {
 Workspace *g_shared = nullptr;

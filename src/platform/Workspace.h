@@ -4,14 +4,14 @@
 #include <QString>
 #include <QUrl>
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 class RunningApplication;
 
 // The desktop's workspace: launching application bundles, finding running applications by
 // bundle identifier, opening URLs. An application is running while its bundle identifier is
 // an owned session-bus name. Behind an interface so unit tests can use a fake.
-class VANTOR_COMMON_EXPORT Workspace
+class VANTOR_PLATFORM_EXPORT Workspace
 {
 public:
     enum LaunchOption {

@@ -1,6 +1,6 @@
-#include "ArrayController.h"
+#include "prefpane/ArrayController.h"
 
-#include "HistoryArrayModel.h"
+#include "prefpane/HistoryArrayModel.h"
 
 #include <algorithm>
 

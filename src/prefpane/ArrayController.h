@@ -7,7 +7,7 @@
 
 #include <functional>
 
-#include "VTSortDescriptor.h"
+#include "prefpane/VTSortDescriptor.h"
 
 // Arranges the folder table's rows for display: sorts them with one VTSortDescriptor per
 // column and holds the selection. Both directions go through the descriptor, so the summary

@@ -1,4 +1,4 @@
-#include "BubbleLayer.h"
+#include "prefpane/BubbleLayer.h"
 
 #include <QPainter>
 #include <QPainterPath>

@@ -1,6 +1,6 @@
-#include "HistoryArrayModel.h"
+#include "prefpane/HistoryArrayModel.h"
 
-#include "VTSizeToPrettySizeTransformer.h"
+#include "prefpane/VTSizeToPrettySizeTransformer.h"
 
 #include <QFileInfo>
 #include <QMimeData>

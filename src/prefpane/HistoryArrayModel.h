@@ -1,6 +1,6 @@
 #pragma once
 
-#include "HistoryRow.h"
+#include "prefpane/HistoryRow.h"
 
 #include <QAbstractTableModel>
 #include <QList>

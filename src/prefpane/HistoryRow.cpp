@@ -1,4 +1,4 @@
-#include "HistoryRow.h"
+#include "prefpane/HistoryRow.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
-#include "QFTableCell.h"
+#include "prefpane/QFTableCell.h"
 
-#include "HistoryArrayModel.h"
-#include "QFTableView.h"
+#include "prefpane/HistoryArrayModel.h"
+#include "prefpane/QFTableView.h"
 
 #include <QApplication>
 #include <QFontDatabase>

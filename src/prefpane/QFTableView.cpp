@@ -1,6 +1,6 @@
-#include "QFTableView.h"
+#include "prefpane/QFTableView.h"
 
-#include "Alerts.h"
+#include "gui/Alerts.h"
 
 #include <QDragMoveEvent>
 #include <QItemSelectionModel>

@@ -1,4 +1,4 @@
-#include "SheetSession.h"
+#include "prefpane/SheetSession.h"
 
 #include <QCloseEvent>
 #include <QWidget>

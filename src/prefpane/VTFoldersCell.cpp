@@ -1,8 +1,8 @@
-#include "VTFoldersCell.h"
+#include "prefpane/VTFoldersCell.h"
 
-#include "FileManager.h"
-#include "QFellipsis.h"
-#include "VTSortDescriptor.h"
+#include "platform/FileManager.h"
+#include "prefpane/QFellipsis.h"
+#include "prefpane/VTSortDescriptor.h"
 
 #include <QFileInfo>
 #include <QPainter>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "QFTableCell.h"
+#include "prefpane/QFTableCell.h"
 
 #include <QFileIconProvider>
 

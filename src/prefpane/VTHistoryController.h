@@ -9,8 +9,8 @@
 #include <memory>
 #include <optional>
 
-#include "QFTableView.h"
-#include "VTSortDescriptor.h"
+#include "prefpane/QFTableView.h"
+#include "prefpane/VTSortDescriptor.h"
 
 class ArrayController;
 class HistoryArrayModel;

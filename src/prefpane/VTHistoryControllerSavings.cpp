@@ -1,9 +1,9 @@
 // The savings totals and the summary row of VTHistoryController.
-#include "VTHistoryController.h"
+#include "prefpane/VTHistoryController.h"
 
-#include "ArrayController.h"
-#include "HistoryArrayModel.h"
-#include "HistoryContext.h"
+#include "prefpane/ArrayController.h"
+#include "prefpane/HistoryArrayModel.h"
+#include "common/HistoryContext.h"
 
 QVariantMap VTHistoryController::historyEntryForSavings(quint64 savings) const
 {

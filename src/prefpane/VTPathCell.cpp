@@ -1,7 +1,7 @@
-#include "VTPathCell.h"
+#include "prefpane/VTPathCell.h"
 
-#include "FileManager.h"
-#include "QFellipsis.h"
+#include "platform/FileManager.h"
+#include "prefpane/QFellipsis.h"
 
 #include <QPainter>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "QFTableCell.h"
+#include "prefpane/QFTableCell.h"
 
 // The path column: the folder's whole path (the label text on the summary row).
 class VTPathCell : public QFTableCell

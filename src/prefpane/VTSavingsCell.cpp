@@ -1,7 +1,7 @@
-#include "VTSavingsCell.h"
+#include "prefpane/VTSavingsCell.h"
 
-#include "QFellipsis.h"
-#include "VTUtil.h"
+#include "prefpane/QFellipsis.h"
+#include "common/VTUtil.h"
 
 #include <QPainter>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "QFTableCell.h"
+#include "prefpane/QFTableCell.h"
 
 // The savings column: bytes saved in their pretty form, centred; "-" for none.
 class VTSavingsCell : public QFTableCell

@@ -1,6 +1,6 @@
-#include "VTSizeToPrettySizeTransformer.h"
+#include "prefpane/VTSizeToPrettySizeTransformer.h"
 
-#include "VTUtil.h"
+#include "common/VTUtil.h"
 
 QVariant VTSizeToPrettySizeTransformer::transformedValue(const QVariant &value) const
 {

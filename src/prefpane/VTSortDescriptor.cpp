@@ -1,4 +1,4 @@
-#include "VTSortDescriptor.h"
+#include "prefpane/VTSortDescriptor.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "VTStatusCell.h"
+#include "prefpane/VTStatusCell.h"
 
 #include <QFontMetricsF>
 #include <QPainter>

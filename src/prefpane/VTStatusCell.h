@@ -1,6 +1,6 @@
 #pragma once
 
-#include "QFTableCell.h"
+#include "prefpane/QFTableCell.h"
 
 // The status column: a disc filling clockwise from twelve o'clock with the folder's
 // progress, a check mark when done, or "OFF" while the helper is not active. Nothing on a

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "PreferencePane.h"
-#include "QFTableView.h"
+#include "gui/PreferencePane.h"
+#include "prefpane/QFTableView.h"
 
 #include <QPointF>
 #include <QPointer>

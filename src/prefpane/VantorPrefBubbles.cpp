@@ -1,9 +1,9 @@
 // The icon's bubbles: each rises from the icon along an arc and a line, fading at the end.
 
-#include "VantorPref.h"
+#include "prefpane/VantorPref.h"
 
-#include "BubbleLayer.h"
-#include "Bundle.h"
+#include "prefpane/BubbleLayer.h"
+#include "platform/Bundle.h"
 
 #include <QPainterPath>
 #include <QPushButton>

@@ -1,10 +1,10 @@
 // VantorPref: editing the folder list with the chooser, the remove button and drops.
-#include "VantorPref.h"
+#include "prefpane/VantorPref.h"
 
-#include "FileManager.h"
-#include "FolderChooser.h"
-#include "QFTableView.h"
-#include "VTHistoryController.h"
+#include "platform/FileManager.h"
+#include "gui/FolderChooser.h"
+#include "prefpane/QFTableView.h"
+#include "prefpane/VTHistoryController.h"
 #include "ui_VantorPref.h"
 
 #include <QDir>

@@ -1,18 +1,18 @@
 // VantorPref: helper process control (launching, the on/off switch, updates, relaunch).
 
-#include "VantorPref.h"
+#include "prefpane/VantorPref.h"
 
-#include "Alerts.h"
-#include "Bundle.h"
-#include "CocoaGeometry.h"
-#include "FileManager.h"
-#include "PreferencePaneHost.h"
-#include "ProcessInfo.h"
-#include "RunningApplication.h"
-#include "Task.h"
-#include "VTDefaultsController.h"
-#include "VTPreferenceCommunicator.h"
-#include "Workspace.h"
+#include "gui/Alerts.h"
+#include "platform/Bundle.h"
+#include "prefpane/CocoaGeometry.h"
+#include "platform/FileManager.h"
+#include "gui/PreferencePaneHost.h"
+#include "platform/ProcessInfo.h"
+#include "platform/RunningApplication.h"
+#include "platform/Task.h"
+#include "common/VTDefaultsController.h"
+#include "common/VTPreferenceCommunicator.h"
+#include "platform/Workspace.h"
 
 #include <QFile>
 #include <QFileInfo>

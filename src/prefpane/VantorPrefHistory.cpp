@@ -1,13 +1,13 @@
 // VantorPref: the folder table and the total saved, shown through the history controller.
-#include "VantorPref.h"
+#include "prefpane/VantorPref.h"
 
-#include "QFTableView.h"
-#include "VTFoldersCell.h"
-#include "VTHistoryController.h"
-#include "VTPathCell.h"
-#include "VTSavingsCell.h"
-#include "VTSizeToPrettySizeTransformer.h"
-#include "VTStatusCell.h"
+#include "prefpane/QFTableView.h"
+#include "prefpane/VTFoldersCell.h"
+#include "prefpane/VTHistoryController.h"
+#include "prefpane/VTPathCell.h"
+#include "prefpane/VTSavingsCell.h"
+#include "prefpane/VTSizeToPrettySizeTransformer.h"
+#include "prefpane/VTStatusCell.h"
 #include "ui_VantorPref.h"
 
 #include <QHeaderView>

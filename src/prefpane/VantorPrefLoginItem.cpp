@@ -1,10 +1,10 @@
 // VantorPref: the helper's login item, an entry in the login window's list.
 
-#include "VantorPref.h"
+#include "prefpane/VantorPref.h"
 
-#include "BDAlias.h"
-#include "Bundle.h"
-#include "PreferencesDomain.h"
+#include "common/BDAlias.h"
+#include "platform/Bundle.h"
+#include "platform/PreferencesDomain.h"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 // VantorPref: the settings tab, whose controls go through the settings store's setters.
 
-#include "VantorPref.h"
+#include "prefpane/VantorPref.h"
 
-#include "VTDefaultsController.h"
+#include "common/VTDefaultsController.h"
 #include "ui_VantorPref.h"
 
 namespace {

@@ -1,13 +1,13 @@
 // VantorPref: uninstalling the product, restarting the host, the sheets and the help page.
 
-#include "VantorPref.h"
+#include "prefpane/VantorPref.h"
 
-#include "Bundle.h"
-#include "FileManager.h"
-#include "PreferencePaneHost.h"
-#include "SheetSession.h"
-#include "VTPreferenceCommunicator.h"
-#include "Workspace.h"
+#include "platform/Bundle.h"
+#include "platform/FileManager.h"
+#include "gui/PreferencePaneHost.h"
+#include "prefpane/SheetSession.h"
+#include "common/VTPreferenceCommunicator.h"
+#include "platform/Workspace.h"
 #include "ui_RestartSheet.h"
 #include "ui_UninstallSheet.h"
 

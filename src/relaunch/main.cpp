@@ -4,7 +4,7 @@
 // arguments, environment and working folder that process had. The pane starts this from a
 // copy in the user's private temporary folder just before the host quits.
 
-#include "DetachedSpawn.h"
+#include "platform/DetachedSpawn.h"
 
 #include <cerrno>
 #include <climits>

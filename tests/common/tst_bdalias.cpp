@@ -1,7 +1,7 @@
-#include "AliasRecord.h"
-#include "AliasResolver.h"
-#include "BDAlias.h"
-#include "FSRef.h"
+#include "common/AliasRecord.h"
+#include "common/AliasResolver.h"
+#include "common/BDAlias.h"
+#include "common/FSRef.h"
 #include "TestEnvironment.h"
 
 #include <QDataStream>

@@ -1,8 +1,8 @@
-#include "DistributedNotificationCenter.h"
+#include "platform/DistributedNotificationCenter.h"
 #include "NotificationRecorder.h"
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 #include "TestEnvironment.h"
-#include "VTPreferenceCommunicator.h"
+#include "common/VTPreferenceCommunicator.h"
 
 #include <QProcess>
 #include <QTest>

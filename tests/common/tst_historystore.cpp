@@ -1,7 +1,7 @@
-#include "HistoryStore.h"
+#include "common/HistoryStore.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VTUtil.h"
+#include "common/VTUtil.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,8 +1,8 @@
 #include "NotificationRecorder.h"
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 #include "TestEnvironment.h"
-#include "VTDefaultsController.h"
-#include "VTUtil.h"
+#include "common/VTDefaultsController.h"
+#include "common/VTUtil.h"
 
 #include <QMetaProperty>
 #include <QRegularExpression>

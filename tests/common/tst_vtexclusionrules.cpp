@@ -1,6 +1,6 @@
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 #include "TestEnvironment.h"
-#include "VTExclusionRules.h"
+#include "common/VTExclusionRules.h"
 
 #include <QRandomGenerator>
 #include <QRegularExpression>

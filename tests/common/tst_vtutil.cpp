@@ -1,5 +1,5 @@
 #include "TestEnvironment.h"
-#include "VTUtil.h"
+#include "common/VTUtil.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -1,14 +1,14 @@
 // Real drags on a real X display: the pointer is moved by the X server's test extension
 // (xdotool), between the pane's table and another application, as a person would.
-#include "Bundle.h"
+#include "platform/Bundle.h"
 #include "FakePaneHost.h"
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
-#include "QFTableView.h"
+#include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VTHistoryController.h"
-#include "VantorPref.h"
+#include "prefpane/VTHistoryController.h"
+#include "prefpane/VantorPref.h"
 
 #include <QAbstractItemModel>
 #include <QApplication>

@@ -1,8 +1,8 @@
 // Alias data comes from the history store and the login list, both files the user's other
 // programs can write. Any bytes must give an alias whose questions are answered without a
 // crash: no path, or a path; no information, or information.
-#include "AliasRecord.h"
-#include "BDAlias.h"
+#include "common/AliasRecord.h"
+#include "common/BDAlias.h"
 
 #include <QtEndian>
 

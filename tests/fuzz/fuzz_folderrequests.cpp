@@ -4,15 +4,15 @@
 // store in a temporary home and a real compression engine whose worker is kept inactive,
 // so nothing on this machine is ever rewritten. Whatever comes, the helper must keep one
 // record per folder.
-#include "CompressionEngine.h"
-#include "FolderWatch.h"
-#include "SettleQueue.h"
-#include "DesktopNotifier.h"
-#include "FolderRequests.h"
+#include "helper/CompressionEngine.h"
+#include "helper/FolderWatch.h"
+#include "helper/SettleQueue.h"
+#include "helper/DesktopNotifier.h"
+#include "helper/FolderRequests.h"
 #include "FuzzInput.h"
-#include "HistoryContext.h"
-#include "Notifications.h"
-#include "SavingsModel.h"
+#include "common/HistoryContext.h"
+#include "common/Notifications.h"
+#include "helper/SavingsModel.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>

@@ -3,11 +3,11 @@
 // of every type, nested, empty or huge, sometimes under the wrong signature), sent over the
 // real bus to this process and delivered to the handlers. Whatever arrives must be plain
 // property-list values, as the handlers are promised.
-#include "DistributedNotificationCenter.h"
+#include "platform/DistributedNotificationCenter.h"
 #include "FuzzInput.h"
-#include "Notifications.h"
-#include "PropertyList.h"
-#include "VTPreferenceCommunicator.h"
+#include "common/Notifications.h"
+#include "platform/PropertyList.h"
+#include "common/VTPreferenceCommunicator.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>

@@ -1,7 +1,7 @@
 // Property lists arrive from files anyone may have edited: the settings, the exclusion rules,
 // the login list, a bundle's Info.plist. Whatever the bytes, reading must not crash, and
 // whatever is read must be written back and read again as the same value.
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 
 #include <QDebug>
 

@@ -2,16 +2,16 @@
 // test's own, the pane's history controller reading the real store, and a desktop
 // notification service on the test's bus that records what the helper tells the user.
 
-#include "ArrayController.h"
-#include "Bundle.h"
-#include "DistributedNotificationCenter.h"
+#include "prefpane/ArrayController.h"
+#include "platform/Bundle.h"
+#include "platform/DistributedNotificationCenter.h"
 #include "LoopMount.h"
-#include "Notifications.h"
-#include "QFTableView.h"
+#include "common/Notifications.h"
+#include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
 #include "NotificationRecorder.h"
 #include "TestEnvironment.h"
-#include "VTHistoryController.h"
+#include "prefpane/VTHistoryController.h"
 
 #include <QCryptographicHash>
 #include <QDBusConnection>

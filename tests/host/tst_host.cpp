@@ -1,5 +1,5 @@
 #include "NotificationRecorder.h"
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 #include "TestEnvironment.h"
 
 #include <QDir>

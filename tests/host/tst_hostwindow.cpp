@@ -1,5 +1,5 @@
-#include "HostWindow.h"
-#include "PreferencePane.h"
+#include "host/HostWindow.h"
+#include "gui/PreferencePane.h"
 
 #include <QApplication>
 #include <QTest>

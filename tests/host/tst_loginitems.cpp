@@ -1,6 +1,6 @@
-#include "BDAlias.h"
-#include "PreferencesDomain.h"
-#include "PropertyList.h"
+#include "common/BDAlias.h"
+#include "platform/PreferencesDomain.h"
+#include "platform/PropertyList.h"
 #include "TestEnvironment.h"
 
 #include <QDir>

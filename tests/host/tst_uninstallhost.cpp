@@ -1,10 +1,10 @@
 // An installed copy uninstalled from the real host: the host quits on the restart sheet's
 // button and comes back without the pane.
 
-#include "DistributedNotificationCenter.h"
+#include "platform/DistributedNotificationCenter.h"
 #include "NotificationRecorder.h"
-#include "Notifications.h"
-#include "PreferencesDomain.h"
+#include "common/Notifications.h"
+#include "platform/PreferencesDomain.h"
 #include "TestEnvironment.h"
 
 #include <QDBusConnection>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Alerts.h"
-#include "PreferencePaneHost.h"
+#include "gui/Alerts.h"
+#include "gui/PreferencePaneHost.h"
 
 #include <QCoreApplication>
 #include <QWidget>

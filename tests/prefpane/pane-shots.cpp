@@ -1,13 +1,13 @@
 // Renders the pane offscreen for people to look at: a bubble's flight, the settings tab and
 // the uninstall confirmation. Usage: pane-shots <folder>
 
-#include "BubbleLayer.h"
-#include "Bundle.h"
+#include "prefpane/BubbleLayer.h"
+#include "platform/Bundle.h"
 #include "FakePaneHost.h"
 #include "FakeWorkspace.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VantorPref.h"
+#include "prefpane/VantorPref.h"
 
 #include <QApplication>
 #include <QDir>

@@ -1,8 +1,8 @@
-#include "BubbleLayer.h"
-#include "Bundle.h"
+#include "prefpane/BubbleLayer.h"
+#include "platform/Bundle.h"
 #include "FakePaneHost.h"
 #include "TestEnvironment.h"
-#include "VantorPref.h"
+#include "prefpane/VantorPref.h"
 
 #include <QApplication>
 #include <QPushButton>

@@ -1,9 +1,9 @@
-#include "HistoryArrayModel.h"
-#include "QFTableCell.h"
-#include "VTFoldersCell.h"
-#include "VTPathCell.h"
-#include "VTSavingsCell.h"
-#include "VTStatusCell.h"
+#include "prefpane/HistoryArrayModel.h"
+#include "prefpane/QFTableCell.h"
+#include "prefpane/VTFoldersCell.h"
+#include "prefpane/VTPathCell.h"
+#include "prefpane/VTSavingsCell.h"
+#include "prefpane/VTStatusCell.h"
 
 #include <QApplication>
 #include <QFontDatabase>

@@ -1,13 +1,13 @@
-#include "ArrayController.h"
-#include "Bundle.h"
+#include "prefpane/ArrayController.h"
+#include "platform/Bundle.h"
 #include "FakePaneHost.h"
-#include "FolderChooser.h"
+#include "gui/FolderChooser.h"
 #include "NotificationRecorder.h"
-#include "QFTableView.h"
+#include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VTHistoryController.h"
-#include "VantorPref.h"
+#include "prefpane/VTHistoryController.h"
+#include "prefpane/VantorPref.h"
 
 #include <QApplication>
 #include <QDir>

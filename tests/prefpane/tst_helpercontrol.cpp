@@ -1,17 +1,17 @@
 // The pane's helper control against a fake workspace: what is launched, when the
 // permissions sheet appears, and what the switch stores, moves and posts.
 
-#include "Bundle.h"
+#include "platform/Bundle.h"
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
-#include "Notifications.h"
+#include "common/Notifications.h"
 #include "PaneFixture.h"
-#include "ProcessInfo.h"
-#include "RunningApplication.h"
+#include "platform/ProcessInfo.h"
+#include "platform/RunningApplication.h"
 #include "TestEnvironment.h"
-#include "VTDefaultsController.h"
-#include "VTPreferenceCommunicator.h"
-#include "VantorPref.h"
+#include "common/VTDefaultsController.h"
+#include "common/VTPreferenceCommunicator.h"
+#include "prefpane/VantorPref.h"
 
 #include <QDir>
 #include <QPushButton>

@@ -1,17 +1,17 @@
 // The pane with the real workspace and the real helper process on the test's own bus.
 
-#include "Bundle.h"
-#include "DistributedNotificationCenter.h"
+#include "platform/Bundle.h"
+#include "platform/DistributedNotificationCenter.h"
 #include "NotificationRecorder.h"
-#include "Notifications.h"
+#include "common/Notifications.h"
 #include "PaneFixture.h"
-#include "PreferencesDomain.h"
-#include "RunningApplication.h"
+#include "platform/PreferencesDomain.h"
+#include "platform/RunningApplication.h"
 #include "TestEnvironment.h"
-#include "VTDefaultsController.h"
-#include "VTPreferenceCommunicator.h"
-#include "VantorPref.h"
-#include "Workspace.h"
+#include "common/VTDefaultsController.h"
+#include "common/VTPreferenceCommunicator.h"
+#include "prefpane/VantorPref.h"
+#include "platform/Workspace.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>

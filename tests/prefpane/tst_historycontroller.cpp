@@ -1,12 +1,12 @@
-#include "ArrayController.h"
-#include "Bundle.h"
-#include "HistoryArrayModel.h"
+#include "prefpane/ArrayController.h"
+#include "platform/Bundle.h"
+#include "prefpane/HistoryArrayModel.h"
 #include "NotificationRecorder.h"
-#include "QFTableView.h"
+#include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VTHistoryController.h"
-#include "VTUtil.h"
+#include "prefpane/VTHistoryController.h"
+#include "common/VTUtil.h"
 
 #include <QApplication>
 #include <QFile>

@@ -1,4 +1,4 @@
-#include "QFellipsis.h"
+#include "prefpane/QFellipsis.h"
 
 #include <QApplication>
 #include <QTest>

@@ -1,15 +1,15 @@
 // The settings tab: its boxes go through the settings store, its buttons reach the helper,
 // the help page and the uninstall sheet.
 
-#include "Bundle.h"
+#include "platform/Bundle.h"
 #include "FakePaneHost.h"
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
-#include "Notifications.h"
+#include "common/Notifications.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VTDefaultsController.h"
-#include "VantorPref.h"
+#include "common/VTDefaultsController.h"
+#include "prefpane/VantorPref.h"
 
 #include <QCheckBox>
 #include <QFileInfo>

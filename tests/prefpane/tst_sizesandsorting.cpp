@@ -1,6 +1,6 @@
-#include "VTSizeToPrettySizeTransformer.h"
-#include "VTSortDescriptor.h"
-#include "VTUtil.h"
+#include "prefpane/VTSizeToPrettySizeTransformer.h"
+#include "prefpane/VTSortDescriptor.h"
+#include "common/VTUtil.h"
 
 #include <QTest>
 

@@ -1,16 +1,16 @@
 // Uninstalling an installed copy of the pane with the real workspace, helper and relaunch tool.
 
-#include "Bundle.h"
-#include "DistributedNotificationCenter.h"
+#include "platform/Bundle.h"
+#include "platform/DistributedNotificationCenter.h"
 #include "FakePaneHost.h"
-#include "FileManager.h"
+#include "platform/FileManager.h"
 #include "NotificationRecorder.h"
-#include "Notifications.h"
-#include "PreferencesDomain.h"
+#include "common/Notifications.h"
+#include "platform/PreferencesDomain.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VantorPref.h"
-#include "Workspace.h"
+#include "prefpane/VantorPref.h"
+#include "platform/Workspace.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>

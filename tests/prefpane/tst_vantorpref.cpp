@@ -1,11 +1,11 @@
-#include "Bundle.h"
-#include "DistributedNotificationCenter.h"
+#include "platform/Bundle.h"
+#include "platform/DistributedNotificationCenter.h"
 #include "FakePaneHost.h"
 #include "NotificationRecorder.h"
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 #include "TestEnvironment.h"
-#include "VTDefaultsController.h"
-#include "VantorPref.h"
+#include "common/VTDefaultsController.h"
+#include "prefpane/VantorPref.h"
 
 #include <QApplication>
 #include <QLabel>

@@ -1,11 +1,11 @@
-#include "BDAlias.h"
-#include "Bundle.h"
-#include "PreferencesDomain.h"
-#include "PropertyList.h"
+#include "common/BDAlias.h"
+#include "platform/Bundle.h"
+#include "platform/PreferencesDomain.h"
+#include "platform/PropertyList.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VTDefaultsController.h"
-#include "VantorPref.h"
+#include "common/VTDefaultsController.h"
+#include "prefpane/VantorPref.h"
 
 #include <QDir>
 #include <QFileInfo>

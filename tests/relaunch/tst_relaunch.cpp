@@ -1,7 +1,7 @@
 // The relaunch tool on its own, and the host coming back after an update.
 
-#include "DistributedNotificationCenter.h"
-#include "Notifications.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "common/Notifications.h"
 #include "NotificationRecorder.h"
 #include "TestEnvironment.h"
 

@@ -9,11 +9,11 @@
 //
 // "settings" and "login" print "w N" before and "d N" after the write of step N, unbuffered,
 // so the killer knows which steps may be on disk.
-#include "DistributedNotificationCenter.h"
-#include "Notifications.h"
-#include "PreferencesDomain.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "common/Notifications.h"
+#include "platform/PreferencesDomain.h"
 #include "ReliabilityStates.h"
-#include "VTDefaultsController.h"
+#include "common/VTDefaultsController.h"
 
 #include <QCoreApplication>
 #include <QDBusConnection>

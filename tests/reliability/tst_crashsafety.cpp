@@ -1,11 +1,11 @@
 // The settings and the login-item list are written by a process that can die at any moment.
 // A writer is killed (SIGKILL) at random moments, over and over, and after every kill the
 // file must parse and hold either the settings before the interrupted write or after it.
-#include "PreferencesDomain.h"
-#include "PropertyList.h"
+#include "platform/PreferencesDomain.h"
+#include "platform/PropertyList.h"
 #include "ReliabilityStates.h"
 #include "TestEnvironment.h"
-#include "VTUtil.h"
+#include "common/VTUtil.h"
 
 #include <QDir>
 #include <QFileInfo>

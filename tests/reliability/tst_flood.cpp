@@ -1,11 +1,11 @@
 // A flood of "vantorSavingsChanged" from a sender of our own: 10,000 in one second. The
 // window keeps painting and ends showing the final figures.
-#include "ArrayController.h"
-#include "Bundle.h"
-#include "QFTableView.h"
+#include "prefpane/ArrayController.h"
+#include "platform/Bundle.h"
+#include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VTHistoryController.h"
+#include "prefpane/VTHistoryController.h"
 
 #include <QApplication>
 #include <QElapsedTimer>

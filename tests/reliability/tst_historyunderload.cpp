@@ -1,13 +1,13 @@
 // The pane's history controller reading while another process writes the store: every
 // refresh is one consistent picture, no error reaches the user, and a writer killed inside
 // a transaction leaves a store the pane reads.
-#include "ArrayController.h"
-#include "Bundle.h"
-#include "HistoryArrayModel.h"
-#include "QFTableView.h"
+#include "prefpane/ArrayController.h"
+#include "platform/Bundle.h"
+#include "prefpane/HistoryArrayModel.h"
+#include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VTHistoryController.h"
+#include "prefpane/VTHistoryController.h"
 
 #include <QApplication>
 #include <QProcess>

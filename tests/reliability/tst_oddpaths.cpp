@@ -2,20 +2,20 @@
 // pane, posted on the bus, recorded by the real helper in the real store, shown as a table
 // row, found again through the record's alias (also after a move), and removed again.
 
-#include "AliasResolver.h"
-#include "ArrayController.h"
-#include "BDAlias.h"
-#include "Bundle.h"
-#include "DistributedNotificationCenter.h"
+#include "common/AliasResolver.h"
+#include "prefpane/ArrayController.h"
+#include "common/BDAlias.h"
+#include "platform/Bundle.h"
+#include "platform/DistributedNotificationCenter.h"
 #include "FakePaneHost.h"
-#include "HistoryArrayModel.h"
+#include "prefpane/HistoryArrayModel.h"
 #include "NotificationRecorder.h"
-#include "Notifications.h"
-#include "QFTableView.h"
+#include "common/Notifications.h"
+#include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
-#include "VTHistoryController.h"
-#include "VantorPref.h"
+#include "prefpane/VTHistoryController.h"
+#include "prefpane/VantorPref.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "PreferencePaneHost.h"
+#include "gui/PreferencePaneHost.h"
 
 #include <QCoreApplication>
 #include <QList>

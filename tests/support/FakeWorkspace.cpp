@@ -1,6 +1,6 @@
 #include "FakeWorkspace.h"
 
-#include "RunningApplication.h"
+#include "platform/RunningApplication.h"
 
 FakeWorkspace::FakeWorkspace()
 {

@@ -1,6 +1,6 @@
 #include "NotificationRecorder.h"
 
-#include "DistributedNotificationCenter.h"
+#include "platform/DistributedNotificationCenter.h"
 
 #include <QDBusMessage>
 #include <QSignalSpy>

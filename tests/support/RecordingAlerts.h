@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Alerts.h"
+#include "gui/Alerts.h"
 
 #include <QList>
 

@@ -107,7 +107,8 @@ QString TestEnvironment::helperExecutable()
 QString TestEnvironment::sqlite(const QString &database, const QString &sql)
 {
     QProcess shell;
-    shell.start(QStringLiteral("sqlite3"), {database, sql});
+    // A helper may still hold the store a moment after its host is gone: wait for its lock.
+    shell.start(QStringLiteral("sqlite3"), {QStringLiteral("-cmd"), QStringLiteral(".timeout 5000"), database, sql});
     shell.waitForFinished(30000);
     return QString::fromUtf8(shell.readAllStandardOutput() + shell.readAllStandardError()).trimmed();
 }

@@ -1,6 +1,6 @@
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 
-#include "AtomicFile.h"
+#include "platform/AtomicFile.h"
 
 #include <QDateTime>
 #include <QFile>

@@ -1,7 +1,7 @@
 // The history store lives in the widget-free common library; its alerts are shown through
 // Alerts as soon as this library is loaded into a process.
-#include "Alerts.h"
-#include "HistoryStore.h"
+#include "gui/Alerts.h"
+#include "common/HistoryStore.h"
 
 namespace {
 

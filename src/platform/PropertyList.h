@@ -4,13 +4,13 @@
 #include <QVariant>
 #include <optional>
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 // Property lists (XML and binary) through libplist, mapped onto QVariant:
 // dict <-> QVariantMap, array <-> QVariantList, string <-> QString, boolean <-> bool,
 // integer <-> qint64 (quint64 above INT64_MAX), real <-> double, data <-> QByteArray,
 // date <-> QDateTime (UTC).
-class VANTOR_COMMON_EXPORT PropertyList
+class VANTOR_PLATFORM_EXPORT PropertyList
 {
 public:
     // Parses XML or binary property-list bytes; nullopt when they are not a property list.

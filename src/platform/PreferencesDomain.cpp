@@ -1,6 +1,6 @@
-#include "PreferencesDomain.h"
+#include "platform/PreferencesDomain.h"
 
-#include "PropertyList.h"
+#include "platform/PropertyList.h"
 
 #include <QDir>
 #include <QFile>

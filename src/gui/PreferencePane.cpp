@@ -1,6 +1,6 @@
-#include "PreferencePane.h"
+#include "gui/PreferencePane.h"
 
-#include "PreferencePaneHost.h"
+#include "gui/PreferencePaneHost.h"
 
 PreferencePaneHost::~PreferencePaneHost() = default;
 

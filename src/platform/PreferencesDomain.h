@@ -4,12 +4,12 @@
 #include <QVariant>
 #include <QVariantMap>
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 // One preferences domain of the current user, kept as an XML property list (a dictionary)
 // in $XDG_CONFIG_HOME/vantor/preferences/<domain>.plist. Values are read from the file on
 // every call, since other programs edit it too; changes wait for synchronize().
-class VANTOR_COMMON_EXPORT PreferencesDomain
+class VANTOR_PLATFORM_EXPORT PreferencesDomain
 {
 public:
     explicit PreferencesDomain(const QString &domain);

@@ -5,7 +5,7 @@
 #include <QString>
 #include <QWidget>
 
-#include "VantorGuiExport.h"
+#include "gui/VantorGuiExport.h"
 
 class Bundle;
 class PreferencePaneHost;

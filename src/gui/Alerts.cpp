@@ -1,4 +1,4 @@
-#include "Alerts.h"
+#include "gui/Alerts.h"
 
 #include <QApplication>
 #include <QMessageBox>

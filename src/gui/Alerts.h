@@ -5,7 +5,7 @@
 
 #include <functional>
 
-#include "VantorGuiExport.h"
+#include "gui/VantorGuiExport.h"
 
 class QWidget;
 

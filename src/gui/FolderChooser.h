@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "VantorGuiExport.h"
+#include "gui/VantorGuiExport.h"
 
 class QWidget;
 

@@ -1,4 +1,4 @@
-#include "DistributedNotificationCenter.h"
+#include "platform/DistributedNotificationCenter.h"
 
 #include <QDBusArgument>
 #include <QDBusConnection>

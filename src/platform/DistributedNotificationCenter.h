@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "VantorCommonExport.h"
+#include "platform/VantorPlatformExport.h"
 
 // The system-wide, name-addressed broadcast between the pane and the helper: a D-Bus signal
 // on the session bus (path /com/quillfen/vantor, interface
@@ -17,7 +17,7 @@ struct DistributedNotification {
     QVariantMap userInfo;
 };
 
-class VANTOR_COMMON_EXPORT DistributedNotificationCenter : public QObject
+class VANTOR_PLATFORM_EXPORT DistributedNotificationCenter : public QObject
 {
     Q_OBJECT
 public:

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "VantorGuiExport.h"
+#include "gui/VantorGuiExport.h"
 
 class QObject;
 class QWidget;

@@ -1,6 +1,6 @@
-#include "FolderChooser.h"
+#include "gui/FolderChooser.h"
 
-#include "FileManager.h"
+#include "platform/FileManager.h"
 
 #include <QAbstractItemView>
 #include <QDBusConnection>
