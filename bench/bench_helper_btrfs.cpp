@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -68,6 +69,25 @@ qint64 copyTree(const QString &from, const QString &to, qint64 budget, const QSt
     return copied;
 }
 
+QByteArray generatedText(qint64 size, QRandomGenerator &random)
+{
+    static const char *const words[] = {"the ",    "space ",  "saved ", "by ",     "compression ", "folder ",
+                                        "report ", "of ",     "disk\n", "which ",  "quarterly ",   "figures ",
+                                        "and ",    "notes. ", "2024 ",  "Vantor ", "users ",       "files, "};
+    QByteArray text;
+    text.reserve(size + 16);
+    while (text.size() < size)
+        text += words[random.bounded(int(std::size(words)))];
+    return text;
+}
+
+QByteArray generatedMedia(qint64 size, QRandomGenerator &random)
+{
+    QByteArray media(size, Qt::Uninitialized);
+    random.fillRange(reinterpret_cast<quint32 *>(media.data()), size / 4);
+    return media;
+}
+
 // Text, source code, binaries and already-compressed media, about 160 MB.
 void makeCorpus(const QString &dir)
 {
@@ -76,22 +96,12 @@ void makeCorpus(const QString &dir)
              {QStringLiteral("*.so*")});
     copyTree(QStringLiteral("/usr/share/doc"), dir + QStringLiteral("/text/doc"), 5 * MiB,
              {QStringLiteral("copyright")});
-    static const char *const words[] = {"the ",    "space ",  "saved ", "by ",     "compression ", "folder ",
-                                        "report ", "of ",     "disk\n", "which ",  "quarterly ",   "figures ",
-                                        "and ",    "notes. ", "2024 ",  "Vantor ", "users ",       "files, "};
     QRandomGenerator random(7);
-    for (int i = 0; i < 20; ++i) {
-        QByteArray text;
-        while (text.size() < MiB + i * 37 * 1024)
-            text += words[random.bounded(int(std::size(words)))];
-        writeFile(dir + QStringLiteral("/text/report%1.txt").arg(i), text);
-    }
-    for (int i = 0; i < 10; ++i) {
-        QByteArray media(3 * MiB + i * 4096 + 123, Qt::Uninitialized);
-        random.fillRange(reinterpret_cast<quint32 *>(media.data()), media.size() / 4);
+    for (int i = 0; i < 20; ++i)
+        writeFile(dir + QStringLiteral("/text/report%1.txt").arg(i), generatedText(MiB + i * 37 * 1024, random));
+    for (int i = 0; i < 10; ++i)
         writeFile(dir + QStringLiteral("/media/clip%1.%2").arg(i).arg(i % 2 ? QStringLiteral("mp4") : QStringLiteral("raw")),
-                  media);
-    }
+                  generatedMedia(3 * MiB + i * 4096 + 123, random));
 }
 
 qint64 treeSize(const QString &dir)
@@ -152,6 +162,50 @@ bool record(const QString &store, const QString &folder, int *status, qint64 *sa
     }
     sqlite3_close(db);
     return found;
+}
+
+// Asks the helper, as the pane asks, to compress folder; waits until its record says 100 and
+// the data is on disk. False when it did not get there.
+bool compressWithHelper(const QString &store, const QString &folder, qint64 *savings, qint64 timeoutMs = 600000)
+{
+    QElapsedTimer timer;
+    timer.start();
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
+    int status = 0;
+    while (!(record(store, folder, &status, savings) && status >= 100) && timer.elapsed() < timeoutMs) {
+        QCoreApplication::processEvents();
+        QThread::msleep(10);
+    }
+    ::sync();
+    return status >= 100;
+}
+
+// A figure of "btrfs filesystem usage -b" ("Used:", "Free (statfs, df):"), all writes committed.
+qint64 usage(const QString &mountPoint, const QByteArray &field)
+{
+    ::sync();
+    QByteArray out;
+    run(QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("usage"), QStringLiteral("-b"), mountPoint},
+        &out);
+    for (const QByteArray &line : out.split('\n')) {
+        const QByteArray trimmed = line.trimmed();
+        if (trimmed.startsWith(field))
+            return trimmed.mid(field.size()).simplified().split(' ').value(0).toLongLong();
+    }
+    return -1;
+}
+
+// CPU seconds the process has used, all its threads, user and system.
+double cpuSeconds(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray line = stat.readAll();
+    // Fields after the command name, which may hold spaces: utime and stime are the 12th and 13th.
+    const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+    return (fields.value(11).toDouble() + fields.value(12).toDouble()) / double(::sysconf(_SC_CLK_TCK));
 }
 
 } // namespace
@@ -222,8 +276,9 @@ int main(int argc, char *argv[])
     for (int round = 0; round < rounds && measured; ++round) {
         const QString defragFolder = mnt + QStringLiteral("/defrag%1").arg(round);
         const QString helperFolder = mnt + QStringLiteral("/helper%1").arg(round);
-        run(QStringLiteral("cp"), {QStringLiteral("-a"), corpusFolder, defragFolder});
-        run(QStringLiteral("cp"), {QStringLiteral("-a"), corpusFolder, helperFolder});
+        // Copies of their own: cp reflinks by default, and shared data is left alone.
+        for (const QString &copy : {defragFolder, helperFolder})
+            run(QStringLiteral("cp"), {QStringLiteral("-a"), QStringLiteral("--reflink=never"), corpusFolder, copy});
 
         // The file system's own tool, until the data is on disk.
         dropCaches();
@@ -239,15 +294,7 @@ int main(int argc, char *argv[])
         // The helper, asked as the pane asks, until its record says 100 and the data is on disk.
         dropCaches();
         timer.restart();
-        DistributedNotificationCenter::defaultCenter()->postNotificationName(
-            QLatin1String(Notifications::Folders),
-            {{QLatin1String(Notifications::FoldersToAddKey), QStringList{helperFolder}}});
-        status = 0;
-        while (!(record(store, helperFolder, &status, &savings) && status >= 100) && timer.elapsed() < 600000) {
-            QCoreApplication::processEvents();
-            QThread::msleep(10);
-        }
-        ::sync();
+        status = compressWithHelper(store, helperFolder, &savings) ? 100 : 0;
         helperTimes.append(timer.nsecsElapsed() / 1e9);
         measured = status >= 100 && compsize(helperFolder, &disk, &uncompressed)
             && compsize(defragFolder, &defragDisk, &defragUncompressed);
@@ -258,6 +305,66 @@ int main(int argc, char *argv[])
             QDir(helperFolder).removeRecursively();
         }
     }
+    QDir(mnt + QStringLiteral("/defrag%1").arg(rounds - 1)).removeRecursively();
+    QDir(mnt + QStringLiteral("/helper%1").arg(rounds - 1)).removeRecursively();
+
+    // The corpus in a subvolume with a read-only snapshot, as Snapper and Timeshift keep them:
+    // the file system's used space must not grow, and what is reported must have been freed.
+    qint64 snapshotSavings = 0, usedBefore = 0, usedAfter = 0;
+    if (measured) {
+        const QString volume = mnt + QStringLiteral("/snapshotted");
+        const QString snapshot = mnt + QStringLiteral("/snapshot");
+        run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("create"), volume});
+        run(QStringLiteral("cp"), {QStringLiteral("-a"), QStringLiteral("--reflink=never"), corpusFolder,
+                                   volume + QStringLiteral("/corpus")});
+        run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("snapshot"), QStringLiteral("-r"),
+                                      volume, snapshot});
+        usedBefore = usage(mnt, "Used:");
+        measured = compressWithHelper(store, volume + QStringLiteral("/corpus"), &snapshotSavings);
+        usedAfter = usage(mnt, "Used:");
+        for (const QString &subvolume : {snapshot, volume})
+            run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("delete"), subvolume});
+    }
+    // CPU the helper spends per GB of media, which does not shrink, and of text.
+    double cpuPerGB[2] = {};
+    QRandomGenerator random(11);
+    for (int kind = 0; kind < 2 && measured; ++kind) {
+        const QString folder = mnt + (kind == 0 ? QStringLiteral("/media") : QStringLiteral("/text"));
+        for (int i = 0; i < 64; ++i)
+            writeFile(folder + QStringLiteral("/file%1").arg(i),
+                      kind == 0 ? generatedMedia(4 * MiB, random) : generatedText(4 * MiB, random));
+        dropCaches();
+        const double before = cpuSeconds(helper.processId());
+        qint64 ignored = 0;
+        measured = compressWithHelper(store, folder, &ignored);
+        cpuPerGB[kind] = (cpuSeconds(helper.processId()) - before) / (64 * 4 * MiB / 1e9);
+        QDir(folder).removeRecursively();
+    }
+
+    // A nearly full file system: 120 MB of text and 8 MB free.
+    qint64 freeBefore = 0, freeAfter = 0, fullSavings = 0;
+    const QString fullImage = root + QStringLiteral("/full.img");
+    const QString fullMnt = root + QStringLiteral("/full");
+    QDir().mkpath(fullMnt);
+    QFile full(fullImage);
+    if (measured && full.open(QIODevice::WriteOnly) && full.resize(320 * MiB)) {
+        full.close();
+        measured = run(QStringLiteral("mkfs.btrfs"), {QStringLiteral("-q"), fullImage})
+            && run(QStringLiteral("mount"), {QStringLiteral("-o"), QStringLiteral("loop"), fullImage, fullMnt});
+        for (int i = 0; i < 30 && measured; ++i)
+            writeFile(fullMnt + QStringLiteral("/Documents/report%1.txt").arg(i), generatedText(4 * MiB, random));
+        const int fd = ::open(QFile::encodeName(fullMnt + QStringLiteral("/filler")).constData(),
+                              O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        measured = measured && fd >= 0 && ::posix_fallocate(fd, 0, usage(fullMnt, "Free (statfs, df):") - 8 * MiB) == 0;
+        if (fd >= 0)
+            ::close(fd);
+        freeBefore = usage(fullMnt, "Free (statfs, df):");
+        measured = measured && compressWithHelper(store, fullMnt + QStringLiteral("/Documents"), &fullSavings);
+        freeAfter = usage(fullMnt, "Free (statfs, df):");
+        run(QStringLiteral("umount"), {fullMnt});
+    }
+    QFile::remove(fullImage);
+
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::HelperShouldQuit));
     QCoreApplication::processEvents();
@@ -269,7 +376,7 @@ int main(int argc, char *argv[])
     bus.kill();
     bus.waitForFinished();
     if (!measured) {
-        std::fprintf(stderr, "bench-helper-btrfs: the helper did not finish (status %d)\n", status);
+        std::fprintf(stderr, "bench-helper-btrfs: the helper did not finish a round (status %d)\n", status);
         return 1;
     }
     std::sort(defragTimes.begin(), defragTimes.end());
@@ -285,6 +392,12 @@ int main(int argc, char *argv[])
                 (defragUncompressed - defragDisk) / 1e6);
     std::printf("helper: %.2f s, %.1f MB/s (%.2fx), reported %.1f MB saved, compsize %.1f MB\n", helperSeconds,
                 helperRate, helperRate / defragRate, savings / 1e6, real / 1e6);
+    std::printf("snapshot round: used space %+.2f MB (goal <= 0), reported %.1f MB saved, really freed %.1f MB\n",
+                (usedAfter - usedBefore) / 1e6, snapshotSavings / 1e6, (usedBefore - usedAfter) / 1e6);
+    std::printf("nearly full round: free space %.1f MB before, %.1f MB after (goal: more after), reported %.1f MB saved\n",
+                freeBefore / 1e6, freeAfter / 1e6, fullSavings / 1e6);
+    std::printf("helper CPU: media %.2f s/GB, text %.2f s/GB (the helper's own threads; btrfs compresses in kernel "
+                "workers)\n", cpuPerGB[0], cpuPerGB[1]);
     std::printf("RESULT bench-helper-btrfs %.2f %% ratio=%.2f\n", difference, helperRate / defragRate);
     return 0;
 }

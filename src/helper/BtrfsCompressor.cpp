@@ -1,11 +1,11 @@
 #include "helper/BtrfsCompressor.h"
 
 #include "common/AliasVolume.h"
+#include "helper/FreeSpaceGuard.h"
 
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/btrfs.h>
-#include <linux/fiemap.h>
 #include <linux/fs.h>
 #include <linux/magic.h>
 #include <sched.h>
@@ -17,7 +17,6 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <memory>
 
 namespace {
 
@@ -25,6 +24,8 @@ namespace {
 constexpr __u32 kCompressZstd = 3;
 // One defragment call rewrites at most this much, so a broken lease is noticed soon.
 constexpr __u64 kStep = 32 * 1024 * 1024;
+// btrfs compresses in chunks of this size.
+constexpr __u64 kChunk = 128 * 1024;
 
 constexpr int kIoprioClassIdle = 3;
 constexpr int kIoprioClassShift = 13;
@@ -63,59 +64,50 @@ bool BtrfsCompressor::ensureCompressionProperty(int fd)
     return (size == 4 && qstrncmp(value, "zstd", 4) == 0) || setCompressionProperty(fd);
 }
 
-bool BtrfsCompressor::isCompressed(int fd)
-{
-    constexpr unsigned kExtents = 64;
-    const size_t size = sizeof(struct fiemap) + kExtents * sizeof(struct fiemap_extent);
-    std::unique_ptr<char[]> buffer(new char[size]);
-    __u64 start = 0;
-    bool any = false;
-    for (;;) {
-        std::fill(buffer.get(), buffer.get() + size, 0);
-        auto *map = reinterpret_cast<struct fiemap *>(buffer.get());
-        map->fm_start = start;
-        map->fm_length = FIEMAP_MAX_OFFSET;
-        map->fm_extent_count = kExtents;
-        if (::ioctl(fd, FS_IOC_FIEMAP, map) != 0 || map->fm_mapped_extents == 0)
-            return any;
-        for (unsigned i = 0; i < map->fm_mapped_extents; ++i) {
-            const struct fiemap_extent &extent = map->fm_extents[i];
-            if (!(extent.fe_flags & (FIEMAP_EXTENT_ENCODED | FIEMAP_EXTENT_DATA_INLINE)))
-                return false;
-            any = true;
-            if (extent.fe_flags & FIEMAP_EXTENT_LAST)
-                return true;
-            start = extent.fe_logical + extent.fe_length;
-        }
-    }
-}
-
-BtrfsCompressor::Result BtrfsCompressor::compressFile(int fd, const std::atomic<bool> &cancel)
+BtrfsCompressor::Result BtrfsCompressor::compressRanges(int fd, const QList<ExtentMap::Range> &ranges,
+                                                        const std::atomic<bool> &cancel)
 {
     // A read lease can be taken only while nobody has the file open for writing.
     if (::fcntl(fd, F_SETLEASE, F_RDLCK) != 0)
         return errno == EAGAIN || errno == EBUSY ? Result::InUse : Result::Failed;
     setCompressionProperty(fd);
 
-    struct stat st {};
-    Result result = ::fstat(fd, &st) == 0 ? Result::Compressed : Result::Failed;
-    for (__u64 start = 0; result == Result::Compressed && start < __u64(st.st_size); start += kStep) {
-        // A writer opening the file breaks the lease: give way to it.
-        if (cancel.load() || ::fcntl(fd, F_GETLEASE) != F_RDLCK) {
-            result = Result::InUse;
-            break;
+    Result result = Result::Compressed;
+    int error = 0;
+    for (const ExtentMap::Range &range : ranges) {
+        const __u64 end = __u64(range.start + range.length);
+        for (__u64 start = __u64(range.start); result == Result::Compressed && start < end;) {
+            // A writer opening the file breaks the lease: give way to it.
+            if (cancel.load() || ::fcntl(fd, F_GETLEASE) != F_RDLCK) {
+                result = Result::InUse;
+                break;
+            }
+            const qint64 room = FreeSpaceGuard::room(fd);
+            if (room < FreeSpaceGuard::kMinRoom) {
+                result = Result::NoSpace;
+                break;
+            }
+            const bool low = room < FreeSpaceGuard::kLowRoom;
+            const __u64 step = low ? qMax(__u64(room / 4) / kChunk * kChunk, kChunk) : kStep;
+            struct btrfs_ioctl_defrag_range_args args {};
+            args.start = start;
+            args.len = qMin(step, end - start);
+            args.flags = BTRFS_DEFRAG_RANGE_COMPRESS | BTRFS_DEFRAG_RANGE_START_IO;
+            args.compress_type = kCompressZstd;
+            if (::ioctl(fd, BTRFS_IOC_DEFRAG_RANGE, &args) != 0) {
+                error = errno;
+                result = error == ENOSPC ? Result::NoSpace : Result::Failed;
+            }
+            // Committed, the replaced extents are free for the next step.
+            if (low)
+                ::syncfs(fd);
+            start += args.len;
         }
-        struct btrfs_ioctl_defrag_range_args args {};
-        args.start = start;
-        args.len = kStep;
-        args.flags = BTRFS_DEFRAG_RANGE_COMPRESS | BTRFS_DEFRAG_RANGE_START_IO;
-        args.compress_type = kCompressZstd;
-        if (::ioctl(fd, BTRFS_IOC_DEFRAG_RANGE, &args) != 0)
-            result = Result::Failed;
+        if (result != Result::Compressed)
+            break;
     }
-    const int saved = errno;
     ::fcntl(fd, F_SETLEASE, F_UNLCK);
-    errno = saved;
+    errno = error;
     return result;
 }
 

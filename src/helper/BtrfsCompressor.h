@@ -1,5 +1,7 @@
 #pragma once
 
+#include "helper/ExtentMap.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -13,8 +15,9 @@ class BtrfsCompressor
 public:
     enum class Result {
         Compressed,
-        InUse,  // open for writing elsewhere: no read lease could be taken, or it was broken
-        Failed, // the file system refused; errno tells why
+        InUse,   // open for writing elsewhere: no read lease could be taken, or it was broken
+        NoSpace, // the disk is too full to go on; what was not rewritten is as it was
+        Failed,  // the file system refused; errno tells why
     };
 
     static bool isBtrfs(int fd);
@@ -27,12 +30,12 @@ public:
     static bool setCompressionProperty(int fd);
     // Sets it only where it is not set yet: a rescan then changes nothing on disk.
     static bool ensureCompressionProperty(int fd);
-    // True when every extent of the file is already stored compressed.
-    static bool isCompressed(int fd);
 
-    // Rewrites the file compressed, in steps, holding a read lease so that a writer opening
-    // the file stops the rewrite instead of waiting behind it. fd must be open read-only.
-    static Result compressFile(int fd, const std::atomic<bool> &cancel);
+    // Rewrites these ranges of the file compressed, in steps, holding a read lease so that a
+    // writer opening the file stops the rewrite instead of waiting behind it. With little free
+    // space the steps are small and each is committed, so the old extents are freed before the
+    // next is written. fd must be open read-only.
+    static Result compressRanges(int fd, const QList<ExtentMap::Range> &ranges, const std::atomic<bool> &cancel);
 
     // Idle CPU and I/O priority for the calling thread.
     static void lowerThreadPriority();

@@ -4,7 +4,9 @@
 #include "helper/BtrfsCompressor.h"
 #include "helper/CompressionWorker.h"
 #include "helper/DesktopNotifier.h"
+#include "common/VTUtil.h"
 #include "helper/FolderWatch.h"
+#include "helper/FreeSpaceGuard.h"
 #include "helper/SavingsModel.h"
 #include "helper/SettleQueue.h"
 #include "helper/HelperLog.h"
@@ -26,12 +28,16 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     , m_watch(watch)
     , m_settle(settle)
     , m_worker(new CompressionWorker(watch, this))
+    , m_space(new FreeSpaceGuard(this))
 {
     connect(m_worker, &CompressionWorker::progress, this, &CompressionEngine::progress);
     connect(m_worker, &CompressionWorker::finished, this, &CompressionEngine::finished);
     connect(m_worker, &CompressionWorker::failed, this, &CompressionEngine::failed);
     connect(m_worker, &CompressionWorker::unsettled, this, &CompressionEngine::unsettled);
     connect(m_worker, &CompressionWorker::watchLimitReached, this, &CompressionEngine::watchLimitReached);
+    connect(m_worker, &CompressionWorker::sharedFound, this, [this](qint64 id) { m_sharedFound.insert(id); });
+    connect(m_worker, &CompressionWorker::waitingForSpace, this, &CompressionEngine::waitingForSpace);
+    connect(m_space, &FreeSpaceGuard::roomAgain, this, &CompressionEngine::roomAgain);
     // Ids of the old file mean nothing in the new one.
     connect(m_savings, &SavingsModel::storeReopened, this, [this] {
         const QList<qint64> ids = m_folders.keys();
@@ -66,7 +72,7 @@ void CompressionEngine::resume()
         QString folder = record.folder;
         if (!QFileInfo(folder).isDir()) {
             // Moved while the helper was not running: the alias record finds it.
-            const std::unique_ptr<BDAlias> alias = BDAlias::aliasWithData(record.folderAlias);
+            const std::unique_ptr<BDAlias> alias = BDAlias::aliasWithData(m_savings->folderAlias(record.objectID));
             const QString found = alias ? alias->fullPath() : QString();
             if (found.isEmpty() || found == folder || !QFileInfo(found).isDir())
                 continue; // gone: listed by its recorded path
@@ -114,6 +120,9 @@ void CompressionEngine::forget(qint64 id)
     m_worker->cancel(id);
     m_settle->remove(id);
     m_limited.remove(id);
+    m_space->forget(id);
+    m_toldWaiting.remove(id);
+    m_sharedFound.remove(id);
     const auto it = m_folders.constFind(id);
     if (it == m_folders.cend())
         return;
@@ -170,11 +179,16 @@ void CompressionEngine::progress(qint64 id, quint32 status, quint64 savings)
     report(id, std::min(status, 99u), savings, false);
 }
 
-void CompressionEngine::finished(qint64 id, quint32 status, quint64 savings)
+void CompressionEngine::finished(qint64 id, quint32 status, quint64 savings, quint64 shared)
 {
     // Done only when no change waits to settle either (the worker has no more work queued).
     const bool waiting = m_settle->isWaiting(id);
+    m_toldWaiting.remove(id);
     report(id, waiting ? std::min(status, 99u) : status, savings, !waiting);
+    // Told once the whole folder is known, with its whole figure; a rescan that finds only
+    // what was told before says nothing.
+    if (!waiting && shared > 0 && m_sharedFound.remove(id))
+        sharedLeft(id, shared);
 }
 
 void CompressionEngine::failed(qint64 id, const QString &reason)
@@ -234,4 +248,42 @@ void CompressionEngine::folderMoved(qint64 id)
     qCInfo(lcHelper, "\"%s\" was moved to \"%s\"", qPrintable(it->path), qPrintable(path));
     it->path = path;
     m_worker->setPath(id, QFile::encodeName(path));
+}
+
+void CompressionEngine::tell(const QString &summary, const QString &body)
+{
+    qCInfo(lcHelper, "%s", qPrintable(body));
+    m_notifier->notify(summary, body);
+}
+
+void CompressionEngine::sharedLeft(qint64 id, quint64 bytes)
+{
+    if (!m_folders.contains(id) || m_toldShared.contains(id))
+        return;
+    m_toldShared.insert(id);
+    tell(QStringLiteral("Shared data left as it is"),
+         QStringLiteral("%1 in %2 is shared with snapshots or copies and was left as it is: "
+                        "compressing it now would take more space until those are deleted")
+             .arg(VTUtil::getPrettySize(bytes), QFileInfo(m_folders.value(id).path).fileName()));
+}
+
+void CompressionEngine::waitingForSpace(qint64 id, quint32 status, quint64 savings, quint64 bytesToFree)
+{
+    if (!m_folders.contains(id))
+        return;
+    report(id, status, savings, true);
+    m_space->wait(id, QFile::encodeName(m_folders.value(id).path));
+    if (m_toldWaiting.contains(id))
+        return;
+    m_toldWaiting.insert(id);
+    tell(QStringLiteral("Vantor is waiting for disk space"),
+         QStringLiteral("%1 waits to be compressed: its disk is nearly full. "
+                        "Free %2 on it and Vantor goes on by itself.")
+             .arg(QFileInfo(m_folders.value(id).path).fileName(), VTUtil::getPrettySize(bytesToFree)));
+}
+
+void CompressionEngine::roomAgain(qint64 id)
+{
+    if (m_folders.contains(id))
+        m_worker->scan(id, QByteArray(), true);
 }

@@ -9,6 +9,7 @@
 class CompressionWorker;
 class DesktopNotifier;
 class FolderWatch;
+class FreeSpaceGuard;
 class SavingsModel;
 class SettleQueue;
 
@@ -54,18 +55,28 @@ private:
     };
     void report(qint64 id, quint32 status, quint64 savings, bool flush);
     void progress(qint64 id, quint32 status, quint64 savings);
-    void finished(qint64 id, quint32 status, quint64 savings);
+    void finished(qint64 id, quint32 status, quint64 savings, quint64 shared);
     void failed(qint64 id, const QString &reason);
     void unsettled(qint64 id, const QByteArray &relative, qint64 waitMs);
     void watchLimitReached(qint64 id);
     void forget(qint64 id);
+    void sharedLeft(qint64 id, quint64 bytes);
+    void waitingForSpace(qint64 id, quint32 status, quint64 savings, quint64 bytesToFree);
+    void roomAgain(qint64 id);
+    // Tells the user, and the log, in the same words.
+    void tell(const QString &summary, const QString &body);
 
     SavingsModel *m_savings;
     DesktopNotifier *m_notifier;
     FolderWatch *m_watch;
     SettleQueue *m_settle;
     CompressionWorker *m_worker;
+    FreeSpaceGuard *m_space;
     QHash<qint64, Folder> m_folders;
     QTimer m_rescan;
     QSet<qint64> m_limited;
+    // Told once: about shared data per folder, about a full disk per wait.
+    QSet<qint64> m_toldShared;
+    QSet<qint64> m_sharedFound; // to be told when the folder is done
+    QSet<qint64> m_toldWaiting;
 };

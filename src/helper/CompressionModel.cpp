@@ -34,19 +34,33 @@ qint64 CompressionModel::savingsForFile(int fd)
     struct stat st {};
     if (::fstat(fd, &st) != 0)
         return -1;
+    return savingsForRanges(fd, {{0, st.st_size}});
+}
+
+qint64 CompressionModel::savingsForRanges(int fd, const QList<ExtentMap::Range> &ranges)
+{
+    struct stat st {};
+    if (::fstat(fd, &st) != 0)
+        return -1;
     if (st.st_size <= kBlockSize)
         return 0;
     qint64 savings = 0;
-    for (qint64 offset = 0; offset < st.st_size;) {
-        const ssize_t n = ::pread(fd, m_input.data(), m_input.size(), offset);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return -1;
-        if (n == 0)
-            break; // shrank while read
-        savings += savingsForChunk(m_input.data(), n);
-        offset += n;
+    int chunks = 0;
+    for (const ExtentMap::Range &range : ranges) {
+        const qint64 end = qMin(range.start + range.length, qint64(st.st_size));
+        for (qint64 offset = range.start; offset < end;) {
+            const ssize_t n = ::pread(fd, m_input.data(), size_t(qMin(kChunkSize, end - offset)), offset);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0)
+                return -1;
+            if (n == 0)
+                break; // shrank while read
+            savings += savingsForChunk(m_input.data(), n);
+            offset += n;
+            if (++chunks == kProbeChunks && savings == 0)
+                return 0;
+        }
     }
     return savings;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "helper/ExtentMap.h"
+
 #include <QtGlobal>
 
 #include <cstddef>
@@ -18,6 +20,9 @@ public:
     static constexpr qint64 kChunkSize = 128 * 1024;
     static constexpr qint64 kBlockSize = 4096;
     static constexpr int kLevel = 3; // btrfs's default zstd level
+    // A file whose first chunks save nothing is taken for media or an archive: the rest of it
+    // is not worked out, which keeps the cost of such files small.
+    static constexpr int kProbeChunks = 4;
 
     CompressionModel();
     ~CompressionModel();
@@ -26,6 +31,8 @@ public:
 
     // Bytes the file's data would save on disk; -1 when it cannot be read.
     qint64 savingsForFile(int fd);
+    // The same for some of its byte ranges only.
+    qint64 savingsForRanges(int fd, const QList<ExtentMap::Range> &ranges);
     // Bytes one chunk would save.
     qint64 savingsForChunk(const char *data, qint64 size);
 

@@ -5,6 +5,7 @@
 #include "helper/FileCompressor.h"
 #include "helper/FolderWalker.h"
 #include "helper/FolderWatch.h"
+#include "helper/FreeSpaceGuard.h"
 #include "helper/SettleQueue.h"
 #include "helper/HelperLog.h"
 
@@ -38,18 +39,26 @@ qint64 nowMs()
 
 } // namespace
 
-void CompressionWorker::Tally::set(const QByteArray &relative, qint64 savings)
+void CompressionWorker::Tally::set(const QByteArray &relative, RescanCache::Figures figures)
 {
-    qint64 &entry = folders[relative];
-    total += savings - entry;
-    entry = savings;
+    RescanCache::Figures &entry = folders[relative];
+    total.savings += figures.savings - entry.savings;
+    total.shared += figures.shared - entry.shared;
+    entry = figures;
+}
+
+void CompressionWorker::Tally::add(const QByteArray &relative, RescanCache::Figures figures)
+{
+    const RescanCache::Figures old = folders.value(relative);
+    set(relative, {old.savings + figures.savings, old.shared + figures.shared});
 }
 
 void CompressionWorker::Tally::dropBelow(const QByteArray &relative)
 {
     for (auto it = folders.begin(); it != folders.end();) {
         if (isBelow(it.key(), relative)) {
-            total -= it.value();
+            total.savings -= it->savings;
+            total.shared -= it->shared;
             it = folders.erase(it);
         } else {
             ++it;
@@ -294,14 +303,14 @@ void CompressionWorker::runJob(const Job &job)
             if (it != m_folders.end() && !std::exchange(it->limitTold, true))
                 Q_EMIT watchLimitReached(job.id);
         }
-        BtrfsCompressor::ensureCompressionProperty(seen.fd);
-        qint64 savings = 0;
+        RescanCache::Figures figures;
         for (const FolderWalker::File &file : seen.files) {
             ++files;
             if (file.st.st_size <= CompressionModel::kBlockSize)
                 continue; // fits in one block: nothing to gain
-            if (const std::optional<qint64> known = m_cache.savings(file.st)) {
-                savings += *known;
+            if (const std::optional<RescanCache::Figures> known = m_cache.find(file.st)) {
+                figures.savings += known->savings;
+                figures.shared += known->shared;
                 continue;
             }
             const qint64 written = qint64(file.st.st_mtim.tv_sec) * 1000 + file.st.st_mtim.tv_nsec / 1000000;
@@ -314,7 +323,7 @@ void CompressionWorker::runJob(const Job &job)
             todo.append(joined(seen.relative, file.name));
             todoFolders.append(seen.relative);
         }
-        tally.set(seen.relative, savings);
+        tally.set(seen.relative, figures);
         if (listing) {
             // Folders that went away take their savings with them; new ones are walked whole.
             QSet<QByteArray> present;
@@ -356,15 +365,17 @@ void CompressionWorker::runJob(const Job &job)
         Q_EMIT unsettled(job.id, it.key(), it.value());
 
     const qsizetype known = files - todo.size();
-    FileCompressor compressor(folder.fd, m_cancelCurrent);
+    FileCompressor compressor(folder.fd, folder.path, m_skipped, m_cancelCurrent);
     qsizetype done = 0;
     compressor.compress(todo, [this] { return waitUntilActive(); },
                         [&](qsizetype index, const FileCompressor::Outcome &outcome) {
                             ++done;
+                            const RescanCache::Figures figures{outcome.savings, outcome.shared};
                             if (outcome.settled)
-                                m_cache.insert(outcome.st, outcome.savings);
-                            tally.set(todoFolders[index], tally.folders.value(todoFolders[index]) + outcome.savings);
-                            Q_EMIT progress(job.id, quint32((known + done) * 100 / files), quint64(tally.total));
+                                m_cache.insert(outcome.st, figures);
+                            tally.add(todoFolders[index], figures);
+                            Q_EMIT progress(job.id, quint32((known + done) * 100 / files),
+                                            quint64(std::max<qint64>(tally.total.savings, 0)));
                         });
     const qsizetype unreadable = walker.unreadable().count + compressor.unreadable().count;
     if (unreadable > 0) {
@@ -375,11 +386,23 @@ void CompressionWorker::runJob(const Job &job)
     }
     if (m_cancelCurrent.load())
         return;
+    const quint64 savings = quint64(std::max<qint64>(tally.total.savings, 0));
+    // One line per pass over the whole folder; changes are told only when a file is skipped or fails.
+    if (job.whole && job.relative.isEmpty())
+        qCInfo(lcHelper, "%s", qPrintable(compressor.report().summary()));
+    if (compressor.report().sharedBytes() > 0)
+        Q_EMIT sharedFound(job.id);
+    if (compressor.ranOutOfSpace()) {
+        const qint64 room = FreeSpaceGuard::room(folder.fd);
+        Q_EMIT waitingForSpace(job.id, quint32(std::min<qsizetype>((known + done) * 100 / std::max<qsizetype>(files, 1), 99)),
+                               savings, quint64(qMax(FreeSpaceGuard::kMinRoom - room, FreeSpaceGuard::kMinRoom)));
+        return;
+    }
     if (job.whole && job.relative.isEmpty())
         m_scannedWhole.insert(job.id);
     QMutexLocker locker(&m_lock);
     if (!hasJob(job.id)) {
         locker.unlock();
-        Q_EMIT finished(job.id, 100, quint64(std::max<qint64>(tally.total, 0)));
+        Q_EMIT finished(job.id, 100, savings, quint64(std::max<qint64>(tally.total.shared, 0)));
     }
 }

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 
 #include "helper/RescanCache.h"
+#include "helper/SkippedFiles.h"
 
 class FolderWatch;
 
@@ -51,11 +52,16 @@ public:
 Q_SIGNALS:
     // status: percent of the folder's files processed; savings: bytes saved in the folder.
     void progress(qint64 id, quint32 status, quint64 savings);
-    // No more work queued for the folder.
-    void finished(qint64 id, quint32 status, quint64 savings);
+    // No more work queued for the folder; shared: its plain data shared with snapshots or
+    // copies, left as it is.
+    void finished(qint64 id, quint32 status, quint64 savings, quint64 shared);
     void failed(qint64 id, const QString &reason);
     // Files in relative were written too recently; look again after waitMs.
     void unsettled(qint64 id, const QByteArray &relative, qint64 waitMs);
+    // A pass met plain data shared with snapshots or copies and left it as it is.
+    void sharedFound(qint64 id);
+    // The disk is too full to go on: the folder waits, below 100, for bytesToFree more room.
+    void waitingForSpace(qint64 id, quint32 status, quint64 savings, quint64 bytesToFree);
     // Not every folder below id could be watched: inotify's per-user limit.
     void watchLimitReached(qint64 id);
 
@@ -73,11 +79,12 @@ private:
         QByteArray path;
         bool limitTold = false;
     };
-    // Per watched folder: the savings of the files directly in each of its folders.
+    // Per watched folder: the figures of the files directly in each of its folders.
     struct Tally {
-        QHash<QByteArray, qint64> folders;
-        qint64 total = 0;
-        void set(const QByteArray &relative, qint64 savings);
+        QHash<QByteArray, RescanCache::Figures> folders;
+        RescanCache::Figures total;
+        void set(const QByteArray &relative, RescanCache::Figures figures);
+        void add(const QByteArray &relative, RescanCache::Figures figures);
         void dropBelow(const QByteArray &relative);
     };
 
@@ -102,6 +109,7 @@ private:
 
     // The thread's own.
     RescanCache m_cache;
+    SkippedFiles m_skipped;
     QHash<qint64, Tally> m_tallies;
     QSet<qint64> m_scannedWhole;
     qint64 m_lastSave = 0;

@@ -2,10 +2,14 @@
 
 #include "helper/BtrfsCompressor.h"
 #include "helper/CompressionModel.h"
+#include "helper/ExtentMap.h"
+#include "helper/FreeSpaceGuard.h"
+#include "helper/SkippedFiles.h"
 
 #include <QMutex>
 #include <QWaitCondition>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <thread>
@@ -19,8 +23,15 @@ class EstimateQueue
 {
 public:
     struct Entry {
-        qsizetype index;
-        qint64 estimate;
+        qsizetype index = 0;
+        QByteArray path;
+        qint64 estimate = 0; // what rewriting ranges would save
+        QList<ExtentMap::Range> ranges; // the file's own plain data
+        qint64 encodedSavings = 0; // what the data already stored compressed saves
+        bool encoded = false;
+        qint64 shared = 0;
+        std::optional<SkippedFiles::Reason> skip;
+        bool knownSkip = false;
         int error = 0; // why the file could not be opened, if it could not
     };
     static constexpr qsizetype kAhead = 32;
@@ -64,66 +75,168 @@ private:
     bool m_closed = false;
 };
 
+
+enum class Rewrite { Saved, NotSaved, NoSpace };
+
+Rewrite rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, const std::atomic<bool> &cancel,
+                FolderReport *report)
+{
+    switch (BtrfsCompressor::compressRanges(fd, entry.ranges, cancel)) {
+    case BtrfsCompressor::Result::NoSpace:
+        return Rewrite::NoSpace;
+    case BtrfsCompressor::Result::InUse:
+        report->inUse();
+        return Rewrite::NotSaved;
+    case BtrfsCompressor::Result::Failed: {
+        const int error = errno;
+        struct stat st {};
+        // An active swap file refuses to have its blocks moved.
+        if (error == ETXTBSY && ::fstat(fd, &st) == 0) {
+            skipped.add(st, SkippedFiles::Reason::SwapFile);
+            report->skipped(entry.path, SkippedFiles::Reason::SwapFile, false);
+        } else {
+            report->failed(entry.path, error);
+        }
+        return Rewrite::NotSaved;
+    }
+    case BtrfsCompressor::Result::Compressed:
+        break;
+    }
+    // The rewrite can succeed and leave the data as it was (btrfs found it would not shrink,
+    // or will not compress this file at all): remembered, so it is not rewritten every pass.
+    ExtentMap after;
+    struct stat st {};
+    if (after.read(fd, true) && !after.anyEncodedIn(entry.ranges) && ::fstat(fd, &st) == 0) {
+        skipped.add(st, SkippedFiles::Reason::StaysPlain);
+        report->skipped(entry.path, SkippedFiles::Reason::StaysPlain, false);
+        return Rewrite::NotSaved;
+    }
+    report->compressed();
+    return Rewrite::Saved;
+}
+
 } // namespace
 
-FileCompressor::FileCompressor(int rootFd, const std::atomic<bool> &cancel)
+FileCompressor::FileCompressor(int rootFd, const QByteArray &rootPath, SkippedFiles &skipped,
+                               const std::atomic<bool> &cancel)
     : m_rootFd(rootFd)
+    , m_skipped(skipped)
     , m_cancel(cancel)
+    , m_report(rootPath)
 {
 }
 
-int FileCompressor::openForReading(const QByteArray &path) const
+int FileCompressor::openNoAtime(int dirFd, const char *path, int flags)
 {
-    // Reading must not change the file's access time; only its owner may ask for that.
-    int fd = ::openat(m_rootFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOATIME);
+    int fd = ::openat(dirFd, path, flags | O_CLOEXEC | O_NOATIME);
     if (fd < 0 && errno == EPERM)
-        fd = ::openat(m_rootFd, path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        fd = ::openat(dirFd, path, flags | O_CLOEXEC);
     return fd;
 }
 
 void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &mayGoOn, const Done &done)
 {
+    auto openForReading = [this](const QByteArray &path) {
+        return openNoAtime(m_rootFd, path.constData(), O_RDONLY | O_NOFOLLOW);
+    };
     EstimateQueue estimates;
     std::thread estimator([&] {
         BtrfsCompressor::lowerThreadPriority();
         CompressionModel model;
         for (qsizetype i = 0; i < paths.size(); ++i) {
+            EstimateQueue::Entry entry;
+            entry.index = i;
+            entry.path = paths[i];
             const int fd = openForReading(paths[i]);
             struct stat st {};
-            const int error = fd < 0 && errno != ENOENT ? errno : 0;
-            qint64 estimate = 0;
-            if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
-                estimate = model.savingsForFile(fd);
+            entry.error = fd < 0 && errno != ENOENT ? errno : 0;
+            if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+                entry.skip = m_skipped.find(st);
+                entry.knownSkip = entry.skip.has_value();
+                if (!entry.skip)
+                    entry.skip = SkippedFiles::cannotCompress(fd);
+                ExtentMap map;
+                if (entry.skip) {
+                    m_skipped.add(st, *entry.skip);
+                } else if (map.read(fd)) {
+                    entry.ranges = map.plainOwn();
+                    entry.shared = map.plainShared();
+                    entry.encoded = !map.encoded().isEmpty();
+                    if (!entry.ranges.isEmpty())
+                        entry.estimate = model.savingsForRanges(fd, entry.ranges);
+                    if (entry.encoded)
+                        entry.encodedSavings = qMax(model.savingsForRanges(fd, map.encoded()), qint64(0));
+                }
+            }
             if (fd >= 0)
                 ::close(fd);
-            if (!estimates.push({i, estimate, error}))
+            if (!estimates.push(std::move(entry)))
                 return;
         }
     });
 
-    while (const std::optional<EstimateQueue::Entry> entry = estimates.pop(paths.size())) {
+    // With little room the files that free most go first, and each step is small.
+    const bool low = FreeSpaceGuard::room(m_rootFd) < FreeSpaceGuard::kLowRoom;
+    QList<EstimateQueue::Entry> sorted;
+    if (low) {
+        while (std::optional<EstimateQueue::Entry> entry = estimates.pop(paths.size()))
+            sorted.append(std::move(*entry));
+        std::stable_sort(sorted.begin(), sorted.end(),
+                         [](const auto &a, const auto &b) { return a.estimate < b.estimate; });
+    }
+    auto next = [&]() -> std::optional<EstimateQueue::Entry> {
+        if (!low)
+            return estimates.pop(paths.size());
+        if (sorted.isEmpty())
+            return std::nullopt;
+        return sorted.takeLast();
+    };
+
+    while (const std::optional<EstimateQueue::Entry> entry = next()) {
         if (!mayGoOn())
             break;
         if (entry->error != 0)
             m_unreadable.add(entry->error);
+        m_report.shared(entry->shared);
         Outcome outcome;
-        const int fd = openForReading(paths[entry->index]);
+        outcome.savings = entry->encodedSavings;
+        outcome.shared = entry->shared;
+        outcome.settled = true;
+        const int fd = openForReading(entry->path);
         if (fd < 0 && errno != ENOENT && entry->error == 0)
             m_unreadable.add(errno);
-        if (fd >= 0 && entry->estimate <= 0) {
-            // A file that would not shrink is left as it is.
-            outcome.settled = entry->estimate == 0;
-        } else if (fd >= 0
-                   && (BtrfsCompressor::isCompressed(fd)
-                       || BtrfsCompressor::compressFile(fd, m_cancel) == BtrfsCompressor::Result::Compressed)) {
-            outcome.savings = entry->estimate;
-            outcome.settled = true;
+        if (fd < 0) {
+            outcome.settled = false;
+        } else if (entry->skip) {
+            m_report.skipped(entry->path, *entry->skip, entry->knownSkip);
+        } else if (entry->estimate > 0) {
+            // New files inherit the property from their folder; only a folder with plain data
+            // of its own gets it: in a snapshot its metadata is shared too.
+            const QByteArray folder = entry->path.left(qMax(entry->path.lastIndexOf('/'), 0));
+            const int folderFd = openNoAtime(m_rootFd, folder.isEmpty() ? "." : folder.constData(),
+                                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+            if (folderFd >= 0) {
+                BtrfsCompressor::ensureCompressionProperty(folderFd);
+                ::close(folderFd);
+            }
+            const Rewrite result = rewrite(fd, *entry, m_skipped, m_cancel, &m_report);
+            m_noSpace = result == Rewrite::NoSpace;
+            if (result == Rewrite::Saved)
+                outcome.savings += entry->estimate;
+            // In use or refused: tried again when it changes or at the next rescan.
+            struct stat now {};
+            outcome.settled = result == Rewrite::Saved
+                || (::fstat(fd, &now) == 0 && m_skipped.find(now).has_value());
+        } else if (entry->encoded) {
+            m_report.alreadyCompressed();
+        } else if (entry->shared == 0) {
+            m_report.wouldNotShrink();
         }
         if (fd >= 0) {
             outcome.settled = outcome.settled && ::fstat(fd, &outcome.st) == 0;
             ::close(fd);
         }
-        if (m_cancel.load())
+        if (m_noSpace || m_cancel.load())
             break;
         done(entry->index, outcome);
     }

@@ -7,20 +7,25 @@
 #include <functional>
 #include <sys/stat.h>
 
+#include "helper/FolderReport.h"
 #include "helper/FolderWalker.h"
 
-// Compresses a list of files of one watched folder, at idle priority: each file is read for
-// an estimate of what zstd saves, and a file that would shrink is rewritten compressed
-// (unless it already is). The estimate of the next files is worked out on a second thread
-// while the file system rewrites the current one: the two together take little longer than
-// the rewrite alone.
+class SkippedFiles;
+
+// Compresses a list of files of one watched folder, at idle priority. Each file is read for
+// where its data lies and what zstd would save: only its own plain ranges are rewritten, so
+// data shared with a snapshot or a copy stays shared; files btrfs cannot or will not compress
+// are skipped and remembered. The estimate of the next files is worked out on a second
+// thread while the file system rewrites the current one. With little free space the files
+// that free most go first.
 class FileCompressor
 {
 public:
     struct Outcome {
         qint64 savings = 0;
-        // The file is done for as long as it stays as st says (it shrank, was already
-        // compressed, or would not shrink); false when it must be tried again later.
+        qint64 shared = 0; // plain data shared with snapshots or copies, left as it is
+        // The file is done for as long as it stays as st says (compressed, found compressed,
+        // skipped for a reason, or would not shrink); false when it must be tried again.
         bool settled = false;
         struct stat st {};
     };
@@ -29,16 +34,24 @@ public:
     // Waits while the helper is paused; false when the work should end.
     using MayGoOn = std::function<bool()>;
 
-    FileCompressor(int rootFd, const std::atomic<bool> &cancel);
+    FileCompressor(int rootFd, const QByteArray &rootPath, SkippedFiles &skipped, const std::atomic<bool> &cancel);
 
     void compress(const QList<QByteArray> &paths, const MayGoOn &mayGoOn, const Done &done);
 
+    // The disk was too full to go on.
+    bool ranOutOfSpace() const { return m_noSpace; }
     FolderWalker::Unreadable &unreadable() { return m_unreadable; }
+    const FolderReport &report() const { return m_report; }
+
+    // Reading must not change access times: in a snapshotted subvolume every inode touched is
+    // metadata copied away from the snapshot. Only the owner may ask for that.
+    static int openNoAtime(int dirFd, const char *path, int flags);
 
 private:
-    int openForReading(const QByteArray &path) const;
-
     int m_rootFd;
+    SkippedFiles &m_skipped;
     const std::atomic<bool> &m_cancel;
     FolderWalker::Unreadable m_unreadable;
+    FolderReport m_report;
+    bool m_noSpace = false;
 };

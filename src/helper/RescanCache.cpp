@@ -9,10 +9,10 @@
 
 namespace {
 
-constexpr char kMagic[] = "VantorRescanCache1\n";
+constexpr char kMagic[] = "VantorRescanCache2\n";
 constexpr qsizetype kMagicSize = sizeof kMagic - 1;
 constexpr qsizetype kHashSize = 32; // SHA-256 of everything before it
-constexpr qsizetype kRecordSize = 6 * 8;
+constexpr qsizetype kRecordSize = 7 * 8;
 
 void put(char *at, quint64 value)
 {
@@ -60,7 +60,8 @@ bool RescanCache::load()
     }
     m_entries.reserve(body / kRecordSize);
     for (const char *at = bytes.constData() + kMagicSize; at < bytes.constData() + kMagicSize + body; at += kRecordSize) {
-        Entry entry{qint64(get(at + 16)), qint64(get(at + 24)), qint64(get(at + 32)), qint64(get(at + 40)), false};
+        Entry entry{qint64(get(at + 16)), qint64(get(at + 24)), qint64(get(at + 32)),
+                    {qint64(get(at + 40)), qint64(get(at + 48))}, false};
         m_entries.insert({get(at), get(at + 8)}, entry);
     }
     return true;
@@ -89,7 +90,8 @@ bool RescanCache::save(bool prune)
         put(record + 16, quint64(it->size));
         put(record + 24, quint64(it->changeSeconds));
         put(record + 32, quint64(it->changeNanoseconds));
-        put(record + 40, quint64(it->savings));
+        put(record + 40, quint64(it->figures.savings));
+        put(record + 48, quint64(it->figures.shared));
         bytes.append(record, kRecordSize);
         ++it;
     }
@@ -103,19 +105,19 @@ bool RescanCache::save(bool prune)
     return true;
 }
 
-std::optional<qint64> RescanCache::savings(const struct stat &st)
+std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st)
 {
     const auto it = m_entries.find({quint64(st.st_dev), quint64(st.st_ino)});
     if (it == m_entries.end() || it->size != st.st_size || it->changeSeconds != st.st_ctim.tv_sec
         || it->changeNanoseconds != st.st_ctim.tv_nsec)
         return std::nullopt;
     it->seen = true;
-    return it->savings;
+    return it->figures;
 }
 
-void RescanCache::insert(const struct stat &st, qint64 savings)
+void RescanCache::insert(const struct stat &st, Figures figures)
 {
     m_entries.insert({quint64(st.st_dev), quint64(st.st_ino)},
-                     {st.st_size, st.st_ctim.tv_sec, st.st_ctim.tv_nsec, savings, true});
+                     {st.st_size, st.st_ctim.tv_sec, st.st_ctim.tv_nsec, figures, true});
     m_dirty = true;
 }

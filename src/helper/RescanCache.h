@@ -15,12 +15,17 @@
 class RescanCache
 {
 public:
-    // The file's savings when it was handled: a rewrite, or found already done.
+    // What the file held when it was handled: its savings (a rewrite, or found already
+    // done) and its plain data shared with snapshots or copies, left as it is.
+    struct Figures {
+        qint64 savings = 0;
+        qint64 shared = 0;
+    };
     struct Entry {
         qint64 size = 0;
         qint64 changeSeconds = 0;
         qint64 changeNanoseconds = 0;
-        qint64 savings = 0;
+        Figures figures;
         bool seen = false; // looked up or stored since the helper started
     };
 
@@ -32,8 +37,8 @@ public:
     // seen since the helper started are left out (their files are gone or were never scanned).
     bool save(bool prune);
 
-    std::optional<qint64> savings(const struct stat &st);
-    void insert(const struct stat &st, qint64 savings);
+    std::optional<Figures> find(const struct stat &st);
+    void insert(const struct stat &st, Figures figures);
     bool isDirty() const { return m_dirty; }
     qsizetype size() const { return m_entries.size(); }
 

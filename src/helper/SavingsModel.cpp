@@ -44,6 +44,12 @@ QList<HistoryRecord> SavingsModel::records(HistoryContext::Predicate predicate)
     return c ? c->fetchRecords(predicate) : QList<HistoryRecord>{};
 }
 
+QByteArray SavingsModel::folderAlias(qint64 id)
+{
+    HistoryContext *c = context();
+    return c ? c->fetchFolderAlias(id) : QByteArray();
+}
+
 qint64 SavingsModel::addFolder(const QString &folder, const QByteArray &folderAlias)
 {
     HistoryContext *c = context();

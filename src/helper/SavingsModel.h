@@ -25,6 +25,7 @@ public:
     HistoryContext *context();
 
     QList<HistoryRecord> records(HistoryContext::Predicate predicate);
+    QByteArray folderAlias(qint64 id);
     // The record of the folder, made listed, or a new one; 0 on failure.
     qint64 addFolder(const QString &folder, const QByteArray &folderAlias);
     // Unlists the records of these folders (their savings stay); returns their ids.

@@ -7,6 +7,7 @@
 #include "platform/DistributedNotificationCenter.h"
 #include "LoopMount.h"
 #include "common/Notifications.h"
+#include "common/VTUtil.h"
 #include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
 #include "NotificationRecorder.h"
@@ -26,6 +27,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -108,6 +110,68 @@ QString run(const QString &program, const QStringList &arguments)
     return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
 }
 
+// The ordinary user the "ordinary user" rows run the helper as.
+constexpr uid_t kUser = 65534;
+const QStringList kAsUser{QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
+                          QStringLiteral("--clear-groups")};
+
+void chownToUser(const QString &path)
+{
+    run(QStringLiteral("chown"), {QStringLiteral("-R"), QStringLiteral("%1:%1").arg(kUser), path});
+}
+
+// A figure of "btrfs filesystem usage -b", after everything written is committed.
+qint64 usage(const QString &mountPoint, const QString &field)
+{
+    run(QStringLiteral("sync"), {});
+    const QString out = run(QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("usage"),
+                                                      QStringLiteral("-b"), mountPoint});
+    for (const QString &line : out.split(u'\n')) {
+        if (line.trimmed().startsWith(field))
+            return line.mid(line.indexOf(field) + field.size()).simplified().section(u' ', 0, 0).toLongLong();
+    }
+    return -1;
+}
+
+// Bytes a file keeps to itself, as "btrfs filesystem du" tells from FIEMAP.
+qint64 exclusiveBytes(const QString &path)
+{
+    const QString out = run(QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("du"),
+                                                      QStringLiteral("--raw"), path});
+    return out.split(u'\n').last().simplified().section(u' ', 1, 1).toLongLong();
+}
+
+// What compression really saves in path: "Uncompressed" less "Disk Usage" of compsize -b.
+qint64 compsizeSavings(const QString &path)
+{
+    run(QStringLiteral("sync"), {});
+    const QStringList total = run(QStringLiteral("compsize"), {QStringLiteral("-b"), path})
+                                  .split(u'\n').filter(QStringLiteral("TOTAL")).value(0).simplified().split(u' ');
+    return total.size() >= 4 ? total.at(3).toLongLong() - total.at(2).toLongLong() : -1;
+}
+
+// Whether a process watches the folder through inotify, as the kernel lists its watches.
+bool isWatched(qint64 pid, const QString &folder)
+{
+    struct stat st {};
+    ::stat(QFile::encodeName(folder).constData(), &st);
+    const QByteArray inode = " ino:" + QByteArray::number(quint64(st.st_ino), 16) + ' ';
+    const QString fdinfo = QStringLiteral("/proc/%1/fdinfo").arg(pid);
+    for (const QString &fd : QDir(fdinfo).entryList(QDir::Files)) {
+        if (TestEnvironment::readFile(fdinfo + u'/' + fd).contains(inode))
+            return true;
+    }
+    return false;
+}
+
+void fallocate(const QString &path, qint64 bytes)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    QVERIFY(fd >= 0);
+    QCOMPARE(::posix_fallocate(fd, 0, bytes), 0);
+    ::close(fd);
+}
+
 } // namespace
 
 // Stands in for the desktop's notification service.
@@ -146,13 +210,27 @@ private Q_SLOTS:
     void killedHelperResumesWithoutHarm();
     void replacedStoreIsReopened();
     void updateCheckIsAnsweredByNotification();
+    void sharedAndNocowDataAreLeftAlone_data() { asRootAndUser(); }
+    void sharedAndNocowDataAreLeftAlone();
+    void nearlyFullDiskWaitsForSpace_data() { asRootAndUser(); }
+    void nearlyFullDiskWaitsForSpace();
+    void changesAreCompressedAsTheyCome_data() { asRootAndUser(); }
+    void changesAreCompressedAsTheyCome();
+    void movedFolderKeepsItsRecord_data() { asRootAndUser(); }
+    void movedFolderKeepsItsRecord();
 
 private:
-    void startHelper();
+    static void asRootAndUser();
+    void startHelper(bool asUser = false);
+    QByteArray log() const;
     void stopHelper();
     QString sqlite(const QString &sql) const;
     static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
     QVariantMap row(const QString &folder) const;
+    quint32 status(const QString &folder) const { return row(folder).value(QStringLiteral("status")).toUInt(); }
+    qint64 savings(const QString &folder) const { return row(folder).value(QStringLiteral("savings")).toLongLong(); }
+    // Runs a command as the user the helper runs as.
+    static QString runAs(bool asUser, QStringList command);
     bool mountBtrfs();
 
     TestEnvironment m_env;
@@ -198,11 +276,39 @@ bool TestHelperCompression::mountBtrfs()
     return true;
 }
 
-void TestHelperCompression::startHelper()
+void TestHelperCompression::asRootAndUser()
+{
+    QTest::addColumn<bool>("asUser");
+    QTest::newRow("root") << false;
+    QTest::newRow("ordinary user") << true;
+}
+
+QByteArray TestHelperCompression::log() const
+{
+    return TestEnvironment::readFile(m_env.home() + QStringLiteral("/.local/state/vantor/VantorHelper.log"));
+}
+
+QString TestHelperCompression::runAs(bool asUser, QStringList command)
+{
+    if (asUser)
+        return run(QStringLiteral("setpriv"), kAsUser + command);
+    const QString program = command.takeFirst();
+    return run(program, command);
+}
+
+void TestHelperCompression::startHelper(bool asUser)
 {
     m_helper = std::make_unique<QProcess>();
     m_helper->setProcessChannelMode(QProcess::ForwardedChannels);
-    m_helper->start(helperExecutable(), {});
+    if (asUser) {
+        // The user's own home, store and log; root, who reads them here, may read anything.
+        QVERIFY(QFile::setPermissions(m_env.root(), QFileDevice::Permissions(0x7755)));
+        chownToUser(m_env.home());
+        chownToUser(m_env.root() + QStringLiteral("/runtime"));
+        m_helper->start(QStringLiteral("setpriv"), kAsUser + QStringList{helperExecutable()});
+    } else {
+        m_helper->start(helperExecutable(), {});
+    }
     QVERIFY(m_helper->waitForStarted());
     QTRY_VERIFY(QDBusConnection::sessionBus().interface()->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper")));
 }
@@ -416,6 +522,30 @@ void TestHelperCompression::killedHelperResumesWithoutHarm()
     QCOMPARE(hashes(folder), before);
     run(QStringLiteral("sync"), {});
     QVERIFY(run(QStringLiteral("compsize"), {folder}).contains(QLatin1String("zstd")));
+
+    // Killed at any moment of later starts, with its rescan cache intact, replaced by random
+    // bytes, or gone: nothing is lost and the next start ends with the same figure.
+    const QString figure = QStringLiteral("SELECT ZSTATUS, ZSAVINGS FROM ZHISTORY WHERE ZFOLDER = '%1'").arg(folder);
+    const QString done = sqlite(figure);
+    const QString cache = m_env.home() + QStringLiteral("/.cache/vantor/files.cache");
+    stopHelper();
+    QVERIFY(QFileInfo(cache).size() > 0);
+    for (int round = 0; round < 3; ++round) {
+        if (round == 1)
+            TestEnvironment::writeFile(cache, noise(QFileInfo(cache).size(), 60));
+        if (round == 2)
+            QFile::remove(cache);
+        startHelper();
+        QTest::qWait(QRandomGenerator::global()->bounded(1500));
+        m_helper->kill();
+        m_helper->waitForFinished();
+    }
+    const QByteArray summary = "\"" + QFile::encodeName(folder) + "\": ";
+    const qsizetype passes = log().count(summary);
+    startHelper();
+    QTRY_VERIFY_WITH_TIMEOUT(log().count(summary) > passes, 120000);
+    QTRY_COMPARE(sqlite(figure), done);
+    QCOMPARE(hashes(folder), before);
 }
 
 void TestHelperCompression::replacedStoreIsReopened()
@@ -440,6 +570,218 @@ void TestHelperCompression::updateCheckIsAnsweredByNotification()
         QLatin1String(Notifications::HelperShouldCheckForUpdates));
     QTRY_COMPARE(m_notifications.calls.size(), 1);
     QVERIFY(m_notifications.calls.first().body.contains(QLatin1String("package manager")));
+}
+
+void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
+{
+    QFETCH(bool, asUser);
+    if (!mountBtrfs())
+        QSKIP("a btrfs image cannot be mounted here (needs root and loop devices)");
+    // A home in its own subvolume with a read-only snapshot, as Snapper and Timeshift keep them.
+    const QString home = m_btrfs->mountPoint() + (asUser ? QStringLiteral("/user") : QStringLiteral("/root"));
+    const QString folder = home + QStringLiteral("/Documents");
+    QVERIFY(run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("create"), home}).contains(home));
+    QDir().mkpath(folder);
+    TestEnvironment::writeFile(folder + QStringLiteral("/old.txt"), text(6 << 20, 20));
+    // Many folders: reading them must not change their metadata, which the snapshot shares.
+    for (int i = 0; i < 600; ++i)
+        TestEnvironment::writeFile(folder + QStringLiteral("/letters/%1/letter.txt").arg(i), text(8192, 100 + i));
+    run(QStringLiteral("sync"), {});
+    run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("snapshot"), QStringLiteral("-r"), home,
+                                  home + QStringLiteral("-snapshot")});
+    // Written since: new data, a reflinked copy, and a file with copy-on-write off.
+    TestEnvironment::writeFile(folder + QStringLiteral("/new.txt"), text(3 << 20, 21));
+    TestEnvironment::writeFile(folder + QStringLiteral("/copied.txt"), text(3 << 20, 22));
+    run(QStringLiteral("cp"), {QStringLiteral("--reflink=always"), folder + QStringLiteral("/copied.txt"),
+                               folder + QStringLiteral("/copy.txt")});
+    TestEnvironment::writeFile(folder + QStringLiteral("/disk.img"), QByteArray());
+    run(QStringLiteral("chattr"), {QStringLiteral("+C"), folder + QStringLiteral("/disk.img")});
+    TestEnvironment::writeFile(folder + QStringLiteral("/disk.img"), text(4 << 20, 23));
+    if (asUser)
+        chownToUser(home);
+    const auto before = hashes(folder);
+    // Last read long ago, as copies keep their times: reading would mark them read again.
+    run(QStringLiteral("find"), {folder, QStringLiteral("-exec"), QStringLiteral("touch"), QStringLiteral("-a"),
+                                 QStringLiteral("-d"), QStringLiteral("2020-01-01"), QStringLiteral("{}"), QStringLiteral("+")});
+    const qint64 usedBefore = usage(m_btrfs->mountPoint(), QStringLiteral("Used:"));
+
+    startHelper(asUser);
+    m_notifications.calls.clear();
+    controller()->addFolders({folder});
+    QTRY_COMPARE_WITH_TIMEOUT(row(folder).value(QStringLiteral("status")).toUInt(), 100u, 60000);
+    const qint64 usedAfter = usage(m_btrfs->mountPoint(), QStringLiteral("Used:"));
+    const qint64 saved = row(folder).value(QStringLiteral("savings")).toLongLong();
+    const qint64 newSaved = compsizeSavings(folder + QStringLiteral("/new.txt"));
+    qInfo("used space %lld -> %lld (%+lld bytes); reported %lld saved, compsize of the new file %lld",
+          usedBefore, usedAfter, usedAfter - usedBefore, saved, newSaved);
+    // Only the new file was the folder's own: it alone was compressed and counted, and the file
+    // system's used space did not grow (1% of the folder's 24 MB allowed for metadata).
+    const qint64 noise = (24 << 20) / 100;
+    QVERIFY(newSaved > (1 << 20));
+    QVERIFY2(qAbs(saved - newSaved) <= newSaved / 100, qPrintable(QString::number(saved)));
+    QVERIFY(usedAfter - usedBefore <= noise);
+    QVERIFY(usedBefore - usedAfter >= saved - noise);
+    for (const char *name : {"/old.txt", "/copied.txt", "/copy.txt"})
+        QCOMPARE(exclusiveBytes(folder + QLatin1String(name)), qint64(0));
+    QCOMPARE(compsizeSavings(folder + QStringLiteral("/disk.img")), qint64(0));
+    QCOMPARE(hashes(folder), before);
+    QTRY_COMPARE(m_notifications.calls.size(), 1);
+    QCOMPARE(m_notifications.calls.first().body,
+             QStringLiteral("%1 in Documents is shared with snapshots or copies and was left as it is: compressing "
+                            "it now would take more space until those are deleted")
+                 .arg(VTUtil::getPrettySize((12u << 20) + 600 * 8192)));
+
+    // The file with copy-on-write off is skipped with its reason once, and not tried again.
+    const QByteArray skipped = QFile::encodeName(folder) + "/disk.img\" was left as it is: copy-on-write is off";
+    const QByteArray summary = "\"" + QFile::encodeName(folder) + "\": ";
+    QCOMPARE(log().count(skipped), 1);
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
+    QTRY_COMPARE_WITH_TIMEOUT(log().count(summary), 2, 60000);
+    QCOMPARE(log().count(skipped), 1);
+    QCOMPARE(m_notifications.calls.size(), 1);
+}
+
+void TestHelperCompression::nearlyFullDiskWaitsForSpace()
+{
+    QFETCH(bool, asUser);
+    const QString dir = m_env.root() + (asUser ? QStringLiteral("/full-user") : QStringLiteral("/full-root"));
+    QDir().mkpath(dir);
+    LoopMount disk(dir, QStringLiteral("btrfs"), 256);
+    if (!disk.mount())
+        QSKIP(qPrintable(QStringLiteral("a btrfs image cannot be mounted here: ") + disk.reason()));
+    const QString folder = disk.mountPoint() + QStringLiteral("/Documents");
+    QDir().mkpath(folder);
+    for (int i = 0; i < 10; ++i)
+        TestEnvironment::writeFile(folder + QStringLiteral("/report%1.txt").arg(i), text((3 << 20) + i * 65536, 30 + i));
+    if (asUser)
+        chownToUser(folder);
+    const auto before = hashes(folder);
+    // 8 MB left, then 5 MB: less than the helper's margin and a step.
+    const auto freeSpace = [&] { return usage(disk.mountPoint(), QStringLiteral("Free (statfs, df):")); };
+    fallocate(disk.mountPoint() + QStringLiteral("/filler"), freeSpace() - (8 << 20));
+    fallocate(disk.mountPoint() + QStringLiteral("/more"), freeSpace() - (5 << 20));
+    const qint64 fullFree = freeSpace();
+
+    startHelper(asUser);
+    m_notifications.calls.clear();
+    controller()->addFolders({folder});
+    QTRY_COMPARE_WITH_TIMEOUT(m_notifications.calls.size(), 1, 30000);
+    QVERIFY2(m_notifications.calls.first().body.startsWith(
+                 QLatin1String("Documents waits to be compressed: its disk is nearly full. Free ")),
+             qPrintable(m_notifications.calls.first().body));
+    QVERIFY(row(folder).value(QStringLiteral("status")).toUInt() < 100);
+    QCOMPARE(hashes(folder), before);
+    QVERIFY(freeSpace() >= fullFree - (1 << 20) / 10);
+
+    // Space comes back: the helper goes on by itself, in small steps, and ends with more free.
+    QFile::remove(disk.mountPoint() + QStringLiteral("/more"));
+    const qint64 startFree = freeSpace();
+    QTRY_COMPARE_WITH_TIMEOUT(row(folder).value(QStringLiteral("status")).toUInt(), 100u, 120000);
+    const qint64 endFree = freeSpace();
+    qInfo("free space %lld with the disk full, %lld when space came back, %lld at the end", fullFree, startFree,
+          endFree);
+    QVERIFY(endFree > startFree + (10 << 20));
+    QVERIFY(row(folder).value(QStringLiteral("savings")).toULongLong() > (10u << 20));
+    QCOMPARE(hashes(folder), before);
+    QCOMPARE(m_notifications.calls.size(), 1);
+    stopHelper();
+}
+
+void TestHelperCompression::changesAreCompressedAsTheyCome()
+{
+    QFETCH(bool, asUser);
+    if (!mountBtrfs())
+        QSKIP("a btrfs image cannot be mounted here (needs root and loop devices)");
+    const QString base = m_btrfs->mountPoint() + (asUser ? QStringLiteral("/changes-user") : QStringLiteral("/changes-root"));
+    const QString folder = base + QStringLiteral("/Notes");
+    const QString outside = base + QStringLiteral("/Downloads");
+    QDir().mkpath(folder);
+    TestEnvironment::writeFile(folder + QStringLiteral("/a.txt"), text(1 << 20, 40));
+    TestEnvironment::writeFile(outside + QStringLiteral("/moved.txt"), text(2 << 20, 41));
+    TestEnvironment::writeFile(outside + QStringLiteral("/source.txt"), text(2 << 20, 42));
+    TestEnvironment::writeFile(outside + QStringLiteral("/tree/deeper/b.txt"), text(1 << 20, 43));
+    TestEnvironment::writeFile(outside + QStringLiteral("/more.txt"), text(512 << 10, 44));
+    if (asUser)
+        chownToUser(base);
+    startHelper(asUser);
+    controller()->addFolders({folder});
+    QTRY_COMPARE_WITH_TIMEOUT(status(folder), 100u, 60000);
+
+    // Each change is followed: the record's figure is what compsize measures for the whole
+    // folder (a shared copy saves nothing), the pane hears of it, and the status is back at 100.
+    struct Change {
+        QStringList command;
+        const char *file;
+    };
+    const Change changes[] = {
+        {{QStringLiteral("mv"), outside + QStringLiteral("/moved.txt"), folder}, "/moved.txt"},
+        {{QStringLiteral("cp"), QStringLiteral("--reflink=always"), outside + QStringLiteral("/source.txt"),
+          folder + QStringLiteral("/copy.txt")}, nullptr},
+        {{QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("cat \"$0\" >> \"$1\""),
+          outside + QStringLiteral("/more.txt"), folder + QStringLiteral("/a.txt")}, "/a.txt"},
+        {{QStringLiteral("cp"), QStringLiteral("-r"), QStringLiteral("--reflink=never"), outside + QStringLiteral("/tree"),
+          folder + QStringLiteral("/tree")}, "/tree/deeper/b.txt"},
+        {{QStringLiteral("rm"), folder + QStringLiteral("/moved.txt")}, nullptr},
+    };
+    for (const Change &change : changes) {
+        runAs(asUser, change.command);
+        QTRY_VERIFY(status(folder) < 100);
+        QTRY_COMPARE_WITH_TIMEOUT(status(folder), 100u, 60000);
+        const qint64 measured = compsizeSavings(folder);
+        QVERIFY2(qAbs(savings(folder) - measured) <= measured / 100,
+                 qPrintable(QStringLiteral("%1: %2 recorded, %3 measured")
+                                .arg(change.command.join(u' ')).arg(savings(folder)).arg(measured)));
+        if (change.file)
+            QVERIFY(!run(QStringLiteral("compsize"), {folder + QLatin1String(change.file)}).contains(QLatin1String("none")));
+    }
+    QCOMPARE(exclusiveBytes(folder + QStringLiteral("/copy.txt")), qint64(0));
+    QVERIFY(savings(folder) > (1 << 20));
+}
+
+void TestHelperCompression::movedFolderKeepsItsRecord()
+{
+    QFETCH(bool, asUser);
+    if (!mountBtrfs())
+        QSKIP("a btrfs image cannot be mounted here (needs root and loop devices)");
+    const QString base = m_btrfs->mountPoint() + (asUser ? QStringLiteral("/moves-user") : QStringLiteral("/moves-root"));
+    const QStringList names{base + QStringLiteral("/Project"), base + QStringLiteral("/Renamed"),
+                            base + QStringLiteral("/Archive/Moved")};
+    QDir().mkpath(names[0]);
+    QDir().mkpath(base + QStringLiteral("/Archive"));
+    TestEnvironment::writeFile(names[0] + QStringLiteral("/plan.txt"), text(1 << 20, 50));
+    if (asUser)
+        chownToUser(base);
+    startHelper(asUser);
+    controller()->addFolders({names[0]});
+    QTRY_COMPARE_WITH_TIMEOUT(status(names[0]), 100u, 60000);
+    const qint64 saved = savings(names[0]);
+    QVERIFY(saved > 0);
+    const QString record = QStringLiteral("SELECT COUNT(*), ZFOLDER FROM ZHISTORY WHERE ZFOLDER LIKE '%1%'").arg(base);
+
+    // Renamed while the pane shows it, then moved while the helper is not running: one record
+    // follows it, path and alias together, and the table shows it with its savings.
+    QVERIFY(QFile::rename(names[0], names[1]));
+    QTRY_COMPARE(savings(names[1]), saved);
+    QCOMPARE(sqlite(record), QStringLiteral("1|") + names[1]);
+    QVERIFY(controller()->folders().value().contains(names[1]));
+    stopHelper();
+    QVERIFY(QFile::rename(names[1], names[2]));
+    startHelper(asUser);
+    QTRY_COMPARE(savings(names[2]), saved);
+    QCOMPARE(sqlite(record), QStringLiteral("1|") + names[2]);
+    QTRY_COMPARE(status(names[2]), 100u);
+
+    // Removed from the pane, it is no longer watched.
+    QVERIFY(isWatched(m_helper->processId(), names[2]));
+    const auto rows = controller()->foldersArrayController()->arrangedObjects();
+    for (int i = 0; i < rows.size(); ++i) {
+        if (rows[i].value(QStringLiteral("folder")).toString() == names[2])
+            controller()->foldersArrayController()->setSelectionIndexes({i});
+    }
+    controller()->removeFolders();
+    QTRY_VERIFY(row(names[2]).isEmpty());
+    QTRY_VERIFY(!isWatched(m_helper->processId(), names[2]));
 }
 
 QTEST_MAIN(TestHelperCompression)

@@ -1,0 +1,65 @@
+#include "helper/ExtentMap.h"
+
+#include <linux/fiemap.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <vector>
+
+void ExtentMap::append(QList<Range> &ranges, qint64 start, qint64 length)
+{
+    if (!ranges.isEmpty() && ranges.last().start + ranges.last().length == start)
+        ranges.last().length += length;
+    else
+        ranges.append({start, length});
+}
+
+bool ExtentMap::read(int fd, bool flush)
+{
+    m_plainOwn.clear();
+    m_encoded.clear();
+    m_plainShared = 0;
+    constexpr unsigned kExtents = 256;
+    std::vector<char> buffer(sizeof(struct fiemap) + kExtents * sizeof(struct fiemap_extent));
+    __u64 start = 0;
+    for (;;) {
+        std::fill(buffer.begin(), buffer.end(), 0);
+        auto *map = reinterpret_cast<struct fiemap *>(buffer.data());
+        map->fm_start = start;
+        map->fm_length = FIEMAP_MAX_OFFSET - start;
+        map->fm_extent_count = kExtents;
+        // Without the flag, data not yet written out shows as delalloc, of unknown encoding.
+        map->fm_flags = flush ? FIEMAP_FLAG_SYNC : 0;
+        if (::ioctl(fd, FS_IOC_FIEMAP, map) != 0)
+            return false;
+        if (map->fm_mapped_extents == 0)
+            return true;
+        for (unsigned i = 0; i < map->fm_mapped_extents; ++i) {
+            const struct fiemap_extent &extent = map->fm_extents[i];
+            const qint64 logical = qint64(extent.fe_logical);
+            const qint64 length = qint64(extent.fe_length);
+            // Inline data lives in the metadata: nothing to gain by moving it.
+            if (extent.fe_flags & FIEMAP_EXTENT_ENCODED)
+                append(m_encoded, logical, length);
+            else if (extent.fe_flags & FIEMAP_EXTENT_SHARED)
+                m_plainShared += length;
+            else if (!(extent.fe_flags & FIEMAP_EXTENT_DATA_INLINE))
+                append(m_plainOwn, logical, length);
+            if (extent.fe_flags & FIEMAP_EXTENT_LAST)
+                return true;
+            start = extent.fe_logical + extent.fe_length;
+        }
+    }
+}
+
+bool ExtentMap::anyEncodedIn(const QList<Range> &ranges) const
+{
+    for (const Range &encoded : m_encoded) {
+        for (const Range &range : ranges) {
+            if (encoded.start < range.start + range.length && range.start < encoded.start + encoded.length)
+                return true;
+        }
+    }
+    return false;
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QList>
+#include <QtGlobal>
+
+// Where a file's data lies, as FIEMAP tells it to any user who can read the file: which byte
+// ranges are shared with a snapshot or a reflinked copy, which are already stored compressed,
+// and which are the file's own and still plain, so a compress-rewrite can only gain there.
+class ExtentMap
+{
+public:
+    struct Range {
+        qint64 start;
+        qint64 length;
+    };
+
+    // False when the file system does not answer; the map is then empty.
+    bool read(int fd, bool flush = false);
+
+    // The file's own plain ranges, neighbours merged: the only ones worth rewriting. Shared
+    // ones stay as they are, so the other owner keeps sharing them.
+    const QList<Range> &plainOwn() const { return m_plainOwn; }
+    const QList<Range> &encoded() const { return m_encoded; }
+    // Bytes in plain extents that something else shares.
+    qint64 plainShared() const { return m_plainShared; }
+    // True when some extent inside ranges is stored compressed.
+    bool anyEncodedIn(const QList<Range> &ranges) const;
+
+private:
+    static void append(QList<Range> &ranges, qint64 start, qint64 length);
+
+    QList<Range> m_plainOwn;
+    QList<Range> m_encoded;
+    qint64 m_plainShared = 0;
+};
