@@ -565,6 +565,12 @@ void TestHelperCompression::replacedStoreIsReopened()
 void TestHelperCompression::updateCheckIsAnsweredByNotification()
 {
     startHelper();
+    // Whatever it inherited (here the test's own output), the helper reads nothing and writes
+    // its standard output nowhere and its standard error to its log.
+    const QString fds = QStringLiteral("/proc/%1/fd/").arg(m_helper->processId());
+    QCOMPARE(QFile::symLinkTarget(fds + u'0'), QStringLiteral("/dev/null"));
+    QCOMPARE(QFile::symLinkTarget(fds + u'1'), QStringLiteral("/dev/null"));
+    QCOMPARE(QFile::symLinkTarget(fds + u'2'), m_env.home() + QStringLiteral("/.local/state/vantor/VantorHelper.log"));
     m_notifications.calls.clear();
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::HelperShouldCheckForUpdates));
