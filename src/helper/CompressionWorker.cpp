@@ -313,6 +313,10 @@ void CompressionWorker::runJob(const Job &job)
                 figures.shared += known->shared;
                 continue;
             }
+            // The rules are asked only here: what a rescan recognises was asked about before.
+            const QByteArray path = joined(seen.relative, file.name);
+            if (walker.isExcluded(path))
+                continue;
             const qint64 written = qint64(file.st.st_mtim.tv_sec) * 1000 + file.st.st_mtim.tv_nsec / 1000000;
             const qint64 wait = written + SettleQueue::kSettleMs - now;
             if (wait > 0 && wait <= SettleQueue::kMaxWaitMs) {
@@ -320,7 +324,7 @@ void CompressionWorker::runJob(const Job &job)
                 longest = std::max(longest, wait);
                 continue;
             }
-            todo.append(joined(seen.relative, file.name));
+            todo.append(path);
             todoFolders.append(seen.relative);
         }
         tally.set(seen.relative, figures);

@@ -47,6 +47,12 @@ bool FolderWalker::list(const QByteArray &start, const Visitor &visit)
     return true;
 }
 
+bool FolderWalker::isExcluded(const QByteArray &relative) const
+{
+    // Names may be any bytes; the rules speak Unicode, so decode as the file system would.
+    return VTExclusionRules::mustExcludePath(QFile::decodeName(m_rootPath + '/' + relative));
+}
+
 bool FolderWalker::read(Folder *folder)
 {
     const char *at = folder->relative.isEmpty() ? "." : folder->relative.constData();
@@ -63,7 +69,6 @@ bool FolderWalker::read(Folder *folder)
         ::close(folder->fd);
         return false;
     }
-    const QByteArray prefix = m_rootPath + '/' + folder->relative + (folder->relative.isEmpty() ? "" : "/");
     while (const struct dirent *entry = ::readdir(dir)) {
         const char *name = entry->d_name;
         if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)))
@@ -77,13 +82,10 @@ bool FolderWalker::read(Folder *folder)
         }
         if (type != DT_DIR && type != DT_REG)
             continue;
-        // Names may be any bytes; the rules speak Unicode, so decode as the file system would.
-        if (VTExclusionRules::mustExcludePath(QFile::decodeName(prefix + file.name)))
-            continue;
-        if (type == DT_DIR)
-            folder->subfolders.append(file.name);
-        else
+        if (type == DT_REG)
             folder->files.append(std::move(file));
+        else if (!isExcluded(folder->relative.isEmpty() ? file.name : folder->relative + '/' + file.name))
+            folder->subfolders.append(file.name);
     }
     ::closedir(dir);
     return true;

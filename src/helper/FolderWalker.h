@@ -8,8 +8,10 @@
 
 // The one way the helper goes through a watched folder, for the first pass, for rescans and
 // after a change in one of its folders: every folder below a start folder, depth first, not
-// crossing into other file systems, leaving out what the exclusion rules name. Paths are
-// bytes relative to the watched folder ("" is the folder itself).
+// crossing into other file systems, leaving out folders the exclusion rules name. Files are
+// all listed: the rules are asked about a file only when it needs work (isExcluded), so a
+// rescan of files already handled costs no more than reading the folders. Paths are bytes
+// relative to the watched folder ("" is the folder itself).
 class FolderWalker
 {
 public:
@@ -44,6 +46,9 @@ public:
     void walk(const QByteArray &start, const Visitor &visit);
     // Visits only start; false when it cannot be opened (or is on another file system).
     bool list(const QByteArray &start, const Visitor &visit);
+
+    // Whether the exclusion rules leave out the file at relative.
+    bool isExcluded(const QByteArray &relative) const;
 
     const Unreadable &unreadable() const { return m_unreadable; }
 
