@@ -11,6 +11,8 @@ packages=(
     dbus dbus-bin dbus-daemon libglib2.0-bin dex
     # tests: third-party readers, a display, fonts, the helper's file system
     libplist-utils sqlite3 python3 xvfb xauth xdotool fonts-dejavu-core
+    # the accessibility test: the AT-SPI bus and its Python reader
+    at-spi2-core python3-pyatspi
     btrfs-progs btrfs-compsize
     # fuzzing and sanitizers
     clang-14 libclang-rt-14-dev libfuzzer-14-dev

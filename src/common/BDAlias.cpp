@@ -1,4 +1,5 @@
 #include "common/BDAlias.h"
+#include "common/CommonLog.h"
 
 #include "common/AliasRecord.h"
 #include "common/AliasResolver.h"
@@ -194,15 +195,15 @@ void BDAlias::dump() const
     const std::optional<AliasRecord> rec = m_alias ? AliasRecord::fromBytes(*m_alias) : std::nullopt;
     if (!rec) {
         // -50: the record is missing or not one of ours.
-        qInfo("FSCopyAliasInfo returned error %i", -50);
+        qCInfo(lcCommon, "FSCopyAliasInfo returned error %i", -50);
         return;
     }
     const quint32 bitmap = kInfoIDs | kInfoFSInfo | kInfoVolumeFlags
         | ((rec->targetFlags & AliasRecord::IsDirectory) ? kInfoIsDirectory : 0);
-    qInfo("Target name = '%s'", qPrintable(QFile::decodeName(rec->name)));
-    qInfo("Volume name = '%s'", qPrintable(QFile::decodeName(rec->volumeName)));
-    qInfo("Path        = %s", qPrintable(QFile::decodeName(rec->path)));
-    qInfo("Info bitmap = %08X", bitmap);
+    qCInfo(lcCommon, "Target name = '%s'", qPrintable(QFile::decodeName(rec->name)));
+    qCInfo(lcCommon, "Volume name = '%s'", qPrintable(QFile::decodeName(rec->volumeName)));
+    qCInfo(lcCommon, "Path        = %s", qPrintable(QFile::decodeName(rec->path)));
+    qCInfo(lcCommon, "Info bitmap = %08X", bitmap);
 }
 
 void BDAlias::cleanup()

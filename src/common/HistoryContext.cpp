@@ -1,4 +1,5 @@
 #include "common/HistoryContext.h"
+#include "common/CommonLog.h"
 
 #include "common/HistoryStore.h"
 
@@ -50,7 +51,7 @@ sqlite3_stmt *HistoryContext::prepare(const QByteArray &sql) const
 {
     sqlite3_stmt *statement = nullptr;
     if (sqlite3_prepare_v2(m_store->connection(), sql.constData(), int(sql.size()), &statement, nullptr) != SQLITE_OK) {
-        qWarning("vantor: cannot read the history store: %s", sqlite3_errmsg(m_store->connection()));
+        qCWarning(lcCommon, "cannot read the history store: %s", sqlite3_errmsg(m_store->connection()));
         return nullptr;
     }
     return statement;
@@ -60,7 +61,7 @@ void HistoryContext::finish(sqlite3_stmt *statement) const
 {
     const int rc = sqlite3_finalize(statement);
     if (rc != SQLITE_OK)
-        qWarning("vantor: reading the history store failed: %s", sqlite3_errstr(rc));
+        qCWarning(lcCommon, "reading the history store failed: %s", sqlite3_errstr(rc));
 }
 
 QList<HistoryRecord> HistoryContext::fetchRecords(Predicate predicate) const
@@ -128,7 +129,7 @@ QByteArray HistoryContext::fetchFolderAlias(qint64 objectID) const
 void HistoryContext::beginReadTransaction()
 {
     if (m_readDepth++ == 0 && sqlite3_exec(m_store->connection(), "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)
-        qWarning("vantor: cannot begin reading the history store: %s", sqlite3_errmsg(m_store->connection()));
+        qCWarning(lcCommon, "cannot begin reading the history store: %s", sqlite3_errmsg(m_store->connection()));
 }
 
 void HistoryContext::endReadTransaction()
@@ -142,7 +143,7 @@ int HistoryContext::write(const char *sql, const std::function<void(sqlite3_stmt
     sqlite3 *db = m_store->connection();
     // IMMEDIATE takes the write lock up front, so the busy timeout covers the whole write.
     if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
-        qWarning("vantor: cannot write the history store: %s", sqlite3_errmsg(db));
+        qCWarning(lcCommon, "cannot write the history store: %s", sqlite3_errmsg(db));
         return -1;
     }
     sqlite3_stmt *statement = prepare(sql);
@@ -152,11 +153,11 @@ int HistoryContext::write(const char *sql, const std::function<void(sqlite3_stmt
         if (sqlite3_step(statement) == SQLITE_DONE)
             changed = sqlite3_changes(db);
         else
-            qWarning("vantor: writing the history store failed: %s", sqlite3_errmsg(db));
+            qCWarning(lcCommon, "writing the history store failed: %s", sqlite3_errmsg(db));
         sqlite3_finalize(statement);
     }
     if (changed >= 0 && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
-        qWarning("vantor: cannot commit to the history store: %s", sqlite3_errmsg(db));
+        qCWarning(lcCommon, "cannot commit to the history store: %s", sqlite3_errmsg(db));
         changed = -1;
     }
     if (changed < 0)

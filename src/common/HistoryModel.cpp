@@ -1,4 +1,5 @@
 #include "common/HistoryModel.h"
+#include "common/CommonLog.h"
 
 #include "platform/Bundle.h"
 
@@ -40,7 +41,7 @@ std::shared_ptr<const HistoryModel> HistoryModel::modelFromFile(const QString &p
     QJsonParseError error;
     const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &error);
     if (error.error != QJsonParseError::NoError || !document.isObject()) {
-        qWarning("vantor: %s is not a history model: %s", qPrintable(path), qPrintable(error.errorString()));
+        qCWarning(lcCommon, "%s is not a history model: %s", qPrintable(path), qPrintable(error.errorString()));
         return nullptr;
     }
     const QJsonObject root = document.object();
@@ -52,7 +53,7 @@ std::shared_ptr<const HistoryModel> HistoryModel::modelFromFile(const QString &p
     for (auto it = templates.begin(); it != templates.end(); ++it)
         model->m_templates.insert(it.key(), it.value().toString());
     if (model->m_entity.isEmpty() || model->m_schema.isEmpty()) {
-        qWarning("vantor: %s is not a history model: no entity or no schema", qPrintable(path));
+        qCWarning(lcCommon, "%s is not a history model: no entity or no schema", qPrintable(path));
         return nullptr;
     }
     return model;

@@ -1,4 +1,5 @@
 #include "common/HistoryStore.h"
+#include "common/CommonLog.h"
 
 #include "common/HistoryModel.h"
 #include "common/VTUtil.h"
@@ -32,7 +33,7 @@ public:
         const QByteArray path = QFile::encodeName(storePath + QStringLiteral(".lock"));
         m_fd = ::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
         if (m_fd < 0) {
-            qWarning("vantor: cannot open the store lock %s: %s", path.constData(), std::strerror(errno));
+            qCWarning(lcCommon, "cannot open the store lock %s: %s", path.constData(), std::strerror(errno));
             return;
         }
         while (::flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
@@ -62,6 +63,9 @@ bool schemaIsReadable(const QByteArray &path)
     sqlite3 *db = nullptr;
     bool sound = false;
     if (sqlite3_open(path.constData(), &db) == SQLITE_OK) {
+        // A store another process is writing is busy, not damaged: wait for it rather than
+        // take its lock for a broken schema and delete the user's records.
+        sqlite3_busy_timeout(db, 10000);
         sqlite3_stmt *statement = nullptr;
         sound = sqlite3_prepare_v2(db, "PRAGMA integrity_check;", -1, &statement, nullptr) == SQLITE_OK;
         if (sound) {
@@ -85,14 +89,14 @@ HistoryStore::~HistoryStore()
     sqlite3_close(m_db);
 }
 
-bool HistoryStore::addPersistentStore(const QString &path, HistoryStoreError *error)
+bool HistoryStore::addPersistentStore(const QString &path, PresentableError *error)
 {
     auto fail = [&](int code, const QString &reason) {
         if (error) {
             *error = {QStringLiteral("org.sqlite"), code,
                       QStringLiteral("The history store \"%1\" could not be opened.").arg(path), reason};
         }
-        qWarning("vantor: cannot open the history store %s: %s", qPrintable(path), qPrintable(reason));
+        qCWarning(lcCommon, "cannot open the history store %s: %s", qPrintable(path), qPrintable(reason));
         sqlite3_close(m_db);
         m_db = nullptr;
         return false;
@@ -142,7 +146,7 @@ bool HistoryStore::isStoreFileReplaced() const
     return quint64(now.st_dev) != m_device || quint64(now.st_ino) != m_inode;
 }
 
-bool HistoryStore::reopenPersistentStore(HistoryStoreError *error)
+bool HistoryStore::reopenPersistentStore(PresentableError *error)
 {
     const QString path = m_path;
     sqlite3_close(m_db);
@@ -174,8 +178,18 @@ bool HistoryStore::ensureIntegrityOfDatabaseAtPath(const QString &path)
     struct stat now {};
     // Another process may have replaced the file meanwhile; that one was not checked.
     if (::lstat(encoded.constData(), &now) == 0 && sameFile(now, checked) && ::unlink(encoded.constData()) != 0)
-        qWarning("vantor: cannot delete the damaged history store %s: %s", encoded.constData(), std::strerror(errno));
+        qCWarning(lcCommon, "cannot delete the damaged history store %s: %s", encoded.constData(), std::strerror(errno));
     return false;
+}
+
+bool HistoryStore::isDatabaseReadableAtPath(const QString &path)
+{
+    const QByteArray encoded = QFile::encodeName(path);
+    struct stat checked {};
+    if (::lstat(encoded.constData(), &checked) != 0)
+        return true;
+    StoreLock lock(path);
+    return ::lstat(encoded.constData(), &checked) != 0 || schemaIsReadable(encoded);
 }
 
 std::unique_ptr<HistoryStore> HistoryStore::coordinatorWithModel(std::shared_ptr<const HistoryModel> model,
@@ -184,13 +198,13 @@ std::unique_ptr<HistoryStore> HistoryStore::coordinatorWithModel(std::shared_ptr
 {
     if (!model) {
         // An internal inconsistency: the bundle that owns the stack lacks its model resource.
-        qCritical("*** Assertion failure in %s %s, %s: Managed object model is nil", owner, operation, sourceFile);
-        qWarning("%s:%s No model to generate a store from", owner, operation);
+        qCCritical(lcCommon, "*** Assertion failure in %s %s, %s: Managed object model is nil", owner, operation, sourceFile);
+        qCWarning(lcCommon, "%s:%s No model to generate a store from", owner, operation);
         return nullptr;
     }
     const QString folder = VTUtil::applicationSupportFolder();
     auto store = std::make_unique<HistoryStore>(std::move(model));
-    HistoryStoreError error;
+    PresentableError error;
     if (folder.isEmpty()) {
         error = {QStringLiteral("org.sqlite"), SQLITE_CANTOPEN,
                  QStringLiteral("The history store \"%1\" could not be opened.").arg(QLatin1String(kFileName)),
@@ -217,19 +231,19 @@ void HistoryStore::runAlert(const QString &messageText, const QString &informati
     if (installedAlerts().runAlert)
         installedAlerts().runAlert(messageText, informativeText);
     else
-        qWarning("vantor: %s: %s", qPrintable(messageText), qPrintable(informativeText));
+        qCWarning(lcCommon, "%s: %s", qPrintable(messageText), qPrintable(informativeText));
 }
 
-void HistoryStore::presentError(const HistoryStoreError &error)
+void HistoryStore::presentError(const PresentableError &error)
 {
     if (installedAlerts().presentError)
         installedAlerts().presentError(error);
     else
-        qWarning("vantor: %s (%s %d): %s", qPrintable(error.localizedDescription), qPrintable(error.domain), error.code,
+        qCWarning(lcCommon, "%s (%s %d): %s", qPrintable(error.localizedDescription), qPrintable(error.domain), error.code,
                  qPrintable(error.failureReason));
 }
 
-HistoryStoreError HistoryStore::initializationError()
+PresentableError HistoryStore::initializationError()
 {
     return {QLatin1String(kErrorDomain), kErrorCode, QStringLiteral("Failed to initialize the store"),
             QStringLiteral("There was an error building up the data file.")};

@@ -6,23 +6,16 @@
 #include <memory>
 
 #include "common/VantorCommonExport.h"
+#include "platform/PresentableError.h"
 
 class HistoryModel;
 struct sqlite3;
-
-// An error of the history store, as the application presents it.
-struct HistoryStoreError {
-    QString domain;
-    int code = 0;
-    QString localizedDescription;
-    QString failureReason;
-};
 
 // How the store's failures reach the user. The widget library installs alerts when it is
 // loaded; in a process without it the texts go to the log.
 struct HistoryStoreAlerts {
     std::function<void(const QString &messageText, const QString &informativeText)> runAlert;
-    std::function<void(const HistoryStoreError &error)> presentError;
+    std::function<void(const PresentableError &error)> presentError;
 };
 
 // The persistent store coordinator of "history.db": one SQLite connection (WAL journal,
@@ -44,7 +37,7 @@ public:
     const HistoryModel *managedObjectModel() const { return m_model.get(); }
     // Opens the store at path, creating the file (user-only) and the model's tables when
     // missing. False with error filled in when it cannot.
-    bool addPersistentStore(const QString &path, HistoryStoreError *error);
+    bool addPersistentStore(const QString &path, PresentableError *error);
     QString storePath() const { return m_path; }
     sqlite3 *connection() const { return m_db; }
 
@@ -52,11 +45,13 @@ public:
     // pane deleted an unusable store, or it was replaced). A long-lived writer then reopens.
     bool isStoreFileReplaced() const;
     // Closes the connection and opens the store at the same path again.
-    bool reopenPersistentStore(HistoryStoreError *error);
+    bool reopenPersistentStore(PresentableError *error);
 
     // The integrity rule: a file whose schema cannot be read is shown the "Vantor Database
     // Error" alert and deleted. True when the file is absent or sound.
     static bool ensureIntegrityOfDatabaseAtPath(const QString &path);
+    // The same check without its repair, for a reader that must leave the file alone.
+    static bool isDatabaseReadableAtPath(const QString &path);
 
     // A coordinator over "history.db" in the product folder, built as both owners of a stack
     // build theirs: check the model, check the file's integrity, attach the store. Null, with
@@ -68,9 +63,9 @@ public:
 
     static void setAlerts(const HistoryStoreAlerts &alerts);
     static void runAlert(const QString &messageText, const QString &informativeText);
-    static void presentError(const HistoryStoreError &error);
+    static void presentError(const PresentableError &error);
     // The error a context request reports when no store could be built.
-    static HistoryStoreError initializationError();
+    static PresentableError initializationError();
 
 private:
     std::shared_ptr<const HistoryModel> m_model;

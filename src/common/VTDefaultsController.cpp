@@ -1,4 +1,5 @@
 #include "common/VTDefaultsController.h"
+#include "common/CommonLog.h"
 
 #include "platform/ProcessInfo.h"
 #include "platform/PropertyList.h"
@@ -68,7 +69,7 @@ void VTDefaultsController::synchronize()
 {
     if (!PropertyList::writeFile(defaultsFileName(), m_defaults)) {
         const QString path = defaultsFileName();
-        qWarning("Could not write preferences to file: %s", path.isEmpty() ? "(null)" : qPrintable(path));
+        qCWarning(lcCommon, "Could not write preferences to file: %s", path.isEmpty() ? "(null)" : qPrintable(path));
     }
 }
 

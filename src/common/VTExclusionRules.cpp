@@ -1,4 +1,5 @@
 #include "common/VTExclusionRules.h"
+#include "common/CommonLog.h"
 
 #include "platform/Bundle.h"
 #include "common/ExclusionMatcher.h"
@@ -104,7 +105,7 @@ void VTExclusionRules::loadRulesAt(const QString &path)
     for (qsizetype i = 0; i < groups.size(); ++i) {
         const QVariant &group = groups.at(i);
         if (group.typeId() != QMetaType::QVariantMap) {
-            qWarning().noquote() << "Exclusion rules: skipping entry" << i << "of" << path
+            qCWarning(lcCommon).noquote() << "skipping entry" << i << "of" << path
                                  << "(not a dictionary)";
             continue;
         }
@@ -125,7 +126,7 @@ void VTExclusionRules::loadRulesAt(const QString &path)
             if (!add)
                 continue;
             if (it.value().typeId() != QMetaType::QString) {
-                qWarning().noquote() << "Exclusion rules: skipping" << it.key() << "of entry" << i << "of"
+                qCWarning(lcCommon).noquote() << "skipping" << it.key() << "of entry" << i << "of"
                                      << path << "(not a string)";
                 continue;
             }

@@ -1,4 +1,5 @@
 #include "common/VTUtil.h"
+#include "common/CommonLog.h"
 
 #include "platform/Bundle.h"
 #include "platform/FileManager.h"
@@ -11,7 +12,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 
 namespace {
 
@@ -29,7 +29,7 @@ QString VTUtil::applicationSupportFolder()
     const QStringList dirs = FileManager::applicationSupportDirectories();
     QString base = dirs.isEmpty() ? FileManager::temporaryDirectory() : dirs.first();
     if (base.isEmpty()) {
-        qWarning("vantor: no application-data folder and no private temporary folder for the product folder");
+        qCWarning(lcCommon, "no application-data folder and no private temporary folder for the product folder");
         return g_applicationSupportFolder;
     }
     while (base.size() > 1 && base.endsWith(u'/'))
@@ -40,12 +40,13 @@ QString VTUtil::applicationSupportFolder()
     if (!FileManager::fileExists(folder)) {
         // No intermediate folders: the application-data folder itself must exist.
         // User-only, since the folder holds the user's settings and history.
-        if (::mkdir(QFile::encodeName(folder).constData(), 0700) != 0) {
+        QString error;
+        if (!FileManager::createDirectoryAtPath(folder, 0700, &error)) {
             // Every call tries again; say so once, not on every settings write.
             static QString reported;
             if (reported != folder) {
                 reported = folder;
-                qWarning("vantor: cannot create the product folder %s: %s", qPrintable(folder), std::strerror(errno));
+                qCWarning(lcCommon, "cannot create the product folder %s: %s", qPrintable(folder), qPrintable(error));
             }
             return g_applicationSupportFolder;
         }

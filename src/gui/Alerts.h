@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "gui/VantorGuiExport.h"
+#include "platform/PresentableError.h"
 
 class QWidget;
 
@@ -13,14 +14,6 @@ struct Alert {
     QString messageText;
     QString informativeText;
     QStringList buttons; // first is the default; empty means a single "OK"
-};
-
-// An error as the application presents it to the user.
-struct PresentableError {
-    QString domain;
-    int code = 0;
-    QString localizedDescription;
-    QString failureReason;
 };
 
 // Alerts shown to the user. Behind an interface so tests can record what a person would see.

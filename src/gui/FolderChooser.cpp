@@ -1,4 +1,5 @@
 #include "gui/FolderChooser.h"
+#include "gui/GuiLog.h"
 
 #include "platform/FileManager.h"
 
@@ -115,7 +116,7 @@ public:
             w->deleteLater();
             const QDBusPendingReply<QDBusObjectPath> reply = *w;
             if (reply.isError()) {
-                qWarning("Folder chooser: the desktop portal failed (%s), using the built-in dialog",
+                qCWarning(lcGui, "the desktop portal failed (%s), using the built-in dialog",
                          qPrintable(reply.error().message()));
                 fallBack();
                 return;

@@ -10,7 +10,7 @@ const bool g_installed = [] {
         [](const QString &messageText, const QString &informativeText) {
             Alerts::shared()->runModal({messageText, informativeText, {QStringLiteral("OK")}});
         },
-        [](const HistoryStoreError &error) {
+        [](const PresentableError &error) {
             Alerts::shared()->presentError(
                 {error.domain, error.code, error.localizedDescription, error.failureReason});
         },

@@ -393,7 +393,7 @@ void CompressionWorker::runJob(const Job &job)
     const quint64 savings = quint64(std::max<qint64>(tally.total.savings, 0));
     // One line per pass over the whole folder; changes are told only when a file is skipped or fails.
     if (job.whole && job.relative.isEmpty())
-        qCInfo(lcHelper, "%s", qPrintable(compressor.report().summary()));
+        qCInfo(lcHelper, "%s", qPrintable(compressor.report().summary(compressor.ranOutOfSpace())));
     if (compressor.report().sharedBytes() > 0)
         Q_EMIT sharedFound(job.id);
     if (compressor.ranOutOfSpace()) {

@@ -15,7 +15,7 @@ void ExtentMap::append(QList<Range> &ranges, qint64 start, qint64 length)
         ranges.append({start, length});
 }
 
-bool ExtentMap::read(int fd, bool flush)
+bool ExtentMap::read(int fd)
 {
     m_plainOwn.clear();
     m_encoded.clear();
@@ -29,8 +29,6 @@ bool ExtentMap::read(int fd, bool flush)
         map->fm_start = start;
         map->fm_length = FIEMAP_MAX_OFFSET - start;
         map->fm_extent_count = kExtents;
-        // Without the flag, data not yet written out shows as delalloc, of unknown encoding.
-        map->fm_flags = flush ? FIEMAP_FLAG_SYNC : 0;
         if (::ioctl(fd, FS_IOC_FIEMAP, map) != 0)
             return false;
         if (map->fm_mapped_extents == 0)
@@ -39,12 +37,12 @@ bool ExtentMap::read(int fd, bool flush)
             const struct fiemap_extent &extent = map->fm_extents[i];
             const qint64 logical = qint64(extent.fe_logical);
             const qint64 length = qint64(extent.fe_length);
-            // Inline data lives in the metadata: nothing to gain by moving it.
+            // Inline data lives in the metadata, preallocated space holds no data: nothing to gain.
             if (extent.fe_flags & FIEMAP_EXTENT_ENCODED)
                 append(m_encoded, logical, length);
             else if (extent.fe_flags & FIEMAP_EXTENT_SHARED)
                 m_plainShared += length;
-            else if (!(extent.fe_flags & FIEMAP_EXTENT_DATA_INLINE))
+            else if (!(extent.fe_flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_UNWRITTEN)))
                 append(m_plainOwn, logical, length);
             if (extent.fe_flags & FIEMAP_EXTENT_LAST)
                 return true;
@@ -53,13 +51,23 @@ bool ExtentMap::read(int fd, bool flush)
     }
 }
 
-bool ExtentMap::anyEncodedIn(const QList<Range> &ranges) const
+qint64 ExtentMap::encodedBytesIn(const QList<Range> &ranges) const
 {
+    qint64 total = 0;
     for (const Range &encoded : m_encoded) {
         for (const Range &range : ranges) {
-            if (encoded.start < range.start + range.length && range.start < encoded.start + encoded.length)
-                return true;
+            const qint64 start = qMax(encoded.start, range.start);
+            const qint64 end = qMin(encoded.start + encoded.length, range.start + range.length);
+            total += qMax(end - start, qint64(0));
         }
     }
-    return false;
+    return total;
+}
+
+qint64 ExtentMap::bytes(const QList<Range> &ranges)
+{
+    qint64 total = 0;
+    for (const Range &range : ranges)
+        total += range.length;
+    return total;
 }

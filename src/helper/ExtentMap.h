@@ -15,7 +15,7 @@ public:
     };
 
     // False when the file system does not answer; the map is then empty.
-    bool read(int fd, bool flush = false);
+    bool read(int fd);
 
     // The file's own plain ranges, neighbours merged: the only ones worth rewriting. Shared
     // ones stay as they are, so the other owner keeps sharing them.
@@ -23,8 +23,9 @@ public:
     const QList<Range> &encoded() const { return m_encoded; }
     // Bytes in plain extents that something else shares.
     qint64 plainShared() const { return m_plainShared; }
-    // True when some extent inside ranges is stored compressed.
-    bool anyEncodedIn(const QList<Range> &ranges) const;
+    // Bytes of ranges stored compressed.
+    qint64 encodedBytesIn(const QList<Range> &ranges) const;
+    static qint64 bytes(const QList<Range> &ranges);
 
 private:
     static void append(QList<Range> &ranges, qint64 start, qint64 length);

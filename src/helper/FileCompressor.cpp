@@ -76,7 +76,7 @@ private:
 };
 
 
-enum class Rewrite { Saved, NotSaved, NoSpace };
+enum class Rewrite { Rewritten, NotSaved, NoSpace };
 
 Rewrite rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, const std::atomic<bool> &cancel,
                 FolderReport *report)
@@ -102,18 +102,34 @@ Rewrite rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped
     case BtrfsCompressor::Result::Compressed:
         break;
     }
-    // The rewrite can succeed and leave the data as it was (btrfs found it would not shrink,
-    // or will not compress this file at all): remembered, so it is not rewritten every pass.
+    return Rewrite::Rewritten;
+}
+
+// A rewrite can succeed and leave the data as it was (btrfs found it would not shrink, or will
+// not compress this file at all): such a file saves nothing and is remembered, so it is not
+// rewritten on every pass. Checked once the rewrite is on disk: before, FIEMAP may still show
+// the old extents. Returns the bytes saved; st is the file's status after all.
+qint64 verify(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, FolderReport *report, struct stat &st)
+{
     ExtentMap after;
-    struct stat st {};
-    if (after.read(fd, true) && !after.anyEncodedIn(entry.ranges) && ::fstat(fd, &st) == 0) {
+    const bool read = after.read(fd) && ::fstat(fd, &st) == 0;
+    ::close(fd);
+    const qint64 encoded = read ? after.encodedBytesIn(entry.ranges) : 0;
+    if (encoded > 0) {
+        report->compressed();
+        // Only what btrfs really stored compressed counts.
+        const qint64 all = ExtentMap::bytes(entry.ranges);
+        return all > 0 ? qint64(double(entry.estimate) * double(qMin(encoded, all)) / double(all)) : 0;
+    }
+    if (read) {
         skipped.add(st, SkippedFiles::Reason::StaysPlain);
         report->skipped(entry.path, SkippedFiles::Reason::StaysPlain, false);
-        return Rewrite::NotSaved;
     }
-    report->compressed();
-    return Rewrite::Saved;
+    return 0;
 }
+
+// Rewritten files are checked in batches of about this much data, after one wait for all of it.
+constexpr qint64 kVerifyBatch = 64 * 1024 * 1024;
 
 } // namespace
 
@@ -192,6 +208,29 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
         return sorted.takeLast();
     };
 
+    // Rewritten files wait here until their data is on disk and can be checked.
+    QList<EstimateQueue::Entry> unverified;
+    qint64 unverifiedBytes = 0;
+    auto verifyAll = [&] {
+        if (unverified.isEmpty())
+            return;
+        ::syncfs(m_rootFd);
+        for (const EstimateQueue::Entry &rewritten : std::as_const(unverified)) {
+            Outcome outcome;
+            outcome.savings = rewritten.encodedSavings;
+            outcome.shared = rewritten.shared;
+            const int fd = openForReading(rewritten.path);
+            if (fd >= 0) {
+                outcome.savings += verify(fd, rewritten, m_skipped, &m_report, outcome.st);
+                outcome.settled = true;
+                ::close(fd);
+            }
+            done(rewritten.index, outcome);
+        }
+        unverified.clear();
+        unverifiedBytes = 0;
+    };
+
     while (const std::optional<EstimateQueue::Entry> entry = next()) {
         if (!mayGoOn())
             break;
@@ -205,6 +244,7 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
         const int fd = openForReading(entry->path);
         if (fd < 0 && errno != ENOENT && entry->error == 0)
             m_unreadable.add(errno);
+        bool rewritten = false;
         if (fd < 0) {
             outcome.settled = false;
         } else if (entry->skip) {
@@ -221,12 +261,10 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
             }
             const Rewrite result = rewrite(fd, *entry, m_skipped, m_cancel, &m_report);
             m_noSpace = result == Rewrite::NoSpace;
-            if (result == Rewrite::Saved)
-                outcome.savings += entry->estimate;
+            rewritten = result == Rewrite::Rewritten;
             // In use or refused: tried again when it changes or at the next rescan.
             struct stat now {};
-            outcome.settled = result == Rewrite::Saved
-                || (::fstat(fd, &now) == 0 && m_skipped.find(now).has_value());
+            outcome.settled = rewritten || (::fstat(fd, &now) == 0 && m_skipped.find(now).has_value());
         } else if (entry->encoded) {
             m_report.alreadyCompressed();
         } else if (entry->shared == 0) {
@@ -238,8 +276,16 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
         }
         if (m_noSpace || m_cancel.load())
             break;
+        if (rewritten) {
+            unverified.append(*entry);
+            unverifiedBytes += ExtentMap::bytes(entry->ranges);
+            if (unverifiedBytes >= kVerifyBatch)
+                verifyAll();
+            continue;
+        }
         done(entry->index, outcome);
     }
+    verifyAll();
     estimates.close();
     estimator.join();
 }

@@ -39,10 +39,12 @@ void FolderReport::failed(const QByteArray &path, int error)
 {
     if (m_failed++ == 0)
         m_firstError = error;
-    qCWarning(lcHelper, "\"%s\" could not be compressed: %s", qPrintable(name(path)), std::strerror(error));
+    // The first few by name; a folder of other users' files would flood the log otherwise.
+    if (m_failed <= kNamedFailures)
+        qCWarning(lcHelper, "\"%s\" could not be compressed: %s", qPrintable(name(path)), std::strerror(error));
 }
 
-QString FolderReport::summary() const
+QString FolderReport::summary(bool waiting) const
 {
     QStringList parts{count(m_compressed, "file") + QStringLiteral(" compressed")};
     if (m_already)
@@ -62,5 +64,7 @@ QString FolderReport::summary() const
         parts.append(QStringLiteral("%1 with %2 shared with snapshots or copies left as it is")
                          .arg(m_shared)
                          .arg(VTUtil::getPrettySize(quint64(m_sharedBytes))));
+    if (waiting)
+        parts.append(QStringLiteral("the rest waits for disk space"));
     return QStringLiteral("\"%1\": %2").arg(QFile::decodeName(m_folder), parts.join(QStringLiteral(", ")));
 }

@@ -11,6 +11,8 @@
 class FolderReport
 {
 public:
+    static constexpr qsizetype kNamedFailures = 5;
+
     explicit FolderReport(const QByteArray &folder);
 
     void compressed() { ++m_compressed; }
@@ -27,7 +29,8 @@ public:
     void failed(const QByteArray &path, int error);
 
     qint64 sharedBytes() const { return m_sharedBytes; }
-    QString summary() const;
+    // waiting: the pass stopped for want of disk space.
+    QString summary(bool waiting) const;
 
 private:
     QString name(const QByteArray &path) const;

@@ -1,7 +1,8 @@
 #include "helper/HelperBus.h"
 
-#include "platform/DistributedNotificationCenter.h"
+#include "common/HelperIdentity.h"
 #include "common/Notifications.h"
+#include "platform/DistributedNotificationCenter.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -42,10 +43,10 @@ bool HelperBus::start(QString *why)
                             [this](const DistributedNotification &n) { Q_EMIT received(n); });
 
     const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply = bus.interface()->registerService(
-        QLatin1String(kBundleIdentifier), QDBusConnectionInterface::DontQueueService,
+        HelperIdentity::busName(), QDBusConnectionInterface::DontQueueService,
         QDBusConnectionInterface::DontAllowReplacement);
     if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
-        *why = QStringLiteral("another helper owns %1; pid %2 exiting").arg(QLatin1String(kBundleIdentifier)).arg(::getpid());
+        *why = QStringLiteral("another helper owns %1; pid %2 exiting").arg(HelperIdentity::busName()).arg(::getpid());
         return false;
     }
     bus.connect(QString(), QStringLiteral("/org/freedesktop/DBus/Local"), QStringLiteral("org.freedesktop.DBus.Local"),

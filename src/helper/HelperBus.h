@@ -12,8 +12,6 @@ class HelperBus : public QObject
 {
     Q_OBJECT
 public:
-    static constexpr const char *kBundleIdentifier = "com.quillfen.VantorHelper";
-
     explicit HelperBus(QObject *parent = nullptr);
 
     // False, with the reason in *why, when there is no session bus or another helper owns the name.

@@ -3,15 +3,14 @@
 #include "platform/AtomicFile.h"
 #include "helper/HelperLog.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 
 namespace {
 
-constexpr char kMagic[] = "VantorRescanCache2\n";
+constexpr char kMagic[] = "VantorRescanCache3\n";
 constexpr qsizetype kMagicSize = sizeof kMagic - 1;
-constexpr qsizetype kHashSize = 32; // SHA-256 of everything before it
+constexpr qsizetype kHashSize = 8; // checksum of everything before it
 constexpr qsizetype kRecordSize = 7 * 8;
 
 void put(char *at, quint64 value)
@@ -26,6 +25,26 @@ quint64 get(const char *at)
     for (int i = 0; i < 8; ++i)
         value |= quint64(quint8(at[i])) << (8 * i);
     return value;
+}
+
+// A 64-bit checksum, enough to tell a damaged file (which is all it is for) and fast enough
+// not to count in a rescan.
+QByteArray checksum(QByteArrayView bytes)
+{
+    quint64 hash = 0x9e3779b97f4a7c15ULL ^ quint64(bytes.size());
+    qsizetype i = 0;
+    for (; i + 8 <= bytes.size(); i += 8) {
+        hash = (hash ^ get(bytes.data() + i)) * 0xff51afd7ed558ccdULL;
+        hash ^= hash >> 32;
+    }
+    for (; i < bytes.size(); ++i)
+        hash = (hash ^ quint8(bytes[i])) * 0x100000001b3ULL;
+    hash ^= hash >> 33;
+    hash *= 0xc4ceb9fe1a85ec53ULL;
+    hash ^= hash >> 33;
+    char out[8];
+    put(out, hash);
+    return QByteArray(out, 8);
 }
 
 } // namespace
@@ -52,8 +71,7 @@ bool RescanCache::load()
     const QByteArray bytes = file.readAll();
     const qsizetype body = bytes.size() - kMagicSize - kHashSize;
     if (body < 0 || body % kRecordSize != 0 || !bytes.startsWith(QByteArrayView(kMagic, kMagicSize))
-        || QCryptographicHash::hash(QByteArrayView(bytes).first(bytes.size() - kHashSize), QCryptographicHash::Sha256)
-            != QByteArrayView(bytes).last(kHashSize)) {
+        || checksum(QByteArrayView(bytes).first(bytes.size() - kHashSize)) != QByteArrayView(bytes).last(kHashSize)) {
         qCWarning(lcHelper, "the rescan cache %s is damaged; it is rebuilt by the next rescan",
                  qPrintable(file.fileName()));
         return false;
@@ -95,7 +113,7 @@ bool RescanCache::save(bool prune)
         bytes.append(record, kRecordSize);
         ++it;
     }
-    bytes += QCryptographicHash::hash(bytes, QCryptographicHash::Sha256);
+    bytes += checksum(bytes);
     QString error;
     if (!AtomicFile::write(file, bytes, &error)) {
         qCWarning(lcHelper, "cannot write the rescan cache %s: %s", qPrintable(file), qPrintable(error));

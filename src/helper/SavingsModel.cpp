@@ -28,7 +28,7 @@ HistoryContext *SavingsModel::context()
     HistoryStore *store = context->persistentStoreCoordinator();
     if (store->isStoreFileReplaced()) {
         qCWarning(lcHelper, "the history store %s was replaced; opening it again", qPrintable(store->storePath()));
-        HistoryStoreError error;
+        PresentableError error;
         const bool reopened = store->reopenPersistentStore(&error);
         m_pending.clear();
         Q_EMIT storeReopened();

@@ -1,8 +1,8 @@
 #include "host/HeadlessAlerts.h"
 
-#include <QTimer>
+#include "host/HostLog.h"
 
-#include <cstdio>
+#include <QTimer>
 
 namespace {
 
@@ -11,8 +11,7 @@ void report(const QString &title, const QString &text)
     QString line = title;
     if (!text.isEmpty())
         line += QStringLiteral(": ") + QString(text).replace(u'\n', u' ');
-    std::fprintf(stderr, "vantor-preferences: alert: %s\n", qPrintable(line));
-    std::fflush(stderr);
+    qCWarning(lcHost, "alert: %s", qPrintable(line));
 }
 
 } // namespace

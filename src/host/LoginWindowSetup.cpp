@@ -1,7 +1,9 @@
 #include "host/LoginWindowSetup.h"
+#include "host/HostLog.h"
 
 #include "platform/AtomicFile.h"
 #include "platform/PreferencesDomain.h"
+#include "platform/ProcessInfo.h"
 
 #include <QDir>
 #include <QFile>
@@ -26,7 +28,7 @@ QString quoteExec(const QString &program)
 
 QString agentPath()
 {
-    const QString exe = QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget();
+    const QString exe = ProcessInfo::processInfo()->executablePath();
     return QFileInfo(exe).absolutePath() + QStringLiteral("/vantor-login-items");
 }
 
@@ -65,13 +67,13 @@ void LoginWindowSetup::ensureAutostartEntry()
     if (QFileInfo::exists(path) && QFileInfo::exists(execProgram(path)))
         return;
     if (!QFileInfo::exists(agent)) {
-        qWarning("vantor-preferences: %s is missing; login items will not open at login", qPrintable(agent));
+        qCWarning(lcHost, "%s is missing; login items will not open at login", qPrintable(agent));
         return;
     }
     QDir().mkpath(QFileInfo(path).path());
     QString error;
     if (!AtomicFile::write(path, autostartEntry(agent), &error, 0644))
-        qWarning("vantor-preferences: cannot write %s: %s", qPrintable(path), qPrintable(error));
+        qCWarning(lcHost, "cannot write %s: %s", qPrintable(path), qPrintable(error));
 }
 
 QString LoginWindowSetup::execProgram(const QString &entryPath)

@@ -2,41 +2,22 @@
 
 #include "platform/Bundle.h"
 #include "platform/FileManager.h"
+#include "platform/InstalledPane.h"
 #include "gui/PreferencePane.h"
 
-#include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
 #include <QPluginLoader>
 
-namespace {
-
-const QString kPaneName = QStringLiteral("Vantor.prefPane");
-
-} // namespace
-
 QStringList PaneLoader::searchPaths()
 {
-    QStringList paths;
-    const QString home = QFile::decodeName(qgetenv("HOME"));
-    if (QDir::isAbsolutePath(home))
-        paths << QDir::cleanPath(home + QStringLiteral("/.local/lib/vantor/") + kPaneName);
-    // Beside the installed host: <prefix>/bin/vantor-preferences -> <prefix>/lib/vantor/.
-    paths << QDir::cleanPath(QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/vantor/") + kPaneName);
-    paths << QStringLiteral("/usr/local/lib/vantor/") + kPaneName << QStringLiteral("/usr/lib/vantor/") + kPaneName;
-    paths.removeDuplicates();
-    return paths;
+    return InstalledPane::searchPaths();
 }
 
 QString PaneLoader::findInstalledPane()
 {
-    for (const QString &path : searchPaths()) {
-        if (QFileInfo::exists(path + QStringLiteral("/Contents/Info.plist")))
-            return path;
-    }
-    return {};
+    return InstalledPane::find();
 }
 
 PreferencePane *PaneLoader::load(const QString &bundlePath, PreferencePaneHost *host, QString *error)

@@ -1,6 +1,7 @@
 // vantor-preferences: the settings application that hosts the Vantor pane.
 
 #include "platform/FileManager.h"
+#include "host/HostLog.h"
 #include "host/HeadlessAlerts.h"
 #include "host/HostWindow.h"
 #include "host/LoginWindowSetup.h"
@@ -15,12 +16,12 @@
 #include <QPixmap>
 #include <QTimer>
 
-#include <csignal>
 #include <cstdio>
 #include <ctime>
 
 namespace {
 
+// The command line's own output, as opposed to its log lines.
 void printLine(FILE *stream, const QString &line)
 {
     std::fprintf(stream, "vantor-preferences: %s\n", qPrintable(line));
@@ -35,7 +36,7 @@ void ensureUserDataFolder()
     const QStringList dirs = FileManager::applicationSupportDirectories();
     if (!dirs.isEmpty() && !QDir().exists(dirs.first())) {
         if (!QDir().mkpath(dirs.first()))
-            printLine(stderr, QStringLiteral("cannot create %1").arg(dirs.first()));
+            qCWarning(lcHost).noquote() << QStringLiteral("cannot create %1").arg(dirs.first());
         else
             QFile::setPermissions(dirs.first(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
@@ -47,7 +48,7 @@ int main(int argc, char *argv[])
 {
     // Before anything logs: standard error may be a pipe nobody reads any more (the program
     // that started us before a relaunch, a closed terminal).
-    std::signal(SIGPIPE, SIG_IGN);
+    ProcessInfo::ignoreBrokenPipes();
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("vantor-preferences"));
     QApplication::setApplicationDisplayName(QStringLiteral("Vantor"));
@@ -82,7 +83,7 @@ int main(int argc, char *argv[])
         QString error;
         PreferencePane *pane = PaneLoader::load(parser.value(paneOption), &window, &error);
         if (!pane) {
-            printLine(stderr, error);
+            qCWarning(lcHost).noquote() << error;
             return 1;
         }
         window.showPane(pane);
@@ -91,12 +92,12 @@ int main(int argc, char *argv[])
         if (PreferencePane *pane = PaneLoader::load(installed, &window, &error))
             window.showPane(pane);
         else {
-            printLine(stderr, error);
+            qCWarning(lcHost).noquote() << error;
             window.showNoPane({installed});
         }
     } else {
-        printLine(stderr, QStringLiteral("no Vantor pane is installed (looked in %1)")
-                              .arg(PaneLoader::searchPaths().join(QStringLiteral(", "))));
+        qCWarning(lcHost).noquote() << QStringLiteral("no Vantor pane is installed (looked in %1)")
+                                           .arg(PaneLoader::searchPaths().join(QStringLiteral(", ")));
         window.showNoPane(PaneLoader::searchPaths());
     }
 
@@ -107,7 +108,7 @@ int main(int argc, char *argv[])
                 printLine(stdout, QStringLiteral("wrote %1").arg(file));
                 QCoreApplication::exit(0);
             } else {
-                printLine(stderr, QStringLiteral("cannot write %1").arg(file));
+                qCWarning(lcHost).noquote() << QStringLiteral("cannot write %1").arg(file);
                 QCoreApplication::exit(1);
             }
         });

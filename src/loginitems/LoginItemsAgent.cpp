@@ -1,7 +1,9 @@
 #include "loginitems/LoginItemsAgent.h"
 
 #include "common/BDAlias.h"
+#include "loginitems/LoginItemsLog.h"
 #include "platform/Bundle.h"
+#include "platform/DetachedSpawn.h"
 #include "platform/FileManager.h"
 #include "platform/PreferencesDomain.h"
 
@@ -12,8 +14,6 @@
 #include <cstdio>
 #include <vector>
 #include <cstring>
-#include <csignal>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,7 +23,7 @@ namespace {
 
 void report(const QString &line)
 {
-    std::fprintf(stderr, "vantor-login-items: %s\n", qPrintable(line));
+    qCWarning(lcLoginItems).noquote() << line;
 }
 
 } // namespace
@@ -109,17 +109,9 @@ bool LoginItemsAgent::spawn(const QString &executable, bool hide)
         envp.push_back(e.data());
     envp.push_back(nullptr);
 
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t none, all;
-    sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setsigdefault(&attr, &all);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    pid_t pid = 0;
-    const int rc = posix_spawn(&pid, program.constData(), nullptr, &attr, argv, envp.data());
-    posix_spawnattr_destroy(&attr);
+    // Like any application the desktop opens: detached, holding nothing of the agent's.
+    const pid_t pid = DetachedSpawn::spawn(program.constData(), argv, envp.data(), false, true);
+    const int rc = pid < 0 ? errno : 0;
     if (rc != 0) {
         report(QStringLiteral("cannot start %1: %2").arg(executable, QString::fromLocal8Bit(std::strerror(rc))));
         return false;

@@ -2,8 +2,10 @@
 
 // Starting a program the way the desktop starts applications: no shell, in a session of its
 // own, with an empty signal mask and every signal at its default disposition, standard
-// input from /dev/null. Header-only and free of Qt so the relaunch tool, which must run
-// from a copy with no libraries beside it, uses the same code as the pane.
+// input from /dev/null; with discardOutput standard output and error go there too, so an
+// application lives on without holding its starter's terminal or pipe. No other descriptor
+// is inherited. Header-only, so the relaunch tool, which runs from a copy with none of our
+// libraries beside it, uses the same code as the pane and the login-items agent.
 
 #include <cerrno>
 #include <csignal>
@@ -17,7 +19,8 @@ namespace DetachedSpawn {
 
 // Returns the child's pid, or -1 with errno set. argv and envp end with a null pointer;
 // with searchPath the program is looked up in $PATH as a shell would, without one.
-inline pid_t spawn(const char *program, char *const argv[], char *const envp[], bool searchPath = false)
+inline pid_t spawn(const char *program, char *const argv[], char *const envp[], bool searchPath = false,
+                   bool discardOutput = false)
 {
     posix_spawnattr_t attr;
     posix_spawn_file_actions_t actions;
@@ -35,6 +38,13 @@ inline pid_t spawn(const char *program, char *const argv[], char *const envp[], 
     posix_spawnattr_setsigdefault(&attr, &all);
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (discardOutput) {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+    }
+    // Nothing else of ours reaches the child: a descriptor its starter left open (the write end
+    // of a pipe someone reads to its end) would stay open for as long as the child runs.
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
 
     pid_t pid = -1;
     const int rc = searchPath ? posix_spawnp(&pid, program, &actions, &attr, argv, envp)

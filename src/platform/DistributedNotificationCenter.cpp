@@ -1,4 +1,5 @@
 #include "platform/DistributedNotificationCenter.h"
+#include "platform/PlatformLog.h"
 
 #include <QDBusArgument>
 #include <QDBusConnection>
@@ -105,7 +106,7 @@ void DistributedNotificationCenter::warnNoBusOnce(const QString &name)
     if (m_warned)
         return;
     m_warned = true;
-    qWarning("vantor: no D-Bus session bus (%s); notifications such as \"%s\" are not delivered",
+    qCWarning(lcPlatform, "no D-Bus session bus (%s); notifications such as \"%s\" are not delivered",
              qPrintable(QDBusConnection::sessionBus().lastError().message()), qPrintable(name));
 }
 
@@ -120,7 +121,7 @@ void DistributedNotificationCenter::postNotificationName(const QString &name, co
                                                      QLatin1String(kMember));
     signal << name << userInfo;
     if (!bus.send(signal))
-        qWarning("vantor: could not post \"%s\": %s", qPrintable(name), qPrintable(bus.lastError().message()));
+        qCWarning(lcPlatform, "could not post \"%s\": %s", qPrintable(name), qPrintable(bus.lastError().message()));
 }
 
 void DistributedNotificationCenter::addObserver(QObject *observer, const QString &name, Handler handler)
@@ -143,7 +144,7 @@ void DistributedNotificationCenter::addObserver(QObject *observer, const QString
                     SLOT(deliver(QString, QVariantMap))))
         m_subscribedNames.append(name);
     else
-        qWarning("vantor: could not subscribe to \"%s\": %s", qPrintable(name),
+        qCWarning(lcPlatform, "could not subscribe to \"%s\": %s", qPrintable(name),
                  qPrintable(bus.lastError().message()));
 }
 

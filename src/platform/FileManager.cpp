@@ -111,6 +111,23 @@ std::optional<QString> FileManager::stringWithFileSystemRepresentation(const QBy
     return string;
 }
 
+bool FileManager::createDirectoryAtPath(const QString &path, unsigned mode, QString *error)
+{
+    if (::mkdir(QFile::encodeName(path).constData(), mode_t(mode)) == 0)
+        return true;
+    if (error)
+        *error = QString::fromLocal8Bit(std::strerror(errno));
+    return false;
+}
+
+std::optional<unsigned> FileManager::posixPermissionsOfItemAtPath(const QString &path)
+{
+    struct stat st = {};
+    if (path.isEmpty() || ::lstat(QFile::encodeName(path).constData(), &st) != 0)
+        return std::nullopt;
+    return unsigned(st.st_mode & 07777);
+}
+
 bool FileManager::copyItemAtPath(const QString &source, const QString &destination, QString *error)
 {
     QFile file(source);

@@ -33,6 +33,12 @@ public:
     // The path as a string when its bytes are valid UTF-8; nullopt otherwise, since such a
     // path cannot be sent or stored unchanged.
     static std::optional<QString> stringWithFileSystemRepresentation(const QByteArray &path);
+    // Makes one folder with mode (no intermediate folders); false with *error set when it
+    // cannot.
+    static bool createDirectoryAtPath(const QString &path, unsigned mode, QString *error = nullptr);
+    // The item's own permission bits (a link describes itself, not its target); nullopt when
+    // it cannot be read.
+    static std::optional<unsigned> posixPermissionsOfItemAtPath(const QString &path);
     // Copies a file with its permissions; fails, changing nothing, when destination exists.
     static bool copyItemAtPath(const QString &source, const QString &destination, QString *error = nullptr);
     // Removes a file, or a folder with everything in it; a link is removed, never followed.

@@ -1,4 +1,5 @@
 #include "platform/LinuxWorkspace.h"
+#include "platform/PlatformLog.h"
 
 #include "platform/PropertyList.h"
 #include "platform/RunningApplication.h"
@@ -8,6 +9,7 @@
 #include <QDBusConnectionInterface>
 #include <QDBusReply>
 #include <QDBusServiceWatcher>
+#include <QDir>
 
 LinuxWorkspace::LinuxWorkspace() = default;
 
@@ -21,7 +23,8 @@ RunningApplication *LinuxWorkspace::launchApplicationAtURL(const QUrl &url, Laun
     };
     if (!url.isLocalFile())
         return fail(QStringLiteral("%1 is not a file URL").arg(url.toString()));
-    const QString path = url.toLocalFile();
+    // A directory URL ends in '/': cleaned, so the executable's path has no doubled slash.
+    const QString path = QDir::cleanPath(url.toLocalFile());
     const std::optional<QVariant> info = PropertyList::readFile(path + QStringLiteral("/Contents/Info.plist"));
     if (!info || info->typeId() != QMetaType::QVariantMap)
         return fail(QStringLiteral("%1 has no readable Contents/Info.plist").arg(path));
@@ -39,7 +42,10 @@ RunningApplication *LinuxWorkspace::launchApplicationAtURL(const QUrl &url, Laun
     }
 
     QString spawnError;
-    Task *task = Task::launchedTaskWithLaunchPath(path + QStringLiteral("/Contents/MacOS/") + executable, {}, &spawnError);
+    // An application keeps no hold on its starter's output: a helper started by a host whose
+    // output is a pipe would keep that pipe open for as long as it runs.
+    Task *task = Task::launchedTaskWithLaunchPath(path + QStringLiteral("/Contents/MacOS/") + executable, {},
+                                                  &spawnError, false, {}, Task::DiscardOutput);
     if (!task)
         return fail(spawnError);
     RunningApplication *app = track(identifier, task->processIdentifier(), {});
@@ -80,7 +86,7 @@ bool LinuxWorkspace::openURL(const QUrl &url)
 {
     QString error;
     if (!Task::launchedTaskWithLaunchPath(QStringLiteral("xdg-open"), {url.toString(QUrl::FullyEncoded)}, &error, true)) {
-        qWarning("vantor: cannot open %s: %s", qPrintable(url.toString()), qPrintable(error));
+        qCWarning(lcPlatform, "cannot open %s: %s", qPrintable(url.toString()), qPrintable(error));
         return false;
     }
     return true;
@@ -134,5 +140,5 @@ void LinuxWorkspace::warnNoBusOnce()
     if (m_warned)
         return;
     m_warned = true;
-    qWarning("vantor: no D-Bus session bus; running applications cannot be found");
+    qCWarning(lcPlatform, "no D-Bus session bus; running applications cannot be found");
 }

@@ -1,4 +1,5 @@
 #include "platform/PreferencesDomain.h"
+#include "platform/PlatformLog.h"
 
 #include "platform/PropertyList.h"
 
@@ -54,7 +55,7 @@ QVariant PreferencesDomain::copyValue(const QString &key) const
     bool ok = true;
     const QVariantMap values = read(&ok);
     if (!ok)
-        qWarning("vantor: %s is not a property-list dictionary; its settings are ignored", qPrintable(filePath()));
+        qCWarning(lcPlatform, "%s is not a property-list dictionary; its settings are ignored", qPrintable(filePath()));
     return values.value(key);
 }
 
@@ -70,7 +71,7 @@ bool PreferencesDomain::synchronize()
     bool ok = true;
     QVariantMap values = read(&ok);
     if (!ok) {
-        qWarning("vantor: %s is not a property-list dictionary; left unchanged", qPrintable(filePath()));
+        qCWarning(lcPlatform, "%s is not a property-list dictionary; left unchanged", qPrintable(filePath()));
         m_pending.clear();
         return false;
     }
@@ -88,14 +89,14 @@ bool PreferencesDomain::synchronize()
     const QByteArray dir = QFile::encodeName(directory());
     if (!QFileInfo::exists(directory())) {
         if (!QDir().mkpath(directory())) {
-            qWarning("vantor: cannot create %s: %s", dir.constData(), std::strerror(errno));
+            qCWarning(lcPlatform, "cannot create %s: %s", dir.constData(), std::strerror(errno));
             return false;
         }
         ::chmod(dir.constData(), 0700);
     }
     QString error;
     if (!PropertyList::writeFile(filePath(), values, &error)) {
-        qWarning("vantor: cannot write %s: %s", qPrintable(filePath()), qPrintable(error));
+        qCWarning(lcPlatform, "cannot write %s: %s", qPrintable(filePath()), qPrintable(error));
         return false;
     }
     return true;

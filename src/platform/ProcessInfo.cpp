@@ -1,6 +1,9 @@
 #include "platform/ProcessInfo.h"
+#include "platform/PlatformLog.h"
 
 #include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
 #include <QSocketNotifier>
 
 #include <cerrno>
@@ -36,6 +39,23 @@ int ProcessInfo::processIdentifier() const
     return int(::getpid());
 }
 
+QString ProcessInfo::executablePath() const
+{
+    return QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget();
+}
+
+QByteArray ProcessInfo::argumentsData() const
+{
+    // procfs reports no size, so the file is read to its end.
+    QFile cmdline(QStringLiteral("/proc/self/cmdline"));
+    return cmdline.open(QIODevice::ReadOnly) ? cmdline.readAll() : QByteArray();
+}
+
+void ProcessInfo::ignoreBrokenPipes()
+{
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
 void ProcessInfo::disableSuddenTermination()
 {
     ++m_disableCount;
@@ -54,7 +74,7 @@ void ProcessInfo::installTerminationHandler()
     if (m_notifier || !QCoreApplication::instance())
         return;
     if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        qWarning("vantor: cannot create the signal pipe; SIGTERM will end the process at once");
+        qCWarning(lcPlatform, "cannot create the signal pipe; SIGTERM will end the process at once");
         return;
     }
     m_notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, this);

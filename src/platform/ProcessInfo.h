@@ -16,6 +16,10 @@ public:
     static ProcessInfo *processInfo();
 
     int processIdentifier() const;
+    // The running executable's path, as the kernel knows it; empty when it cannot be read.
+    QString executablePath() const;
+    // This process's arguments as the kernel holds them: each ends with a NUL byte.
+    QByteArray argumentsData() const;
 
     void disableSuddenTermination();
     void enableSuddenTermination();
@@ -25,6 +29,9 @@ public:
     // thread, so blocking the signals in one thread would not be enough). Needs a
     // QCoreApplication; safe to call more than once.
     void installTerminationHandler();
+
+    // Writing to a pipe whose reader has gone fails instead of ending the process.
+    static void ignoreBrokenPipes();
 
     bool terminationPending() const { return m_terminationPending; }
 

@@ -1,4 +1,5 @@
 #include "platform/ProcessWatcher.h"
+#include "platform/PlatformLog.h"
 
 #include "platform/DetachedSpawn.h"
 
@@ -21,7 +22,7 @@ ProcessWatcher::ProcessWatcher(pid_t pid, QObject *parent)
         return;
     }
     // Kernels without pidfd (before 5.3): look once a second.
-    qWarning("vantor: cannot watch process %d with a pidfd (%s); polling instead", int(pid), strerror(errno));
+    qCWarning(lcPlatform, "cannot watch process %d with a pidfd (%s); polling instead", int(pid), strerror(errno));
     m_poll = new QTimer(this);
     connect(m_poll, &QTimer::timeout, this, &ProcessWatcher::check);
     m_poll->start(1000);

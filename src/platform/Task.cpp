@@ -26,7 +26,7 @@ Task::Task(pid_t pid)
 }
 
 Task *Task::launchedTaskWithLaunchPath(const QString &launchPath, const QStringList &arguments, QString *error,
-                                       bool searchPath, const QList<QByteArray> &extraEnvironment)
+                                       bool searchPath, const QList<QByteArray> &extraEnvironment, Output output)
 {
     QList<QByteArray> args{QFile::encodeName(launchPath)};
     for (const QString &a : arguments)
@@ -45,7 +45,8 @@ Task *Task::launchedTaskWithLaunchPath(const QString &launchPath, const QStringL
             envp.push_back(e.data());
         envp.push_back(nullptr);
     }
-    const pid_t pid = DetachedSpawn::spawn(argv[0], argv.data(), extra.isEmpty() ? environ : envp.data(), searchPath);
+    const pid_t pid = DetachedSpawn::spawn(argv[0], argv.data(), extra.isEmpty() ? environ : envp.data(), searchPath,
+                                           output == DiscardOutput);
     if (pid < 0) {
         if (error)
             *error = QStringLiteral("cannot start %1: %2").arg(launchPath, QString::fromLocal8Bit(std::strerror(errno)));

@@ -1,4 +1,5 @@
 #include "prefpane/SheetSession.h"
+#include "prefpane/PaneLog.h"
 
 #include <QCloseEvent>
 #include <QWidget>
@@ -20,7 +21,7 @@ bool SheetSession::beginSheet(QWidget *sheet, QWidget *window, DidEnd didEnd)
     if (!sheet || !window)
         return false;
     if (attachedSheet(window)) {
-        qWarning("vantor: a sheet is already shown on this window; %s is not shown",
+        qCWarning(lcPane, "a sheet is already shown on this window; %s is not shown",
                  qPrintable(sheet->objectName()));
         return false;
     }

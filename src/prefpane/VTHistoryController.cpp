@@ -3,6 +3,7 @@
 #include "gui/Alerts.h"
 #include "prefpane/ArrayController.h"
 #include "common/BDAlias.h"
+#include "common/FolderRequest.h"
 #include "platform/Bundle.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "prefpane/HistoryArrayModel.h"
@@ -207,14 +208,7 @@ void VTHistoryController::verifyAliases()
 void VTHistoryController::addFolders(const QStringList &paths)
 {
     QStringList folders = paths;
-    bool filtered = false;
-    for (const QString &path : paths) {
-        // Only the prefix as given decides; links are not resolved.
-        if (path.startsWith(QLatin1String(kVolumesPrefix))) {
-            folders.removeAll(path);
-            filtered = true;
-        }
-    }
+    const bool filtered = FolderRequest::removeOtherVolumes(&folders);
     if (!folders.isEmpty()) {
         DistributedNotificationCenter::defaultCenter()->postNotificationName(
             QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), folders}});
@@ -245,9 +239,7 @@ void VTHistoryController::warnAboutRemovedFolders()
 {
     Alerts::shared()->beginSheet(
         QApplication::activeWindow(),
-        {QStringLiteral("Filtered out folders"),
-         QStringLiteral("Some of the folders you tried to add, were located in volumes different than main, and "
-                        "were removed."),
+        {QStringLiteral("Filtered out folders"), FolderRequest::otherVolumesMessage(),
          {QStringLiteral("OK")}},
         [this](int returnCode) { alertDidEnd(nullptr, returnCode, nullptr); });
 }

@@ -36,7 +36,6 @@ class VTHistoryController : public QObject, public QFTableViewDelegate
 
 public:
     static constexpr const char *kPaneBundleIdentifier = "com.quillfen.Vantor";
-    static constexpr const char *kVolumesPrefix = "/Volumes/";
 
     static VTHistoryController *sharedHistoryController();
     // The first call makes the shared instance; every later call returns null.

@@ -2,20 +2,24 @@
 
 #include "platform/Bundle.h"
 #include "platform/DistributedNotificationCenter.h"
+#include "common/HelperLauncher.h"
+#include "common/HelperLoginItem.h"
 #include "common/Notifications.h"
 #include "gui/PreferencePaneHost.h"
 #include "prefpane/QFTableView.h"
 #include "common/VTDefaultsController.h"
 #include "prefpane/VTHistoryController.h"
 #include "common/VTPreferenceCommunicator.h"
-#include "platform/Workspace.h"
 #include "ui_VantorPref.h"
 
 #include <QIcon>
+#include <QPixmap>
 
 VantorPref::VantorPref(QObject *parent)
     : PreferencePane(parent)
+    , m_loginItem(new HelperLoginItem(this))
 {
+    connect(m_loginItem, &HelperLoginItem::changed, this, &VantorPref::autorunAtLoginChanged, Qt::DirectConnection);
 }
 
 VantorPref::~VantorPref() = default;
@@ -49,8 +53,10 @@ void VantorPref::styleMainView()
 {
     if (bundle()) {
         const QString icon = bundle()->pathForResource(QStringLiteral("vantor"), QStringLiteral("png"));
+        // Read as the PNG it is: left to guess, the reader loads every image-format plugin
+        // to ask it, which slowed the first frame.
         if (!icon.isEmpty())
-            iconButton->setIcon(QIcon(icon));
+            iconButton->setIcon(QIcon(QPixmap(icon, "PNG")));
     }
     QFont title = m_ui->titleLabel->font();
     title.setPointSizeF(title.pointSizeF() * 1.6);
@@ -79,6 +85,8 @@ void VantorPref::styleMainView()
 void VantorPref::mainViewDidLoad()
 {
     versionNumberTextField->setText(bundleVersion());
+    // A label with a name of its own is read by that name alone: the name carries the value.
+    versionNumberTextField->setAccessibleName(QStringLiteral("Version %1").arg(bundleVersion()));
 
     // Made now so that both exist before anything else uses them.
     VTDefaultsController::create();
@@ -132,7 +140,7 @@ void VantorPref::didSelect()
 {
     if (host())
         host()->activateIgnoringOtherApps(false);
-    if (Workspace::shared()->runningApplicationsWithBundleIdentifier(QStringLiteral("com.quillfen.VantorHelper")).isEmpty())
+    if (!HelperLauncher::isRunning())
         launchHelper();
     VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
     setActiveButton(store->helperActive(), false);

@@ -14,6 +14,7 @@
 class BubbleLayer;
 class QAbstractAnimation;
 class FolderChooser;
+class HelperLoginItem;
 class QMimeData;
 class QVariantAnimation;
 class QLabel;
@@ -70,7 +71,7 @@ public:
     bool tableViewAcceptDrop(QFTableView *tableView, const QDropEvent *info, int row,
                              QFTableViewDataSource::DropOperation dropOperation) override;
 
-    // The helper's entry in the login-item list (VantorPrefLoginItem.cpp).
+    // The helper's entry in the login-item list (VantorPrefLoginItem.cpp, kept by HelperLoginItem).
     bool autorunAtLogin() const;
     void setAutorunAtLogin(bool autorun);
     void regenerateAutologinItem();
@@ -126,4 +127,5 @@ private:
 
     std::unique_ptr<Ui::VantorPref> m_ui;
     QPointer<QWidget> m_iconLayer;
+    HelperLoginItem *m_loginItem;
 };

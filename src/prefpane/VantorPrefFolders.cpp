@@ -1,6 +1,8 @@
 // VantorPref: editing the folder list with the chooser, the remove button and drops.
 #include "prefpane/VantorPref.h"
+#include "prefpane/PaneLog.h"
 
+#include "common/FolderRequest.h"
 #include "platform/FileManager.h"
 #include "gui/FolderChooser.h"
 #include "prefpane/QFTableView.h"
@@ -16,26 +18,10 @@ namespace {
 
 constexpr const char *kFilenamesType = "text/uri-list";
 
-// Such a path could not be sent to the helper or stored unchanged.
 void refuseUndecodablePaths(const QList<QByteArray> &paths)
 {
-    for (const QByteArray &path : paths) {
-        qWarning("Vantor cannot keep the folder %s compressed: its path is not valid UTF-8",
-                 path.toPercentEncoding("/").constData());
-    }
-}
-
-// Keeps the paths that are valid UTF-8; the others go to undecodable.
-QStringList decodablePaths(const QList<QByteArray> &paths, QList<QByteArray> *undecodable)
-{
-    QStringList strings;
-    for (const QByteArray &path : paths) {
-        if (const std::optional<QString> string = FileManager::stringWithFileSystemRepresentation(path))
-            strings.append(*string);
-        else if (undecodable)
-            undecodable->append(path);
-    }
-    return strings;
+    for (const QByteArray &path : paths)
+        qCWarning(lcPane, "%s", qPrintable(FolderRequest::undecodableMessage(path)));
 }
 
 } // namespace
@@ -64,7 +50,7 @@ void VantorPref::addFolderPanelDidEnd(FolderChooser *panel, int returnCode, void
         return;
     // Passed on as chosen: duplicates are the helper's business.
     QList<QByteArray> undecodable;
-    const QStringList folders = decodablePaths(panel->filenames(), &undecodable);
+    const QStringList folders = FolderRequest::decodablePaths(panel->filenames(), &undecodable);
     refuseUndecodablePaths(undecodable);
     if (!folders.isEmpty())
         VTHistoryController::sharedHistoryController()->addFolders(folders);
@@ -88,13 +74,7 @@ std::optional<QStringList> VantorPref::foldersInPasteboard(const QMimeData *past
     }
     if (paths.isEmpty())
         return std::nullopt;
-    QList<QByteArray> directories;
-    for (const QByteArray &path : paths) {
-        bool isDirectory = false;
-        if (FileManager::fileExistsAtFileSystemRepresentation(path, &isDirectory) && isDirectory)
-            directories.append(path);
-    }
-    return decodablePaths(directories, undecodable);
+    return FolderRequest::decodablePaths(FolderRequest::existingDirectories(paths), undecodable);
 }
 
 Qt::DropAction VantorPref::tableViewValidateDrop(QFTableView *tableView, const QDropEvent *info, int,

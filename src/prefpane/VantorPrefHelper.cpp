@@ -1,33 +1,23 @@
 // VantorPref: helper process control (launching, the on/off switch, updates, relaunch).
 
 #include "prefpane/VantorPref.h"
+#include "prefpane/PaneLog.h"
 
+#include "common/HelperLauncher.h"
+#include "common/VTDefaultsController.h"
+#include "common/VTPreferenceCommunicator.h"
 #include "gui/Alerts.h"
-#include "platform/Bundle.h"
-#include "prefpane/CocoaGeometry.h"
-#include "platform/FileManager.h"
 #include "gui/PreferencePaneHost.h"
+#include "platform/FileManager.h"
 #include "platform/ProcessInfo.h"
 #include "platform/RunningApplication.h"
 #include "platform/Task.h"
-#include "common/VTDefaultsController.h"
-#include "common/VTPreferenceCommunicator.h"
-#include "platform/Workspace.h"
+#include "prefpane/CocoaGeometry.h"
 
-#include <QFile>
-#include <QFileInfo>
 #include <QPropertyAnimation>
 #include <QPushButton>
-#include <QUrl>
-
-#include <sys/stat.h>
 
 namespace {
-
-const QString kHelperIdentifier = QStringLiteral("com.quillfen.VantorHelper");
-constexpr unsigned kHelperPermissions = 0755; // compared for equality
-const QString kHelperExecutable = QStringLiteral("/Contents/MacOS/VantorHelper");
-const QString kRelaunchTool = QStringLiteral("/Contents/Frameworks/Sparkle.framework/Resources/relaunch");
 
 // The switch's frame: x by position (off, on), fixed y and size, in y-up coordinates.
 constexpr int kSwitchX[2] = {89, 142};
@@ -38,44 +28,22 @@ constexpr int kSwitchHeight = 25;
 // The permissions sheet is shown once per run of the host, however often the helper is launched.
 bool g_warnedOnHelperPermissions = false;
 
-QString helperApplicationPath(const Bundle *bundle)
-{
-    return bundle ? bundle->pathForResource(QStringLiteral("VantorHelper"), QStringLiteral("app")) : QString();
-}
-
-// The item's own permission bits (a link describes itself, not its target); nullopt when
-// it cannot be read.
-std::optional<unsigned> posixPermissions(const QString &path)
-{
-    struct stat st = {};
-    if (path.isEmpty() || ::lstat(QFile::encodeName(path).constData(), &st) != 0)
-        return std::nullopt;
-    return unsigned(st.st_mode & 07777);
-}
-
-bool helperIsRunning()
-{
-    return !Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperIdentifier).isEmpty();
-}
-
 } // namespace
 
 void VantorPref::launchHelper()
 {
-    const QString helperPath = helperApplicationPath(bundle());
-    QString error;
+    const HelperLauncher launcher(bundle());
 
     // Runs before the existence test: a missing helper is a wrong one too.
-    if (posixPermissions(helperPath + kHelperExecutable) != kHelperPermissions)
+    if (!launcher.hasExpectedPermissions())
         warnOnWrongHelperPermissions();
 
-    if (helperPath.isEmpty())
+    const std::optional<HelperLauncher::Launch> launch = launcher.launch();
+    if (!launch)
         return;
-
-    RunningApplication *app =
-        Workspace::shared()->launchApplicationAtURL(QUrl::fromLocalFile(helperPath + u'/'), Workspace::LaunchAsync, &error);
-    qInfo("Helper launch error: %s", error.isEmpty() ? "(null)" : qPrintable(error));
-    qInfo("running app is %s", qPrintable(RunningApplication::description(app)));
+    RunningApplication *app = launch->application;
+    qCInfo(lcPane, "Helper launch error: %s", launch->error.isEmpty() ? "(null)" : qPrintable(launch->error));
+    qCInfo(lcPane, "running app is %s", qPrintable(RunningApplication::description(app)));
 
     // Observed with no context, so the pane takes no action when the helper ends.
     if (app) {
@@ -100,7 +68,7 @@ void VantorPref::warnOnWrongHelperPermissions()
 
 void VantorPref::toggleActive(QObject *sender)
 {
-    if (!helperIsRunning())
+    if (!HelperLauncher::isRunning())
         launchHelper();
 
     // The host must not be killed between storing the setting and telling the helper.
@@ -137,11 +105,11 @@ void VantorPref::checkForUpdates(QObject *)
 
 void VantorPref::relaunchSystemPreferences()
 {
-    const QString source = helperApplicationPath(bundle()) + kRelaunchTool;
+    const QString source = HelperLauncher(bundle()).relaunchToolPath();
     // Never a shared folder: what stands there is executed.
     const QString temporary = FileManager::temporaryDirectory();
     if (temporary.isEmpty()) {
-        qWarning("vantor: no private temporary folder; the host will not be started again");
+        qCWarning(lcPane, "no private temporary folder; the host will not be started again");
         return;
     }
     const QString destination = temporary + QStringLiteral("relaunch");
@@ -151,12 +119,12 @@ void VantorPref::relaunchSystemPreferences()
 
     // The host itself, not the pane: its executable, and this process. Its arguments travel
     // with the tool, which may only get to look at this process after it has gone.
-    const QString hostPath = QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget();
-    QFile cmdline(QStringLiteral("/proc/self/cmdline"));
-    const QByteArray hostArguments = cmdline.open(QIODevice::ReadOnly) ? cmdline.readAll() : QByteArray();
+    ProcessInfo *self = ProcessInfo::processInfo();
+    const QString hostPath = self->executablePath();
+    const QByteArray hostArguments = self->argumentsData();
     QString error;
     if (!Task::launchedTaskWithLaunchPath(destination,
-                                          {hostPath, QString::asprintf("%d", ProcessInfo::processInfo()->processIdentifier())},
+                                          {hostPath, QString::asprintf("%d", self->processIdentifier())},
                                           &error, false, {"VANTOR_RELAUNCH_ARGUMENTS=" + hostArguments.toHex()}))
-        qWarning("vantor: %s", qPrintable(error));
+        qCWarning(lcPane, "%s", qPrintable(error));
 }

@@ -54,6 +54,7 @@ void VantorPref::setUpHistoryController()
     history->awakeFromNib(foldersTableView);
     layOutFoldersTable(foldersTableView);
 
+    // No accessible name of its own: a screen reader reads the text, figure included.
     QLabel *total = m_ui->totalSavingsTextField;
     auto showTotal = [total, history] {
         total->setText(QStringLiteral("Total saved: %1")

@@ -1,6 +1,7 @@
 // VantorPref: uninstalling the product, restarting the host, the sheets and the help page.
 
 #include "prefpane/VantorPref.h"
+#include "prefpane/PaneLog.h"
 
 #include "platform/Bundle.h"
 #include "platform/FileManager.h"
@@ -37,9 +38,10 @@ void VantorPref::loadSheets(QWidget *owner)
     connect(restartUi.restartButton, &QPushButton::clicked, this,
             [this, button = restartUi.restartButton] { restart(button); });
 
-    const QString icon = bundle() ? bundle()->pathForResource(QStringLiteral("vantor"), QStringLiteral("png")) : QString();
-    if (!icon.isEmpty()) {
-        const QPixmap picture = QIcon(icon).pixmap(64, 64);
+    // The icon the main view has read already: decoding the file a second time slowed the
+    // first frame. Taken now, since the restart sheet shows once the bundle is gone.
+    if (const QIcon icon = iconButton->icon(); !icon.isNull()) {
+        const QPixmap picture = icon.pixmap(64, 64);
         uninstallUi.uninstallIcon->setPixmap(picture);
         restartUi.restartIcon->setPixmap(picture);
     }
@@ -72,7 +74,7 @@ void VantorPref::removeOwnFiles()
     // Loaded code keeps running without its files; a failure leaves the bundle and goes on.
     QString error;
     if (bundle() && !FileManager::removeItemAtPath(bundle()->bundlePath(), &error))
-        qWarning("vantor: %s", qPrintable(error));
+        qCWarning(lcPane, "%s", qPrintable(error));
 }
 
 void VantorPref::restart(QObject *sender)

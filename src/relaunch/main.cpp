@@ -6,6 +6,8 @@
 
 #include "platform/DetachedSpawn.h"
 
+#include <QLoggingCategory>
+
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -22,6 +24,8 @@
 extern char **environ;
 
 namespace {
+
+Q_LOGGING_CATEGORY(lcRelaunch, "vantor.relaunch", QtInfoMsg)
 
 void splitAtNul(const std::string &all, std::vector<std::string> *items)
 {
@@ -109,19 +113,19 @@ int main(int argc, char *argv[])
     errno = 0;
     const long pidValue = std::strtol(argv[2], &end, 10);
     if (errno != 0 || end == argv[2] || *end != '\0' || pidValue <= 0 || pidValue > INT_MAX) {
-        std::fprintf(stderr, "relaunch: not a process id: %s\n", argv[2]);
+        qCWarning(lcRelaunch, "not a process id: %s", argv[2]);
         return 2;
     }
     const pid_t pid = pid_t(pidValue);
     if (::access(application.c_str(), X_OK) != 0) {
-        std::fprintf(stderr, "relaunch: cannot run %s: %s\n", application.c_str(), std::strerror(errno));
+        qCWarning(lcRelaunch, "cannot run %s: %s", application.c_str(), std::strerror(errno));
         return 1;
     }
 
     // The pidfd pins the process, so what /proc says below is about it, not a successor.
     const int pidfd = DetachedSpawn::pidfdOpen(pid);
     if (pidfd < 0 && errno != ESRCH) {
-        std::fprintf(stderr, "relaunch: cannot watch process %d: %s\n", int(pid), std::strerror(errno));
+        qCWarning(lcRelaunch, "cannot watch process %d: %s", int(pid), std::strerror(errno));
         return 1;
     }
 
@@ -156,7 +160,7 @@ int main(int argc, char *argv[])
     std::vector<char *> args = pointers(arguments);
     std::vector<char *> env = pointers(environment);
     if (!workingFolder.empty() && ::chdir(workingFolder.c_str()) != 0)
-        std::fprintf(stderr, "relaunch: cannot enter %s: %s\n", workingFolder.c_str(), std::strerror(errno));
+        qCWarning(lcRelaunch, "cannot enter %s: %s", workingFolder.c_str(), std::strerror(errno));
 
     // The application is started detached: it must not share the ended process's output,
     // often a pipe whose reader went away with it, where its first log line would end it
@@ -173,7 +177,7 @@ int main(int argc, char *argv[])
     if (savedError >= 0)
         ::dup2(savedError, STDERR_FILENO);
     if (!started) {
-        std::fprintf(stderr, "relaunch: cannot start %s: %s\n", application.c_str(), std::strerror(spawnError));
+        qCWarning(lcRelaunch, "cannot start %s: %s", application.c_str(), std::strerror(spawnError));
         return 1;
     }
     return 0;

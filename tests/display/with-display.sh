@@ -6,7 +6,9 @@ set -euo pipefail
 work=$(mktemp -d)
 trap 'kill "$server" 2>/dev/null || true; wait "$server" 2>/dev/null || true; rm -rf "$work"' EXIT
 
-Xvfb -displayfd 3 -screen 0 1024x600x24 -nolisten tcp 3>"$work/display" 2>"$work/server.log" &
+# -noreset: by default the server resets whenever its last client leaves, and refuses the
+# next one while it does (a probe, the accessibility registry and the program come in turns).
+Xvfb -displayfd 3 -screen 0 1024x600x24 -nolisten tcp -noreset 3>"$work/display" 2>"$work/server.log" &
 server=$!
 for _ in $(seq 100); do
     [ -s "$work/display" ] && break

@@ -2,6 +2,7 @@
 // button and comes back without the pane.
 
 #include "platform/DistributedNotificationCenter.h"
+#include "common/HelperIdentity.h"
 #include "NotificationRecorder.h"
 #include "common/Notifications.h"
 #include "platform/PreferencesDomain.h"
@@ -49,7 +50,7 @@ void TestUninstallHost::uninstallThenRestart()
     QVERIFY2(install.exitCode() == 0, install.readAllStandardError().constData());
     const QString host = prefix + QStringLiteral("/bin/vantor-preferences");
     const QString bundle = prefix + QStringLiteral("/lib/vantor/Vantor.prefPane");
-    const QString helper = bundle + QStringLiteral("/Contents/Resources/VantorHelper.app");
+    const QString helper = HelperIdentity::applicationPathInPane(bundle);
     QVERIFY(QFileInfo(host).isExecutable());
 
     // Another application's login item, and the helper's.
@@ -77,7 +78,7 @@ void TestUninstallHost::uninstallThenRestart()
     QVERIFY(first.waitForStarted());
     QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperEnableUpdates), 30000)); // start-up is done
     QTRY_VERIFY_WITH_TIMEOUT(QDBusConnection::sessionBus().interface()->isServiceRegistered(
-                                 QStringLiteral("com.quillfen.VantorHelper")).value(), 10000);
+                                 HelperIdentity::busName()).value(), 10000);
 
     first.write("click uninstallButton\n");
     QTRY_VERIFY(said(out, "driver: clicked uninstallButton"));
@@ -91,7 +92,7 @@ void TestUninstallHost::uninstallThenRestart()
     // The helper's login item is gone, the other stays; the helper is told to quit and does.
     QCOMPARE(loginWindow.copyValue(QStringLiteral("AutoLaunchedApplicationDictionary")).toList(), QVariantList{other});
     QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldQuit)));
-    QTRY_VERIFY(!QDBusConnection::sessionBus().interface()->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper")).value());
+    QTRY_VERIFY(!QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName()).value());
     QVERIFY(!QFileInfo::exists(bundle));
 
     // The relaunch tool waits for this host.

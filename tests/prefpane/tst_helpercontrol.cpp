@@ -2,6 +2,7 @@
 // permissions sheet appears, and what the switch stores, moves and posts.
 
 #include "platform/Bundle.h"
+#include "common/HelperIdentity.h"
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
 #include "common/Notifications.h"
@@ -59,7 +60,7 @@ QString TestHelperControl::makeBundle(unsigned mode)
     QFile::copy(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"),
                 path + QStringLiteral("/Contents/Info.plist"));
     if (mode) {
-        const QString exe = path + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/MacOS/VantorHelper");
+        const QString exe = HelperIdentity::executablePath(HelperIdentity::applicationPathInPane(path));
         TestEnvironment::writeFile(exe, "#!/bin/sh\n");
         ::chmod(QFile::encodeName(exe).constData(), mode);
     }
@@ -114,12 +115,11 @@ void TestHelperControl::permissionsSheetOncePerRun()
     QCOMPARE(m_alerts->sheets.size(), 0);
     QCOMPARE(m_workspace->launches.size(), 1);
     QCOMPARE(m_workspace->launches.first().toLocalFile(),
-             bundle + QStringLiteral("/Contents/Resources/VantorHelper.app/"));
+             HelperIdentity::applicationPathInPane(bundle) + u'/');
     QCOMPARE(m_workspace->launchOptions.first(), Workspace::LaunchOptions(Workspace::LaunchAsync));
 
     // Group write is wrong too: the test is equality.
-    ::chmod(QFile::encodeName(bundle + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/MacOS/VantorHelper"))
-                .constData(),
+    ::chmod(QFile::encodeName(HelperIdentity::executablePath(HelperIdentity::applicationPathInPane(bundle))).constData(),
             0775);
     m_pane->launchHelper();
     m_pane->launchHelper();
@@ -163,7 +163,7 @@ void TestHelperControl::toggleActive()
     QFETCH(bool, helperRunning);
     makePane(makeBundle(0755));
     if (helperRunning)
-        m_workspace->running.append(new RunningApplication(QStringLiteral("com.quillfen.VantorHelper"), 1, m_workspace.get()));
+        m_workspace->running.append(new RunningApplication(HelperIdentity::busName(), 1, m_workspace.get()));
     VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
     store->setHelperActive(wasActive);
     m_pane->toggleActiveButton->setChecked(wasActive);
@@ -210,7 +210,7 @@ void TestHelperControl::didSelectLaunchesOnlyWhenNoHelperRuns()
     QFETCH(bool, active);
     makePane(makeBundle(0755));
     if (helperRunning)
-        m_workspace->running.append(new RunningApplication(QStringLiteral("com.quillfen.VantorHelper"), 1, m_workspace.get()));
+        m_workspace->running.append(new RunningApplication(HelperIdentity::busName(), 1, m_workspace.get()));
     VTDefaultsController::sharedDefaultsController()->setHelperActive(active);
 
     m_pane->didSelect();

@@ -1,6 +1,7 @@
 // The pane with the real workspace and the real helper process on the test's own bus.
 
 #include "platform/Bundle.h"
+#include "common/HelperIdentity.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "NotificationRecorder.h"
 #include "common/Notifications.h"
@@ -25,7 +26,7 @@
 
 namespace {
 
-const QString kHelperName = QStringLiteral("com.quillfen.VantorHelper");
+const QString kHelperName = HelperIdentity::busName();
 
 QString helperExecutable()
 {
@@ -112,7 +113,7 @@ void TestHelperProcess::secondHelperLeavesTheFirst()
     QVERIFY(second.waitForFinished(5000));
     QCOMPARE(second.exitStatus(), QProcess::NormalExit);
     QCOMPARE(nameOwnerPid(), owner);
-    QVERIFY(helperLog(m_env).contains(QStringLiteral("another helper owns com.quillfen.VantorHelper")));
+    QVERIFY(helperLog(m_env).contains(QStringLiteral("another helper owns ") + kHelperName));
 }
 
 void TestHelperProcess::switchStoresBeforeNotifying()

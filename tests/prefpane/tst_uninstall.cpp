@@ -1,6 +1,7 @@
 // Uninstalling an installed copy of the pane with the real workspace, helper and relaunch tool.
 
 #include "platform/Bundle.h"
+#include "common/HelperIdentity.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "FakePaneHost.h"
 #include "platform/FileManager.h"
@@ -26,7 +27,7 @@
 
 namespace {
 
-const QString kHelperName = QStringLiteral("com.quillfen.VantorHelper");
+const QString kHelperName = HelperIdentity::busName();
 const QString kListKey = QStringLiteral("AutoLaunchedApplicationDictionary");
 
 QMap<int, QList<QByteArray>> processesRunning(const QString &executable)
@@ -83,7 +84,7 @@ private:
     QString installedBundle() const { return m_env.home() + QStringLiteral("/.local/lib/vantor/Vantor.prefPane"); }
     QString helperExecutable() const
     {
-        return installedBundle() + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/MacOS/VantorHelper");
+        return HelperIdentity::executablePath(HelperIdentity::applicationPathInPane(installedBundle()));
     }
     QString relaunchCopy() const { return FileManager::temporaryDirectory() + QStringLiteral("relaunch"); }
     QString loginList() const { return m_env.configHome() + QStringLiteral("/vantor/preferences/loginwindow.plist"); }
@@ -204,7 +205,7 @@ void TestUninstall::uninstallWithLoginItem()
     QVERIFY(!atLoginItem.toolCopied);
     QVERIFY(atLoginItem.helperRunning);
     QCOMPARE(PreferencesDomain(QStringLiteral("loginwindow")).copyValue(kListKey).toList(), QVariantList{other});
-    QVERIFY(!TestEnvironment::pythonPlist(loginList()).contains(QLatin1String("VantorHelper")));
+    QVERIFY(!TestEnvironment::pythonPlist(loginList()).contains(HelperIdentity::resourceName()));
     QVERIFY(TestEnvironment::pythonPlist(loginList()).contains(QLatin1String("Other.app")));
 
     // The relaunch tool runs from its copy and waits for this process, the host.

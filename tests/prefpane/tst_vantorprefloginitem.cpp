@@ -1,4 +1,5 @@
 #include "common/BDAlias.h"
+#include "common/HelperIdentity.h"
 #include "platform/Bundle.h"
 #include "platform/PreferencesDomain.h"
 #include "platform/PropertyList.h"
@@ -52,7 +53,7 @@ private:
             + QStringLiteral("/Vantor.prefPane");
         QDir().mkpath(root + QStringLiteral("/Contents/Resources"));
         if (withHelper)
-            QDir().mkpath(root + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/MacOS"));
+            QDir().mkpath(HelperIdentity::applicationPathInPane(root));
         auto p = std::make_unique<VantorPref>();
         p->initWithBundle(Bundle::bundleWithPath(root), nullptr);
         return p;
@@ -62,7 +63,7 @@ private Q_SLOTS:
     void init()
     {
         QFile::remove(listFile());
-        m_helper = m_env.root() + QStringLiteral("/with/Vantor.prefPane/Contents/Resources/VantorHelper.app");
+        m_helper = HelperIdentity::applicationPathInPane(m_env.root() + QStringLiteral("/with/Vantor.prefPane"));
     }
 
     void enableAppendsAfterOthers()

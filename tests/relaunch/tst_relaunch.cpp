@@ -1,6 +1,7 @@
 // The relaunch tool on its own, and the host coming back after an update.
 
 #include "platform/DistributedNotificationCenter.h"
+#include "common/HelperIdentity.h"
 #include "common/Notifications.h"
 #include "NotificationRecorder.h"
 #include "TestEnvironment.h"
@@ -23,8 +24,7 @@ namespace {
 
 QString relaunchTool()
 {
-    return TestEnvironment::paneBundle()
-        + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/Frameworks/Sparkle.framework/Resources/relaunch");
+    return HelperIdentity::relaunchToolPath(HelperIdentity::applicationPathInPane(TestEnvironment::paneBundle()));
 }
 
 QList<int> processesWithToken(const QByteArray &token, const QString &executable = {})
@@ -158,7 +158,7 @@ void TestRelaunch::hostComesBackAfterUpdate()
     host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--pane"), TestEnvironment::paneBundle()});
     QVERIFY(host.waitForStarted());
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-    QTRY_VERIFY_WITH_TIMEOUT(bus->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper")).value(), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(bus->isServiceRegistered(HelperIdentity::busName()).value(), 10000);
     // The host subscribes right after its last start-up post.
     QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperEnableUpdates), 20000));
     recorder.settle(500);
@@ -191,7 +191,7 @@ void TestRelaunch::hostComesBackAfterUpdate()
     };
     QTRY_VERIFY_WITH_TIMEOUT(endAll(), 10000);
     center->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
-    QTRY_VERIFY(!bus->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper")).value());
+    QTRY_VERIFY(!bus->isServiceRegistered(HelperIdentity::busName()).value());
 }
 
 QTEST_MAIN(TestRelaunch)

@@ -17,7 +17,7 @@
 namespace {
 
 const QString kCorruptAlert = QStringLiteral(
-    "vantor-preferences: alert: Vantor Database Error: Vantor database is corrupt, and recovery attempts did not "
+    "vantor.host: alert: Vantor Database Error: Vantor database is corrupt, and recovery attempts did not "
     "succeed.  A new empty database will be created now. Please note you will lose your configured folders and "
     "savings history.");
 constexpr qint64 kPage = 4096;
@@ -89,7 +89,7 @@ TestDamagedHistory::Run TestDamagedHistory::runHost(const QString &home, bool un
     Run run;
     run.exitCode = host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1;
     run.err = QString::fromUtf8(host.readAllStandardError());
-    run.alerts = run.err.split(u'\n').filter(QStringLiteral("vantor-preferences: alert: "));
+    run.alerts = run.err.split(u'\n').filter(QStringLiteral("vantor.host: alert: "));
     return run;
 }
 
@@ -188,8 +188,8 @@ void TestDamagedHistory::damagedStore()
         QVERIFY(!run.alerts.isEmpty() && run.alerts.size() % 3 == 0);
         for (qsizetype i = 0; i < run.alerts.size(); i += 3) {
             QCOMPARE(run.alerts.at(i), kCorruptAlert);
-            QVERIFY(run.alerts.at(i + 1).startsWith(QStringLiteral("vantor-preferences: alert: The history store ")));
-            QCOMPARE(run.alerts.at(i + 2), QStringLiteral("vantor-preferences: alert: Failed to initialize the store: "
+            QVERIFY(run.alerts.at(i + 1).startsWith(QStringLiteral("vantor.host: alert: The history store ")));
+            QCOMPARE(run.alerts.at(i + 2), QStringLiteral("vantor.host: alert: Failed to initialize the store: "
                                                           "There was an error building up the data file."));
         }
         QVERIFY(QFileInfo(path).isDir());

@@ -3,6 +3,7 @@
 // row, found again through the record's alias (also after a move), and removed again.
 
 #include "common/AliasResolver.h"
+#include "common/HelperIdentity.h"
 #include "prefpane/ArrayController.h"
 #include "common/BDAlias.h"
 #include "platform/Bundle.h"
@@ -104,7 +105,7 @@ void TestOddPaths::initTestCase()
     m_helper.start(TestEnvironment::helperExecutable(), {});
     QVERIFY(m_helper.waitForStarted());
     QTRY_VERIFY_WITH_TIMEOUT(
-        QDBusConnection::sessionBus().interface()->isServiceRegistered(QStringLiteral("com.quillfen.VantorHelper")),
+        QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName()),
         15000);
 }
 

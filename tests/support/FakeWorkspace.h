@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/Workspace.h"
+#include "common/HelperIdentity.h"
 
 #include <QObject>
 #include <QSet>
@@ -21,7 +22,7 @@ public:
     bool openURL(const QUrl &url) override;
 
     // The identifier a launch registers as running (one fake application per launch).
-    QString launchedIdentifier = QStringLiteral("com.quillfen.VantorHelper");
+    QString launchedIdentifier = HelperIdentity::bundleIdentifier();
     QList<QUrl> launches;
     QList<Workspace::LaunchOptions> launchOptions;
     QList<QUrl> openedURLs;

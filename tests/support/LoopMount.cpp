@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
+#include <QThread>
 
 #include <unistd.h>
 
@@ -16,8 +17,12 @@ LoopMount::LoopMount(const QString &dir, const QString &type, int megabytes)
 
 LoopMount::~LoopMount()
 {
-    if (m_mounted)
-        run(QStringLiteral("umount"), {m_mountPoint});
+    // A process that used the file system may take a moment to let go of it.
+    for (int attempt = 0; m_mounted && attempt < 50; ++attempt) {
+        m_mounted = !run(QStringLiteral("umount"), {m_mountPoint});
+        if (m_mounted)
+            QThread::msleep(100);
+    }
     QDir().rmdir(m_mountPoint);
     QFile::remove(m_image);
 }

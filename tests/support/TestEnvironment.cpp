@@ -1,4 +1,5 @@
 #include "TestEnvironment.h"
+#include "common/HelperIdentity.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -101,7 +102,7 @@ QMap<int, QList<QByteArray>> TestEnvironment::processesOnThisBus(const QString &
 
 QString TestEnvironment::helperExecutable()
 {
-    return paneBundle() + QStringLiteral("/Contents/Resources/VantorHelper.app/Contents/MacOS/VantorHelper");
+    return HelperIdentity::executablePath(HelperIdentity::applicationPathInPane(paneBundle()));
 }
 
 QString TestEnvironment::sqlite(const QString &database, const QString &sql)

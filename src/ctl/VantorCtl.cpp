@@ -1,0 +1,352 @@
+#include "ctl/VantorCtl.h"
+
+#include "common/FolderRequest.h"
+#include "common/HelperIdentity.h"
+#include "common/HelperLauncher.h"
+#include "common/HelperLoginItem.h"
+#include "common/Notifications.h"
+#include "common/VTDefaultsController.h"
+#include "common/VTPreferenceCommunicator.h"
+#include "common/VTUtil.h"
+#include "ctl/HistorySnapshot.h"
+#include "platform/Bundle.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "platform/FileManager.h"
+#include "platform/InstalledPane.h"
+#include "platform/ProcessInfo.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace {
+
+QString shown(const QByteArray &path)
+{
+    return FileManager::stringWithFileSystemRepresentation(path).value_or(
+        QString::fromLatin1(path.toPercentEncoding("/")));
+}
+
+// Byte counts stay integers in JSON; a sum past 2^63 is past any disk.
+QJsonValue byteCount(quint64 bytes)
+{
+    return QJsonValue(qint64(bytes));
+}
+
+} // namespace
+
+QString VantorCtl::usage()
+{
+    return QStringLiteral(
+        "Usage: vantorctl [--pane BUNDLE] COMMAND [ARGUMENTS]\n"
+        "\n"
+        "Commands:\n"
+        "  status [--json]    whether the helper runs, whether it is on, and the total saved\n"
+        "  list [--json]      each folder with its progress, savings and whether it still exists\n"
+        "  add PATH...        ask the helper to keep these folders compressed\n"
+        "  remove PATH...     ask the helper to stop watching these folders\n"
+        "  on                 switch the helper on (and start it at login)\n"
+        "  off                switch the helper off (and not at login)\n"
+        "\n"
+        "Options:\n"
+        "  --json             print one JSON document, byte counts as integers\n"
+        "  --pane BUNDLE      use this Vantor.prefPane instead of the installed one\n"
+        "  -h, --help         show this help\n"
+        "\n"
+        "Exit status: 0 done, 1 refused or failed (one line on stderr), 2 usage.\n");
+}
+
+int VantorCtl::run(const QList<QByteArray> &arguments)
+{
+    QList<QByteArray> args = arguments;
+    if (args.size() >= 2 && args.first() == "--pane") {
+        m_paneBundle = QFile::decodeName(args.at(1));
+        args.remove(0, 2);
+    }
+    // Only in the command's place: "--help" may well name a folder to add.
+    if (!args.isEmpty() && (args.first() == "-h" || args.first() == "--help")) {
+        print(usage());
+        return Done;
+    }
+    const auto usageError = [](const QString &why) {
+        std::fprintf(stderr, "vantorctl: %s\n%s", qPrintable(why), qPrintable(usage()));
+        return int(Usage);
+    };
+    if (args.isEmpty())
+        return usageError(QStringLiteral("no command given"));
+    const QByteArray command = args.takeFirst();
+    if (command == "status" || command == "list") {
+        const bool json = args == QList<QByteArray>{"--json"};
+        if (!json && !args.isEmpty())
+            return usageError(QStringLiteral("%1 takes only --json").arg(QString::fromUtf8(command)));
+        return command == "status" ? status(json) : list(json);
+    }
+    if (command == "add" || command == "remove") {
+        if (args.isEmpty())
+            return usageError(QStringLiteral("%1 needs at least one PATH").arg(QString::fromUtf8(command)));
+        return command == "add" ? add(args) : remove(args);
+    }
+    if (command == "on" || command == "off") {
+        if (!args.isEmpty())
+            return usageError(QStringLiteral("%1 takes no arguments").arg(QString::fromUtf8(command)));
+        return setActive(command == "on");
+    }
+    return usageError(QStringLiteral("unknown command \"%1\"").arg(shown(command)));
+}
+
+int VantorCtl::status(bool json)
+{
+    HistorySnapshot history;
+    if (!readHistory(&history))
+        return Failed;
+    const bool bus = DistributedNotificationCenter::defaultCenter()->isConnected();
+    const bool running = bus && HelperLauncher::isRunning();
+    const bool active = VTDefaultsController::sharedDefaultsController()->helperActive();
+    if (json) {
+        const QJsonObject document{{QStringLiteral("helperRunning"), bus ? QJsonValue(running) : QJsonValue()},
+                                   {QStringLiteral("active"), active},
+                                   {QStringLiteral("totalSavings"), byteCount(history.totalSavings())}};
+        print(QString::fromUtf8(QJsonDocument(document).toJson()));
+    } else {
+        print(QStringLiteral("Helper: %1\nActive: %2\nTotal saved: %3\n")
+                  .arg(bus ? (running ? QStringLiteral("running") : QStringLiteral("not running"))
+                           : QStringLiteral("unknown"),
+                       active ? QStringLiteral("on") : QStringLiteral("off"),
+                       VTUtil::getPrettySize(history.totalSavings())));
+    }
+    if (!bus) {
+        fail(QStringLiteral("no session bus: cannot tell whether the helper is running"));
+        return Failed;
+    }
+    return Done;
+}
+
+int VantorCtl::list(bool json)
+{
+    HistorySnapshot history;
+    if (!readHistory(&history))
+        return Failed;
+    QJsonArray folders;
+    QString text;
+    for (const HistoryRecord &record : history.listed()) {
+        const bool exists = FileManager::fileExists(record.folder);
+        folders.append(QJsonObject{{QStringLiteral("path"), record.folder},
+                                   {QStringLiteral("status"), qint64(record.status)},
+                                   {QStringLiteral("savings"), byteCount(record.savings)},
+                                   {QStringLiteral("exists"), exists}});
+        text += QStringLiteral("%1%\t%2\t%3%4\n")
+                    .arg(record.status, 3)
+                    .arg(VTUtil::getPrettySize(record.savings), record.folder,
+                         exists ? QString() : QStringLiteral("\t(missing)"));
+    }
+    if (json) {
+        const QJsonObject document{{QStringLiteral("folders"), folders},
+                                   {QStringLiteral("previousSavings"), byteCount(history.previousSavings())},
+                                   {QStringLiteral("totalSavings"), byteCount(history.totalSavings())}};
+        print(QString::fromUtf8(QJsonDocument(document).toJson()));
+        return Done;
+    }
+    // The pane's summary row, for folders that have left the list.
+    if (history.previousSavings() != 0)
+        text += QStringLiteral("100%\t%1\tOther: Previous savings\n").arg(VTUtil::getPrettySize(history.previousSavings()));
+    text += QStringLiteral("Total saved: %1\n").arg(VTUtil::getPrettySize(history.totalSavings()));
+    print(text);
+    return Done;
+}
+
+int VantorCtl::add(const QList<QByteArray> &paths)
+{
+    bool refused = false;
+    QList<QByteArray> candidates;
+    for (const QByteArray &given : paths) {
+        const QByteArray path = absolute(given);
+        bool isDirectory = false;
+        if (!FileManager::fileExistsAtFileSystemRepresentation(path, &isDirectory)) {
+            fail(QStringLiteral("%1: no such folder").arg(shown(path)));
+            refused = true;
+        } else if (!isDirectory) {
+            fail(QStringLiteral("%1: not a folder").arg(shown(path)));
+            refused = true;
+        } else {
+            candidates.append(path);
+        }
+    }
+    QList<QByteArray> undecodable;
+    QStringList folders = FolderRequest::decodablePaths(candidates, &undecodable);
+    for (QString &folder : folders)
+        folder = QDir::cleanPath(folder);
+    for (const QByteArray &path : std::as_const(undecodable))
+        fail(FolderRequest::undecodableMessage(path));
+    refused |= !undecodable.isEmpty();
+    if (FolderRequest::removeOtherVolumes(&folders)) {
+        fail(QStringLiteral("Filtered out folders: ") + FolderRequest::otherVolumesMessage());
+        refused = true;
+    }
+    if (folders.isEmpty())
+        return Failed;
+    if (!helperCanBeAsked())
+        return Failed;
+    postFolders(Notifications::FoldersToAddKey, folders);
+    return refused ? Failed : Done;
+}
+
+int VantorCtl::remove(const QList<QByteArray> &paths)
+{
+    HistorySnapshot history;
+    if (!readHistory(&history))
+        return Failed;
+    bool refused = false;
+    QStringList folders;
+    for (const QByteArray &given : paths) {
+        const QByteArray path = absolute(given);
+        const std::optional<QString> string = FileManager::stringWithFileSystemRepresentation(path);
+        if (!string) {
+            fail(FolderRequest::undecodableMessage(path));
+            refused = true;
+            continue;
+        }
+        // The helper knows a folder by its record's own "folder" value, so that is what is sent.
+        const QString wanted = QDir::cleanPath(*string);
+        const QList<HistoryRecord> listed = history.listed();
+        const auto record = std::find_if(listed.cbegin(), listed.cend(), [&](const HistoryRecord &r) {
+            return QDir::cleanPath(r.folder) == wanted;
+        });
+        if (record == listed.cend()) {
+            fail(QStringLiteral("%1: not in the list of folders").arg(wanted));
+            refused = true;
+        } else if (!folders.contains(record->folder)) {
+            folders.append(record->folder);
+        }
+    }
+    if (folders.isEmpty())
+        return Failed;
+    if (!helperCanBeAsked())
+        return Failed;
+    postFolders(Notifications::FoldersToRemoveKey, folders);
+    return refused ? Failed : Done;
+}
+
+int VantorCtl::setActive(bool active)
+{
+    const QString pane = paneBundle();
+    if (pane.isEmpty())
+        return Failed;
+    const HelperLauncher launcher(Bundle::bundleWithPath(pane));
+    const bool bus = DistributedNotificationCenter::defaultCenter()->isConnected();
+    bool failed = false;
+    // The switch's order: a missing helper is started first. The pane would start one for
+    // "off" too and ask it to quit once left; a command line leaves at once, so it does not.
+    if (active && bus && !HelperLauncher::isRunning()) {
+        if (!launcher.hasExpectedPermissions()) {
+            fail(QStringLiteral("The Vantor Helper application has the wrong permissions, and will probably not run. "
+                                "Please reinstall Vantor or change the permissions manually, or contact support."));
+        }
+        const std::optional<HelperLauncher::Launch> launch = launcher.launch();
+        if (!launch || !launch->application) {
+            fail(QStringLiteral("the helper could not be started: %1")
+                     .arg(launch ? launch->error : QStringLiteral("%1 holds no helper").arg(pane)));
+            failed = true;
+        }
+    }
+    {
+        // Not to be killed between storing the setting and telling the helper.
+        SuddenTerminationGuard guard;
+        VTDefaultsController::sharedDefaultsController()->setHelperActive(active);
+        HelperLoginItem().setEnabled(active, launcher.applicationPath());
+        VTPreferenceCommunicator::sharedCommunicatorController()->notifyHelperActiveStatusChanged();
+        // As when the pane is left with the helper off.
+        if (!active)
+            VTPreferenceCommunicator::sharedCommunicatorController()->notifyHelperShouldQuit();
+    }
+    if (!bus) {
+        fail(QStringLiteral("no session bus: the setting is stored, but no helper could be told or started"));
+        return Failed;
+    }
+    flush();
+    return failed ? Failed : Done;
+}
+
+QString VantorCtl::paneBundle()
+{
+    if (m_paneBundle.isEmpty())
+        m_paneBundle = InstalledPane::find();
+    if (m_paneBundle.isEmpty()) {
+        fail(QStringLiteral("Vantor is not installed (no pane bundle in %1)")
+                 .arg(InstalledPane::searchPaths().join(QStringLiteral(", "))));
+    } else if (!QFileInfo::exists(m_paneBundle + QStringLiteral("/Contents/Info.plist"))) {
+        fail(QStringLiteral("%1 is not a Vantor pane bundle").arg(m_paneBundle));
+        return {};
+    }
+    return m_paneBundle;
+}
+
+bool VantorCtl::readHistory(HistorySnapshot *snapshot)
+{
+    const QString pane = paneBundle();
+    if (pane.isEmpty())
+        return false;
+    QString error;
+    if (!snapshot->read(pane, &error)) {
+        fail(error);
+        return false;
+    }
+    return true;
+}
+
+bool VantorCtl::helperCanBeAsked()
+{
+    // A request posted now would be lost: say so rather than drop it silently.
+    if (!DistributedNotificationCenter::defaultCenter()->isConnected()) {
+        fail(QStringLiteral("no session bus, so the helper cannot be asked: nothing was sent"));
+        return false;
+    }
+    if (!HelperLauncher::isRunning()) {
+        fail(QStringLiteral("the Vantor helper is not running, so nothing was sent; "
+                            "start it with \"vantorctl on\" and try again"));
+        return false;
+    }
+    return true;
+}
+
+void VantorCtl::postFolders(const char *key, const QStringList &folders)
+{
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::Folders),
+                                                                         {{QLatin1String(key), folders}});
+    flush();
+}
+
+void VantorCtl::flush()
+{
+    // A round trip: the bus has everything posted before this process ends.
+    QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName());
+}
+
+QByteArray VantorCtl::absolute(const QByteArray &path)
+{
+    if (path.startsWith('/'))
+        return path;
+    char *cwd = ::getcwd(nullptr, 0);
+    const QByteArray absolutePath = QByteArray(cwd ? cwd : "") + '/' + path;
+    std::free(cwd);
+    return absolutePath;
+}
+
+void VantorCtl::fail(const QString &line)
+{
+    std::fprintf(stderr, "vantorctl: %s\n", qPrintable(line));
+}
+
+void VantorCtl::print(const QString &text)
+{
+    std::fputs(text.toUtf8().constData(), stdout);
+}

@@ -1,0 +1,3 @@
+#include "loginitems/LoginItemsLog.h"
+
+Q_LOGGING_CATEGORY(lcLoginItems, "vantor.loginitems", QtInfoMsg)

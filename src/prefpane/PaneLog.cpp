@@ -1,0 +1,3 @@
+#include "prefpane/PaneLog.h"
+
+Q_LOGGING_CATEGORY(lcPane, "vantor.pane", QtInfoMsg)
