@@ -391,8 +391,8 @@ void CompressionWorker::runJob(const Job &job)
     if (m_cancelCurrent.load())
         return;
     const quint64 savings = quint64(std::max<qint64>(tally.total.savings, 0));
-    // One line per pass over the whole folder; changes are told only when a file is skipped or fails.
-    if (job.whole && job.relative.isEmpty())
+    // One line per pass over the whole folder; for a change, only when something failed.
+    if ((job.whole && job.relative.isEmpty()) || compressor.report().anyFailed())
         qCInfo(lcHelper, "%s", qPrintable(compressor.report().summary(compressor.ranOutOfSpace())));
     if (compressor.report().sharedBytes() > 0)
         Q_EMIT sharedFound(job.id);

@@ -142,18 +142,10 @@ FileCompressor::FileCompressor(int rootFd, const QByteArray &rootPath, SkippedFi
 {
 }
 
-int FileCompressor::openNoAtime(int dirFd, const char *path, int flags)
-{
-    int fd = ::openat(dirFd, path, flags | O_CLOEXEC | O_NOATIME);
-    if (fd < 0 && errno == EPERM)
-        fd = ::openat(dirFd, path, flags | O_CLOEXEC);
-    return fd;
-}
-
 void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &mayGoOn, const Done &done)
 {
     auto openForReading = [this](const QByteArray &path) {
-        return openNoAtime(m_rootFd, path.constData(), O_RDONLY | O_NOFOLLOW);
+        return FolderWalker::openNoAtime(m_rootFd, path.constData(), O_RDONLY | O_NOFOLLOW);
     };
     EstimateQueue estimates;
     std::thread estimator([&] {
@@ -214,7 +206,11 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
     auto verifyAll = [&] {
         if (unverified.isEmpty())
             return;
-        ::syncfs(m_rootFd);
+        // The root may be held by an O_PATH descriptor, which syncfs refuses.
+        const int rootFd = FolderWalker::openNoAtime(m_rootFd, ".", O_RDONLY | O_DIRECTORY);
+        ::syncfs(rootFd);
+        if (rootFd >= 0)
+            ::close(rootFd);
         for (const EstimateQueue::Entry &rewritten : std::as_const(unverified)) {
             Outcome outcome;
             outcome.savings = rewritten.encodedSavings;
@@ -253,7 +249,7 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
             // New files inherit the property from their folder; only a folder with plain data
             // of its own gets it: in a snapshot its metadata is shared too.
             const QByteArray folder = entry->path.left(qMax(entry->path.lastIndexOf('/'), 0));
-            const int folderFd = openNoAtime(m_rootFd, folder.isEmpty() ? "." : folder.constData(),
+            const int folderFd = FolderWalker::openNoAtime(m_rootFd, folder.isEmpty() ? "." : folder.constData(),
                                              O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
             if (folderFd >= 0) {
                 BtrfsCompressor::ensureCompressionProperty(folderFd);

@@ -43,10 +43,6 @@ public:
     FolderWalker::Unreadable &unreadable() { return m_unreadable; }
     const FolderReport &report() const { return m_report; }
 
-    // Reading must not change access times: in a snapshotted subvolume every inode touched is
-    // metadata copied away from the snapshot. Only the owner may ask for that.
-    static int openNoAtime(int dirFd, const char *path, int flags);
-
 private:
     int m_rootFd;
     SkippedFiles &m_skipped;

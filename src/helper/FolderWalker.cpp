@@ -47,6 +47,14 @@ bool FolderWalker::list(const QByteArray &start, const Visitor &visit)
     return true;
 }
 
+int FolderWalker::openNoAtime(int dirFd, const char *path, int flags)
+{
+    int fd = ::openat(dirFd, path, flags | O_CLOEXEC | O_NOATIME);
+    if (fd < 0 && errno == EPERM)
+        fd = ::openat(dirFd, path, flags | O_CLOEXEC);
+    return fd;
+}
+
 bool FolderWalker::isExcluded(const QByteArray &relative) const
 {
     // Names may be any bytes; the rules speak Unicode, so decode as the file system would.
@@ -56,7 +64,8 @@ bool FolderWalker::isExcluded(const QByteArray &relative) const
 bool FolderWalker::read(Folder *folder)
 {
     const char *at = folder->relative.isEmpty() ? "." : folder->relative.constData();
-    folder->fd = ::openat(m_rootFd, at, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    // Read without marking it read: in a snapshotted subvolume that would copy its metadata.
+    folder->fd = openNoAtime(m_rootFd, at, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (folder->fd < 0) {
         // Gone meanwhile is no fault; too deep to name or not ours to read is.
         if (errno != ENOENT && errno != ENOTDIR)

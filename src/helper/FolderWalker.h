@@ -47,6 +47,10 @@ public:
     // Visits only start; false when it cannot be opened (or is on another file system).
     bool list(const QByteArray &start, const Visitor &visit);
 
+    // Reading must not change access times: in a snapshotted subvolume every inode touched is
+    // metadata copied away from the snapshot. Only the owner may ask for that.
+    static int openNoAtime(int dirFd, const char *path, int flags);
+
     // Whether the exclusion rules leave out the file at relative.
     bool isExcluded(const QByteArray &relative) const;
 
