@@ -662,9 +662,10 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
     const QByteArray skipped = QFile::encodeName(folder) + "/disk.img\" was left as it is: copy-on-write is off";
     const QByteArray summary = "\"" + QFile::encodeName(folder) + "\": ";
     QCOMPARE(log().count(skipped), 1);
+    const qsizetype passes = log().count(summary);
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
-    QTRY_COMPARE_WITH_TIMEOUT(log().count(summary), 2, 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(log().count(summary), passes + 1, 60000);
     QCOMPARE(log().count(skipped), 1);
     QCOMPARE(m_notifications.calls.size(), 1);
 }
