@@ -113,12 +113,18 @@ qint64 verify(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, 
 {
     ExtentMap after;
     const bool read = after.read(fd) && ::fstat(fd, &st) == 0;
-    ::close(fd);
-    const qint64 encoded = read ? after.encodedBytesIn(entry.ranges) : 0;
+    // Ranges read while the data was still being written may reach past its last block.
+    QList<ExtentMap::Range> ranges;
+    const qint64 end = CompressionModel::roundUpToBlock(st.st_size);
+    for (const ExtentMap::Range &range : entry.ranges) {
+        if (range.start < end)
+            ranges.append({range.start, qMin(range.length, end - range.start)});
+    }
+    const qint64 encoded = read ? after.encodedBytesIn(ranges) : 0;
     if (encoded > 0) {
         report->compressed();
         // Only what btrfs really stored compressed counts.
-        const qint64 all = ExtentMap::bytes(entry.ranges);
+        const qint64 all = ExtentMap::bytes(ranges);
         return all > 0 ? qint64(double(entry.estimate) * double(qMin(encoded, all)) / double(all)) : 0;
     }
     if (read) {
