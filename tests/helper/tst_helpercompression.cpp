@@ -263,18 +263,14 @@ void TestHelperCompression::initTestCase()
 
 void TestHelperCompression::cleanup()
 {
-    // The next test's helper would look through every listed folder at its start: the pane
-    // removes them, as a user would.
-    QList<int> listed;
-    const auto rows = controller()->foldersArrayController()->arrangedObjects();
-    for (int i = 0; i < rows.size(); ++i) {
-        if (!rows[i].value(QStringLiteral("folder")).toString().isEmpty())
-            listed.append(i);
-    }
-    if (m_helper && m_helper->state() == QProcess::Running && !listed.isEmpty()) {
-        controller()->foldersArrayController()->setSelectionIndexes(listed);
-        controller()->removeFolders();
-        QTRY_COMPARE(sqlite(QStringLiteral("SELECT COUNT(*) FROM ZHISTORY WHERE ZENABLED = 1")), QStringLiteral("0"));
+    // The next test's helper would look through every listed folder at its start: they are
+    // removed as the pane removes them.
+    const QString listed = QStringLiteral("SELECT ZFOLDER FROM ZHISTORY WHERE ZENABLED = 1");
+    const QStringList folders = sqlite(listed).split(u'\n', Qt::SkipEmptyParts);
+    if (m_helper && m_helper->state() == QProcess::Running && !folders.isEmpty()) {
+        DistributedNotificationCenter::defaultCenter()->postNotificationName(
+            QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToRemoveKey), folders}});
+        QTRY_VERIFY(sqlite(listed).isEmpty());
     }
     stopHelper();
 }
