@@ -211,16 +211,17 @@ private Q_SLOTS:
     void itemsTooDeepToOpenAreTold();
     void ext4FolderIsLeftAlone();
     void killedHelperResumesWithoutHarm();
+    // Before the store is replaced under the pane, which does not open it again.
+    void changesAreCompressedAsTheyCome_data() { asRootAndUser(); }
+    void changesAreCompressedAsTheyCome();
+    void movedFolderKeepsItsRecord_data() { asRootAndUser(); }
+    void movedFolderKeepsItsRecord();
     void replacedStoreIsReopened();
     void updateCheckIsAnsweredByNotification();
     void sharedAndNocowDataAreLeftAlone_data() { asRootAndUser(); }
     void sharedAndNocowDataAreLeftAlone();
     void nearlyFullDiskWaitsForSpace_data() { asRootAndUser(); }
     void nearlyFullDiskWaitsForSpace();
-    void changesAreCompressedAsTheyCome_data() { asRootAndUser(); }
-    void changesAreCompressedAsTheyCome();
-    void movedFolderKeepsItsRecord_data() { asRootAndUser(); }
-    void movedFolderKeepsItsRecord();
 
 private:
     static void asRootAndUser();
