@@ -114,6 +114,18 @@ QList<QByteArray> HistoryContext::fetchFolderAliases() const
     return aliases;
 }
 
+QByteArray HistoryContext::fetchFolderAlias(qint64 objectID) const
+{
+    QByteArray alias;
+    sqlite3_stmt *statement = prepare(select("ZFOLDERALIAS", QStringLiteral("Z_PK = %1").arg(objectID)));
+    if (!statement)
+        return alias;
+    if (sqlite3_step(statement) == SQLITE_ROW)
+        alias = QByteArray(static_cast<const char *>(sqlite3_column_blob(statement, 0)), sqlite3_column_bytes(statement, 0));
+    finish(statement);
+    return alias;
+}
+
 void HistoryContext::beginReadTransaction()
 {
     if (m_readDepth++ == 0 && sqlite3_exec(m_store->connection(), "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK)

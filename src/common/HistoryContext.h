@@ -47,6 +47,8 @@ public:
     QList<quint64> fetchSavings(Predicate predicate) const;
     // "folderAlias" of every record, in store order.
     QList<QByteArray> fetchFolderAliases() const;
+    // The alias record of one record; empty when it has none.
+    QByteArray fetchFolderAlias(qint64 objectID) const;
 
     // Reads between begin and end see one snapshot of the file. Nests.
     void beginReadTransaction();

@@ -57,6 +57,13 @@ bool BtrfsCompressor::setCompressionProperty(int fd)
     return ::fsetxattr(fd, "btrfs.compression", value, sizeof value - 1, 0) == 0;
 }
 
+bool BtrfsCompressor::ensureCompressionProperty(int fd)
+{
+    char value[8] = {};
+    const ssize_t size = ::fgetxattr(fd, "btrfs.compression", value, sizeof value);
+    return (size == 4 && qstrncmp(value, "zstd", 4) == 0) || setCompressionProperty(fd);
+}
+
 BtrfsCompressor::Result BtrfsCompressor::compressRanges(int fd, const QList<ExtentMap::Range> &ranges,
                                                         const std::atomic<bool> &cancel)
 {

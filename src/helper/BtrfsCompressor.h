@@ -28,6 +28,8 @@ public:
     // file (its later writes are compressed, and a chunk that does not shrink does not turn
     // compression off for the whole file).
     static bool setCompressionProperty(int fd);
+    // Sets it only where it is not set yet: a rescan then changes nothing on disk.
+    static bool ensureCompressionProperty(int fd);
 
     // Rewrites these ranges of the file compressed, in steps, holding a read lease so that a
     // writer opening the file stops the rewrite instead of waiting behind it. With little free

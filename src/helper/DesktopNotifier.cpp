@@ -1,4 +1,5 @@
 #include "helper/DesktopNotifier.h"
+#include "helper/HelperLog.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -22,7 +23,7 @@ void DesktopNotifier::notify(const QString &summary, const QString &body)
     connect(watcher, &QDBusPendingCallWatcher::finished, this, [summary, body](QDBusPendingCallWatcher *w) {
         const QDBusPendingReply<uint> reply = *w;
         if (reply.isError())
-            qWarning("VantorHelper: no desktop notification (%s): %s: %s", qPrintable(reply.error().message()),
+            qCWarning(lcHelper, "no desktop notification (%s): %s: %s", qPrintable(reply.error().message()),
                      qPrintable(summary), qPrintable(body));
         w->deleteLater();
     });

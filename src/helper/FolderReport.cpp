@@ -1,6 +1,7 @@
 #include "helper/FolderReport.h"
 
 #include "common/VTUtil.h"
+#include "helper/HelperLog.h"
 
 #include <QFile>
 #include <QStringList>
@@ -30,7 +31,7 @@ void FolderReport::skipped(const QByteArray &path, SkippedFiles::Reason reason, 
 {
     ++m_skipped[reason];
     if (!known)
-        qInfo("VantorHelper: \"%s\" was left as it is: %s", qPrintable(name(path)),
+        qCInfo(lcHelper, "\"%s\" was left as it is: %s", qPrintable(name(path)),
               qPrintable(SkippedFiles::describe(reason)));
 }
 
@@ -40,7 +41,7 @@ void FolderReport::failed(const QByteArray &path, int error)
         m_firstError = error;
     // The first few by name; a folder of other users' files would flood the log otherwise.
     if (m_failed <= kNamedFailures)
-        qWarning("VantorHelper: \"%s\" could not be compressed: %s", qPrintable(name(path)), std::strerror(error));
+        qCWarning(lcHelper, "\"%s\" could not be compressed: %s", qPrintable(name(path)), std::strerror(error));
 }
 
 QString FolderReport::summary(bool waiting) const

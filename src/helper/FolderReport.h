@@ -29,6 +29,7 @@ public:
     void failed(const QByteArray &path, int error);
 
     qint64 sharedBytes() const { return m_sharedBytes; }
+    bool anyFailed() const { return m_failed > 0; }
     // waiting: the pass stopped for want of disk space.
     QString summary(bool waiting) const;
 

@@ -1,9 +1,11 @@
 #include "helper/SavingsModel.h"
 
+#include "common/BDAlias.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "common/HistoryStore.h"
 #include "common/Notifications.h"
 #include "common/VTUtil.h"
+#include "helper/HelperLog.h"
 
 SavingsModel::SavingsModel(QObject *parent)
     : QObject(parent)
@@ -25,7 +27,7 @@ HistoryContext *SavingsModel::context()
         return nullptr;
     HistoryStore *store = context->persistentStoreCoordinator();
     if (store->isStoreFileReplaced()) {
-        qWarning("VantorHelper: the history store %s was replaced; opening it again", qPrintable(store->storePath()));
+        qCWarning(lcHelper, "the history store %s was replaced; opening it again", qPrintable(store->storePath()));
         PresentableError error;
         const bool reopened = store->reopenPersistentStore(&error);
         m_pending.clear();
@@ -40,6 +42,12 @@ QList<HistoryRecord> SavingsModel::records(HistoryContext::Predicate predicate)
 {
     HistoryContext *c = context();
     return c ? c->fetchRecords(predicate) : QList<HistoryRecord>{};
+}
+
+QByteArray SavingsModel::folderAlias(qint64 id)
+{
+    HistoryContext *c = context();
+    return c ? c->fetchFolderAlias(id) : QByteArray();
 }
 
 qint64 SavingsModel::addFolder(const QString &folder, const QByteArray &folderAlias)
@@ -72,6 +80,24 @@ QList<qint64> SavingsModel::removeFolders(const QStringList &folders)
         DistributedNotificationCenter::defaultCenter()->postNotificationName(
             QLatin1String(Notifications::SavingsChanged));
     return removed;
+}
+
+bool SavingsModel::renameFolder(qint64 id, const QString &from, const QString &to)
+{
+    HistoryContext *c = context();
+    const std::unique_ptr<BDAlias> alias = BDAlias::aliasWithPath(to);
+    // One statement, so one transaction: the record never has the new path with the old alias.
+    if (!c || !alias || !c->reenableRecord(id, to, alias->aliasData())) {
+        qCWarning(lcHelper, "cannot record that \"%s\" moved to \"%s\"", qPrintable(from), qPrintable(to));
+        return false;
+    }
+    auto *center = DistributedNotificationCenter::defaultCenter();
+    center->postNotificationName(QLatin1String(Notifications::FoldersRenamed));
+    if (m_pending.isEmpty())
+        center->postNotificationName(QLatin1String(Notifications::SavingsChanged));
+    else
+        flush();
+    return true;
 }
 
 void SavingsModel::setProgress(qint64 id, quint32 status, quint64 savings)

@@ -25,10 +25,15 @@ public:
     HistoryContext *context();
 
     QList<HistoryRecord> records(HistoryContext::Predicate predicate);
+    QByteArray folderAlias(qint64 id);
     // The record of the folder, made listed, or a new one; 0 on failure.
     qint64 addFolder(const QString &folder, const QByteArray &folderAlias);
     // Unlists the records of these folders (their savings stay); returns their ids.
     QList<qint64> removeFolders(const QStringList &folders);
+
+    // The folder of the record moved from one path to the other: its path and alias record
+    // change together, then "vantorFoldersRenamed" and "vantorSavingsChanged" are posted.
+    bool renameFolder(qint64 id, const QString &from, const QString &to);
 
     // Kept until the next flush; a later call for the same record replaces it.
     void setProgress(qint64 id, quint32 status, quint64 savings);

@@ -3,6 +3,7 @@
 #include "platform/DistributedNotificationCenter.h"
 #include "common/Notifications.h"
 #include "common/VTUtil.h"
+#include "helper/HelperLog.h"
 
 #include <QIcon>
 #include <QMenu>
@@ -48,7 +49,7 @@ void TrayIcon::openSettings()
 {
     const QString host = QStandardPaths::findExecutable(QLatin1String(kHostExecutable));
     if (host.isEmpty() || !QProcess::startDetached(host, {}))
-        qWarning("VantorHelper: cannot start %s to open the settings", kHostExecutable);
+        qCWarning(lcHelper, "cannot start %s to open the settings", kHostExecutable);
     // A pane already open comes to its history tab.
     DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::ShowHistory));
 }

@@ -9,13 +9,17 @@
 class CompressionEngine;
 class DesktopNotifier;
 class FolderRequests;
+class FolderWatch;
+class HelperBus;
 class SavingsModel;
+class SettleQueue;
 class TrayIcon;
 struct DistributedNotification;
 
-// The background helper. It owns the bus name that says "the helper is running", follows
-// the pane's settings in "defaults.plist" (read only: the pane is its one writer) and acts on
-// the pane's notifications, writing one line per notification to its log.
+// The background helper, wiring its parts together: the bus front end hears the pane, the
+// watch and the settle queue feed the compression engine, the savings model writes the
+// records. It follows the pane's settings in "defaults.plist" (read only: the pane is its one
+// writer) and logs one line per notification.
 class VantorHelper : public QObject
 {
     Q_OBJECT
@@ -23,30 +27,26 @@ public:
     explicit VantorHelper(const QString &version, QObject *parent = nullptr);
     ~VantorHelper() override;
 
-    // Subscribes, then takes the bus name. False, with the reason logged, when there is no
-    // session bus or another helper already owns the name.
+    // False, with the reason logged, when there is no session bus or another helper already
+    // owns the name.
     bool start();
 
-    QVariantMap defaults() const { return m_defaults; }
     static QString defaultsPath();
-    static QString logPath();
-
-private Q_SLOTS:
-    void busDisconnected();
 
 private:
     void received(const DistributedNotification &notification);
     // Re-reads "defaults.plist"; returns how the settings stand, for the log.
     QString readDefaults();
     bool setting(const char *key) const;
-    void log(const QString &line);
 
     QString m_version;
     QVariantMap m_defaults;
-    int m_logFd = -1;
+    std::unique_ptr<HelperBus> m_bus;
     // Made once the bus name is ours; the engine goes first so its last progress is written.
     std::unique_ptr<DesktopNotifier> m_notifier;
     std::unique_ptr<SavingsModel> m_savings;
+    std::unique_ptr<FolderWatch> m_watch;
+    std::unique_ptr<SettleQueue> m_settle;
     std::unique_ptr<CompressionEngine> m_engine;
     std::unique_ptr<FolderRequests> m_folderRequests;
     std::unique_ptr<TrayIcon> m_trayIcon;

@@ -1,6 +1,7 @@
 // VantorHelper: the background application the Vantor pane starts, configures and stops.
 
 #include "platform/Bundle.h"
+#include "helper/HelperLog.h"
 #include "platform/ProcessInfo.h"
 #include "helper/VantorHelper.h"
 
@@ -15,6 +16,8 @@ int main(int argc, char *argv[])
     // Before anything logs: standard error may be a pipe nobody reads any more (the pane
     // that started us is gone).
     std::signal(SIGPIPE, SIG_IGN);
+    HelperLog log;
+    log.open();
 
     // With a display the helper has a tray icon; without one (a headless session) it still works.
     const bool display = qEnvironmentVariableIsSet("WAYLAND_DISPLAY") || qEnvironmentVariableIsSet("DISPLAY")

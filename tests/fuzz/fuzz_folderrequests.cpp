@@ -5,6 +5,8 @@
 // so nothing on this machine is ever rewritten. Whatever comes, the helper must keep one
 // record per folder.
 #include "helper/CompressionEngine.h"
+#include "helper/FolderWatch.h"
+#include "helper/SettleQueue.h"
 #include "helper/DesktopNotifier.h"
 #include "helper/FolderRequests.h"
 #include "FuzzInput.h"
@@ -144,7 +146,7 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
     qInstallMessageHandler(discardMessages);
     g_savings = new SavingsModel;
     auto *notifier = new DesktopNotifier;
-    auto *engine = new CompressionEngine(g_savings, notifier);
+    auto *engine = new CompressionEngine(g_savings, notifier, new FolderWatch, new SettleQueue);
     engine->setActive(false);
     g_requests = new FolderRequests(g_savings, engine);
     if (!g_savings->context()) {

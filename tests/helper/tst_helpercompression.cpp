@@ -153,6 +153,20 @@ qint64 compsizeSavings(const QString &path)
     return total.size() >= 4 ? total.at(3).toLongLong() - total.at(2).toLongLong() : -1;
 }
 
+// Whether a process watches the folder through inotify, as the kernel lists its watches.
+bool isWatched(qint64 pid, const QString &folder)
+{
+    struct stat st {};
+    ::stat(QFile::encodeName(folder).constData(), &st);
+    const QByteArray inode = " ino:" + QByteArray::number(quint64(st.st_ino), 16) + ' ';
+    const QString fdinfo = QStringLiteral("/proc/%1/fdinfo").arg(pid);
+    for (const QString &fd : QDir(fdinfo).entryList(QDir::Files)) {
+        if (TestEnvironment::readFile(fdinfo + u'/' + fd).contains(inode))
+            return true;
+    }
+    return false;
+}
+
 void fallocate(const QString &path, qint64 bytes)
 {
     const int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
@@ -197,6 +211,11 @@ private Q_SLOTS:
     void itemsTooDeepToOpenAreTold();
     void ext4FolderIsLeftAlone();
     void killedHelperResumesWithoutHarm();
+    // Before the store is replaced under the pane, which does not open it again.
+    void changesAreCompressedAsTheyCome_data() { asRootAndUser(); }
+    void changesAreCompressedAsTheyCome();
+    void movedFolderKeepsItsRecord_data() { asRootAndUser(); }
+    void movedFolderKeepsItsRecord();
     void replacedStoreIsReopened();
     void updateCheckIsAnsweredByNotification();
     void sharedAndNocowDataAreLeftAlone_data() { asRootAndUser(); }
@@ -218,6 +237,10 @@ private:
     QString sqlite(const QString &sql) const;
     static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
     QVariantMap row(const QString &folder) const;
+    quint32 status(const QString &folder) const { return row(folder).value(QStringLiteral("status")).toUInt(); }
+    qint64 savings(const QString &folder) const { return row(folder).value(QStringLiteral("savings")).toLongLong(); }
+    // Runs a command as the user the helper runs as.
+    static QString runAs(bool asUser, QStringList command);
     bool mountBtrfs();
 
     TestEnvironment m_env;
@@ -241,6 +264,15 @@ void TestHelperCompression::initTestCase()
 
 void TestHelperCompression::cleanup()
 {
+    // The next test's helper would look through every listed folder at its start: they are
+    // removed as the pane removes them.
+    const QString listed = QStringLiteral("SELECT ZFOLDER FROM ZHISTORY WHERE ZENABLED = 1");
+    const QStringList folders = sqlite(listed).split(u'\n', Qt::SkipEmptyParts);
+    if (m_helper && m_helper->state() == QProcess::Running && !folders.isEmpty()) {
+        DistributedNotificationCenter::defaultCenter()->postNotificationName(
+            QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToRemoveKey), folders}});
+        QTRY_VERIFY(sqlite(listed).isEmpty());
+    }
     stopHelper();
 }
 
@@ -273,6 +305,14 @@ void TestHelperCompression::asRootAndUser()
 QByteArray TestHelperCompression::log() const
 {
     return TestEnvironment::readFile(m_env.home() + QStringLiteral("/.local/state/vantor/VantorHelper.log"));
+}
+
+QString TestHelperCompression::runAs(bool asUser, QStringList command)
+{
+    if (asUser)
+        return run(QStringLiteral("setpriv"), kAsUser + command);
+    const QString program = command.takeFirst();
+    return run(program, command);
 }
 
 void TestHelperCompression::startHelper(bool asUser)
@@ -501,6 +541,30 @@ void TestHelperCompression::killedHelperResumesWithoutHarm()
     QCOMPARE(hashes(folder), before);
     run(QStringLiteral("sync"), {});
     QVERIFY(run(QStringLiteral("compsize"), {folder}).contains(QLatin1String("zstd")));
+
+    // Killed at any moment of later starts, with its rescan cache intact, replaced by random
+    // bytes, or gone: nothing is lost and the next start ends with the same figure.
+    const QString figure = QStringLiteral("SELECT ZSTATUS, ZSAVINGS FROM ZHISTORY WHERE ZFOLDER = '%1'").arg(folder);
+    const QString done = sqlite(figure);
+    const QString cache = m_env.home() + QStringLiteral("/.cache/vantor/files.cache");
+    stopHelper();
+    QVERIFY(QFileInfo(cache).size() > 0);
+    for (int round = 0; round < 3; ++round) {
+        if (round == 1)
+            TestEnvironment::writeFile(cache, noise(QFileInfo(cache).size(), 60));
+        if (round == 2)
+            QFile::remove(cache);
+        startHelper();
+        QTest::qWait(QRandomGenerator::global()->bounded(1500));
+        m_helper->kill();
+        m_helper->waitForFinished();
+    }
+    const QByteArray summary = "\"" + QFile::encodeName(folder) + "\": ";
+    const qsizetype passes = log().count(summary);
+    startHelper();
+    QTRY_VERIFY_WITH_TIMEOUT(log().count(summary) > passes, 120000);
+    QTRY_COMPARE(sqlite(figure), done);
+    QCOMPARE(hashes(folder), before);
 }
 
 void TestHelperCompression::replacedStoreIsReopened()
@@ -520,6 +584,12 @@ void TestHelperCompression::replacedStoreIsReopened()
 void TestHelperCompression::updateCheckIsAnsweredByNotification()
 {
     startHelper();
+    // Whatever it inherited (here the test's own output), the helper reads nothing and writes
+    // its standard output nowhere and its standard error to its log.
+    const QString fds = QStringLiteral("/proc/%1/fd/").arg(m_helper->processId());
+    QCOMPARE(QFile::symLinkTarget(fds + u'0'), QStringLiteral("/dev/null"));
+    QCOMPARE(QFile::symLinkTarget(fds + u'1'), QStringLiteral("/dev/null"));
+    QCOMPARE(QFile::symLinkTarget(fds + u'2'), m_env.home() + QStringLiteral("/.local/state/vantor/VantorHelper.log"));
     m_notifications.calls.clear();
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::HelperShouldCheckForUpdates));
@@ -600,9 +670,10 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
     const QByteArray skipped = QFile::encodeName(folder) + "/disk.img\" was left as it is: copy-on-write is off";
     const QByteArray summary = "\"" + QFile::encodeName(folder) + "\": ";
     QCOMPARE(log().count(skipped), 1);
+    const qsizetype passes = log().count(summary);
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
-    QTRY_COMPARE_WITH_TIMEOUT(log().count(summary), 2, 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(log().count(summary), passes + 1, 60000);
     QCOMPARE(log().count(skipped), 1);
     QCOMPARE(m_notifications.calls.size(), 1);
 }
@@ -652,6 +723,103 @@ void TestHelperCompression::nearlyFullDiskWaitsForSpace()
     QVERIFY(field(folder, "ZSAVINGS") > (10 << 20));
     QCOMPARE(hashes(folder), before);
     QCOMPARE(m_notifications.calls.size(), 1);
+}
+
+void TestHelperCompression::changesAreCompressedAsTheyCome()
+{
+    QFETCH(bool, asUser);
+    if (!mountBtrfs())
+        QSKIP("a btrfs image cannot be mounted here (needs root and loop devices)");
+    const QString base = m_btrfs->mountPoint() + (asUser ? QStringLiteral("/changes-user") : QStringLiteral("/changes-root"));
+    const QString folder = base + QStringLiteral("/Notes");
+    const QString outside = base + QStringLiteral("/Downloads");
+    QDir().mkpath(folder);
+    TestEnvironment::writeFile(folder + QStringLiteral("/a.txt"), text(1 << 20, 40));
+    TestEnvironment::writeFile(outside + QStringLiteral("/moved.txt"), text(2 << 20, 41));
+    TestEnvironment::writeFile(outside + QStringLiteral("/source.txt"), text(2 << 20, 42));
+    TestEnvironment::writeFile(outside + QStringLiteral("/tree/deeper/b.txt"), text(1 << 20, 43));
+    TestEnvironment::writeFile(outside + QStringLiteral("/more.txt"), text(512 << 10, 44));
+    if (asUser)
+        chownToUser(base);
+    startHelper(asUser);
+    controller()->addFolders({folder});
+    QTRY_COMPARE_WITH_TIMEOUT(field(folder, "ZSTATUS"), 100, 60000);
+
+    // Each change is followed: the record's figure is what compsize measures for the whole
+    // folder (a shared copy saves nothing), the pane hears of it, and the status is back at 100.
+    struct Change {
+        QStringList command;
+        const char *file;
+    };
+    const Change changes[] = {
+        {{QStringLiteral("mv"), outside + QStringLiteral("/moved.txt"), folder}, "/moved.txt"},
+        {{QStringLiteral("cp"), QStringLiteral("--reflink=always"), outside + QStringLiteral("/source.txt"),
+          folder + QStringLiteral("/copy.txt")}, nullptr},
+        {{QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("cat \"$0\" >> \"$1\""),
+          outside + QStringLiteral("/more.txt"), folder + QStringLiteral("/a.txt")}, "/a.txt"},
+        {{QStringLiteral("cp"), QStringLiteral("-r"), QStringLiteral("--reflink=never"), outside + QStringLiteral("/tree"),
+          folder + QStringLiteral("/tree")}, "/tree/deeper/b.txt"},
+        {{QStringLiteral("rm"), folder + QStringLiteral("/moved.txt")}, nullptr},
+    };
+    for (const Change &change : changes) {
+        runAs(asUser, change.command);
+        QTRY_VERIFY(field(folder, "ZSTATUS") < 100);
+        QTRY_COMPARE_WITH_TIMEOUT(field(folder, "ZSTATUS"), 100, 60000);
+        const qint64 measured = compsizeSavings(folder);
+        QVERIFY2(qAbs(field(folder, "ZSAVINGS") - measured) <= measured / 100,
+                 qPrintable(QStringLiteral("%1: %2 recorded, %3 measured")
+                                .arg(change.command.join(u' ')).arg(field(folder, "ZSAVINGS")).arg(measured)));
+        if (change.file)
+            QVERIFY(!run(QStringLiteral("compsize"), {folder + QLatin1String(change.file)}).contains(QLatin1String("none")));
+    }
+    QCOMPARE(exclusiveBytes(folder + QStringLiteral("/copy.txt")), qint64(0));
+    QVERIFY(field(folder, "ZSAVINGS") > (1 << 20));
+    QTRY_COMPARE(savings(folder), field(folder, "ZSAVINGS")); // and the pane shows it
+}
+
+void TestHelperCompression::movedFolderKeepsItsRecord()
+{
+    QFETCH(bool, asUser);
+    if (!mountBtrfs())
+        QSKIP("a btrfs image cannot be mounted here (needs root and loop devices)");
+    const QString base = m_btrfs->mountPoint() + (asUser ? QStringLiteral("/moves-user") : QStringLiteral("/moves-root"));
+    const QStringList names{base + QStringLiteral("/Project"), base + QStringLiteral("/Renamed"),
+                            base + QStringLiteral("/Archive/Moved")};
+    QDir().mkpath(names[0]);
+    QDir().mkpath(base + QStringLiteral("/Archive"));
+    TestEnvironment::writeFile(names[0] + QStringLiteral("/plan.txt"), text(1 << 20, 50));
+    if (asUser)
+        chownToUser(base);
+    startHelper(asUser);
+    controller()->addFolders({names[0]});
+    QTRY_COMPARE_WITH_TIMEOUT(status(names[0]), 100u, 60000);
+    const qint64 saved = savings(names[0]);
+    QVERIFY(saved > 0);
+    const QString record = QStringLiteral("SELECT COUNT(*), ZFOLDER FROM ZHISTORY WHERE ZFOLDER LIKE '%1%'").arg(base);
+
+    // Renamed while the pane shows it, then moved while the helper is not running: one record
+    // follows it, path and alias together, and the table shows it with its savings.
+    QVERIFY(QFile::rename(names[0], names[1]));
+    QTRY_COMPARE(savings(names[1]), saved);
+    QCOMPARE(sqlite(record), QStringLiteral("1|") + names[1]);
+    QVERIFY(controller()->folders().value().contains(names[1]));
+    stopHelper();
+    QVERIFY(QFile::rename(names[1], names[2]));
+    startHelper(asUser);
+    QTRY_COMPARE(savings(names[2]), saved);
+    QCOMPARE(sqlite(record), QStringLiteral("1|") + names[2]);
+    QTRY_COMPARE(status(names[2]), 100u);
+
+    // Removed from the pane, it is no longer watched.
+    QVERIFY(isWatched(m_helper->processId(), names[2]));
+    const auto rows = controller()->foldersArrayController()->arrangedObjects();
+    for (int i = 0; i < rows.size(); ++i) {
+        if (rows[i].value(QStringLiteral("folder")).toString() == names[2])
+            controller()->foldersArrayController()->setSelectionIndexes({i});
+    }
+    controller()->removeFolders();
+    QTRY_VERIFY(row(names[2]).isEmpty());
+    QTRY_VERIFY(!isWatched(m_helper->processId(), names[2]));
 }
 
 QTEST_MAIN(TestHelperCompression)

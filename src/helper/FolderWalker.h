@@ -1,0 +1,66 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+
+#include <functional>
+#include <sys/stat.h>
+
+// The one way the helper goes through a watched folder, for the first pass, for rescans and
+// after a change in one of its folders: every folder below a start folder, depth first, not
+// crossing into other file systems, leaving out folders the exclusion rules name. Files are
+// all listed: the rules are asked about a file only when it needs work (isExcluded), so a
+// rescan of files already handled costs no more than reading the folders. Paths are bytes
+// relative to the watched folder ("" is the folder itself).
+class FolderWalker
+{
+public:
+    struct File {
+        QByteArray name;
+        struct stat st;
+    };
+    struct Folder {
+        QByteArray relative;
+        int fd = -1;              // open while the visitor runs
+        QList<File> files;        // regular files, with their status
+        QList<QByteArray> subfolders; // names
+    };
+    // Items that could not be opened, told once per pass rather than lost silently.
+    struct Unreadable {
+        qsizetype count = 0;
+        int firstError = 0;
+        void add(int error)
+        {
+            if (count++ == 0)
+                firstError = error;
+        }
+    };
+    // Returns false to leave the folder's subfolders out.
+    using Visitor = std::function<bool(const Folder &folder)>;
+
+    // rootFd: the watched folder (an O_PATH descriptor will do); rootPath: its present path,
+    // for the exclusion rules.
+    FolderWalker(int rootFd, const QByteArray &rootPath);
+
+    // Visits start and everything below it.
+    void walk(const QByteArray &start, const Visitor &visit);
+    // Visits only start; false when it cannot be opened (or is on another file system).
+    bool list(const QByteArray &start, const Visitor &visit);
+
+    // Reading must not change access times: in a snapshotted subvolume every inode touched is
+    // metadata copied away from the snapshot. Only the owner may ask for that.
+    static int openNoAtime(int dirFd, const char *path, int flags);
+
+    // Whether the exclusion rules leave out the file at relative.
+    bool isExcluded(const QByteArray &relative) const;
+
+    const Unreadable &unreadable() const { return m_unreadable; }
+
+private:
+    bool read(Folder *folder);
+
+    int m_rootFd;
+    QByteArray m_rootPath;
+    dev_t m_device = 0;
+    Unreadable m_unreadable;
+};

@@ -1,0 +1,159 @@
+#include "helper/FolderWatch.h"
+#include "helper/HelperLog.h"
+
+#include <QFile>
+#include <QSet>
+#include <QSocketNotifier>
+
+#include <cerrno>
+#include <cstring>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t kMask = IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ATTRIB
+    | IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR | IN_EXCL_UNLINK;
+
+} // namespace
+
+FolderWatch::FolderWatch(QObject *parent)
+    : QObject(parent)
+    , m_fd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+{
+    if (m_fd < 0) {
+        qCWarning(lcHelper, "cannot watch folders for changes (%s); they are rescanned instead",
+                 std::strerror(errno));
+        return;
+    }
+    m_notifier = new QSocketNotifier(m_fd, QSocketNotifier::Read, this);
+    connect(m_notifier, &QSocketNotifier::activated, this, &FolderWatch::readEvents);
+}
+
+FolderWatch::~FolderWatch()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+int FolderWatch::limit()
+{
+    QFile file(QStringLiteral("/proc/sys/fs/inotify/max_user_watches"));
+    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toInt() : 0;
+}
+
+FolderWatch::Result FolderWatch::watch(qint64 id, const QByteArray &relative, int fd)
+{
+    if (m_fd < 0)
+        return Result::Failed;
+    // Through the descriptor: the path may be too long to name, or have changed meanwhile.
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(fd);
+    const int wd = ::inotify_add_watch(m_fd, link.constData(), kMask);
+    if (wd < 0)
+        return errno == ENOSPC ? Result::LimitReached : Result::Failed;
+    QMutexLocker locker(&m_lock);
+    m_places.insert(wd, {id, relative});
+    m_watches[id].insert(relative, wd);
+    return Result::Watched;
+}
+
+bool FolderWatch::isWatched(qint64 id, const QByteArray &relative) const
+{
+    QMutexLocker locker(&m_lock);
+    const auto it = m_watches.constFind(id);
+    return it != m_watches.cend() && it->contains(relative);
+}
+
+bool FolderWatch::isBelow(const QByteArray &path, const QByteArray &folder)
+{
+    return folder.isEmpty() || path == folder || (path.startsWith(folder) && path.at(folder.size()) == '/');
+}
+
+void FolderWatch::unwatch(qint64 id, const QByteArray &relative)
+{
+    QMutexLocker locker(&m_lock);
+    auto folder = m_watches.find(id);
+    if (folder == m_watches.end())
+        return;
+    for (auto it = folder->begin(); it != folder->end();) {
+        if (!isBelow(it.key(), relative)) {
+            ++it;
+            continue;
+        }
+        ::inotify_rm_watch(m_fd, it.value());
+        m_places.remove(it.value());
+        it = folder->erase(it);
+    }
+    if (folder->isEmpty())
+        m_watches.erase(folder);
+}
+
+void FolderWatch::unwatchAll(qint64 id)
+{
+    unwatch(id, QByteArray());
+}
+
+void FolderWatch::forget(int wd)
+{
+    QMutexLocker locker(&m_lock);
+    const auto place = m_places.constFind(wd);
+    if (place == m_places.cend())
+        return;
+    auto folder = m_watches.find(place->id);
+    if (folder != m_watches.end() && folder->value(place->relative) == wd)
+        folder->remove(place->relative);
+    m_places.erase(place);
+}
+
+void FolderWatch::readEvents()
+{
+    alignas(struct inotify_event) char buffer[64 * 1024];
+    QSet<QPair<qint64, QByteArray>> changes;
+    QSet<qint64> moved;
+    bool overflow = false;
+    for (;;) {
+        const ssize_t length = ::read(m_fd, buffer, sizeof buffer);
+        if (length <= 0)
+            break;
+        for (const char *at = buffer; at < buffer + length;) {
+            const auto *event = reinterpret_cast<const struct inotify_event *>(at);
+            at += sizeof(struct inotify_event) + event->len;
+            if (event->mask & IN_Q_OVERFLOW) {
+                overflow = true;
+                continue;
+            }
+            if (event->mask & IN_IGNORED) {
+                forget(event->wd);
+                continue;
+            }
+            Place place;
+            {
+                QMutexLocker locker(&m_lock);
+                const auto it = m_places.constFind(event->wd);
+                if (it == m_places.cend())
+                    continue;
+                place = *it;
+            }
+            if (event->mask & (IN_MOVE_SELF | IN_DELETE_SELF)) {
+                // A folder below is reported by its parent; only the watched folder itself matters.
+                if (place.relative.isEmpty())
+                    moved.insert(place.id);
+                continue;
+            }
+            // Attributes of a folder are ours (the compression property) or of no interest.
+            if ((event->mask & IN_ATTRIB) && ((event->mask & IN_ISDIR) || event->len == 0))
+                continue;
+            if ((event->mask & IN_ISDIR) && (event->mask & (IN_MOVED_FROM | IN_DELETE))) {
+                const QByteArray name(event->name);
+                unwatch(place.id, place.relative.isEmpty() ? name : place.relative + '/' + name);
+            }
+            changes.insert({place.id, place.relative});
+        }
+    }
+    if (overflow)
+        Q_EMIT overflowed();
+    for (const auto &change : std::as_const(changes))
+        Q_EMIT changed(change.first, change.second);
+    for (qint64 id : std::as_const(moved))
+        Q_EMIT folderMoved(id);
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QString>
+
+#include <optional>
+#include <sys/stat.h>
+
+// What the helper already knows about files it has handled, so a rescan recognises them
+// without reading their data: keyed by device and inode, valid while size and change time
+// are what they were. Kept in "$XDG_CACHE_HOME/vantor/files.cache". The file is only a
+// shortcut: a missing, old or damaged one is ignored whole and costs a slower rescan.
+// Used from the compression thread only.
+class RescanCache
+{
+public:
+    // What the file held when it was handled: its savings (a rewrite, or found already
+    // done) and its plain data shared with snapshots or copies, left as it is.
+    struct Figures {
+        qint64 savings = 0;
+        qint64 shared = 0;
+    };
+    struct Entry {
+        qint64 size = 0;
+        qint64 changeSeconds = 0;
+        qint64 changeNanoseconds = 0;
+        Figures figures;
+        bool seen = false; // looked up or stored since the helper started
+    };
+
+    static QString path();
+
+    // Reads the file; false (and an empty cache) when it is missing or damaged.
+    bool load();
+    // Writes it atomically when anything changed since the last write. With prune, entries not
+    // seen since the helper started are left out (their files are gone or were never scanned).
+    bool save(bool prune);
+
+    std::optional<Figures> find(const struct stat &st);
+    void insert(const struct stat &st, Figures figures);
+    bool isDirty() const { return m_dirty; }
+    qsizetype size() const { return m_entries.size(); }
+
+private:
+    struct Key {
+        quint64 device;
+        quint64 inode;
+        bool operator==(const Key &) const = default;
+    };
+    friend size_t qHash(const Key &key, size_t seed) { return qHashMulti(seed, key.device, key.inode); }
+
+    QHash<Key, Entry> m_entries;
+    bool m_dirty = false;
+};
