@@ -90,6 +90,8 @@ void CompressionEngine::resume()
 
 void CompressionEngine::addFolder(qint64 id, const QString &folder)
 {
+    // A record the store already has as done (at start-up) was settled, and its user told.
+    const bool done = m_folders.value(id).status >= 100;
     forget(id);
     const QByteArray path = QFile::encodeName(folder);
     const int fd = ::open(path.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -105,6 +107,8 @@ void CompressionEngine::addFolder(qint64 id, const QString &folder)
         return;
     }
     ::close(fd);
+    if (done)
+        return;
     // Nothing to do and nothing saved: the folder is done, and the user learns why.
     const QString fileSystem = BtrfsCompressor::fileSystemName(path);
     m_savings->setProgress(id, 100, 0);
