@@ -24,26 +24,36 @@ constexpr int kLinearSampleEvery = 100;
 
 const QStringList kUsers{QStringLiteral("alice"), QStringLiteral("bob"), QStringLiteral("chen"),
                          QStringLiteral("zo\u00eb"), QStringLiteral("jos\u00e9")};
-const QStringList kTops{QStringLiteral("Documents"), QStringLiteral("Pictures"), QStringLiteral("Music"),
-                        QStringLiteral("Downloads"), QStringLiteral("src"), QStringLiteral(".cache"),
-                        QStringLiteral(".local/share"), QStringLiteral(".config"), QStringLiteral("Projects"),
-                        QStringLiteral("Vid\u00e9os"), QStringLiteral("\u5199\u771f"),
-                        QStringLiteral(".mozilla/firefox/k2x9.default")};
-const QStringList kNames{QStringLiteral("work"), QStringLiteral("archive"), QStringLiteral("2023"),
-                         QStringLiteral("R\u00e9sum\u00e9s"), QStringLiteral("\u00c5ngstr\u00f6m"),
-                         QStringLiteral("build"), QStringLiteral("node_modules"), QStringLiteral("lib"),
-                         QStringLiteral("thumbnails"), QStringLiteral("Camera"), QStringLiteral("\u65e5\u672c\u8a9e"),
-                         QStringLiteral("tests"), QStringLiteral("assets"), QStringLiteral(".git/objects/4f"),
-                         QStringLiteral("na\u00efve"), QStringLiteral("Backups")};
-const QStringList kExtensions{QStringLiteral(".txt"), QStringLiteral(".cpp"), QStringLiteral(".h"),
-                              QStringLiteral(".jpg"), QStringLiteral(".JPG"), QStringLiteral(".png"),
-                              QStringLiteral(".gz"), QStringLiteral(".docx"), QStringLiteral(".json"),
-                              QStringLiteral(".md"), QStringLiteral(".py"), QStringLiteral(".o"),
-                              QStringLiteral(".pdf"), QStringLiteral(".mp3"), QStringLiteral(".log"),
+const QStringList kTops{
+    QStringLiteral("Documents"),    QStringLiteral("Pictures"),     QStringLiteral("Music"),
+    QStringLiteral("Downloads"),    QStringLiteral("src"),          QStringLiteral(".cache"),
+    QStringLiteral(".local/share"), QStringLiteral(".config"),      QStringLiteral("Projects"),
+    QStringLiteral("Vid\u00e9os"),  QStringLiteral("\u5199\u771f"), QStringLiteral(".mozilla/firefox/k2x9.default")};
+const QStringList kNames{QStringLiteral("work"),
+                         QStringLiteral("archive"),
+                         QStringLiteral("2023"),
+                         QStringLiteral("R\u00e9sum\u00e9s"),
+                         QStringLiteral("\u00c5ngstr\u00f6m"),
+                         QStringLiteral("build"),
+                         QStringLiteral("node_modules"),
+                         QStringLiteral("lib"),
+                         QStringLiteral("thumbnails"),
+                         QStringLiteral("Camera"),
+                         QStringLiteral("\u65e5\u672c\u8a9e"),
+                         QStringLiteral("tests"),
+                         QStringLiteral("assets"),
+                         QStringLiteral(".git/objects/4f"),
+                         QStringLiteral("na\u00efve"),
+                         QStringLiteral("Backups")};
+const QStringList kExtensions{QStringLiteral(".txt"),    QStringLiteral(".cpp"),  QStringLiteral(".h"),
+                              QStringLiteral(".jpg"),    QStringLiteral(".JPG"),  QStringLiteral(".png"),
+                              QStringLiteral(".gz"),     QStringLiteral(".docx"), QStringLiteral(".json"),
+                              QStringLiteral(".md"),     QStringLiteral(".py"),   QStringLiteral(".o"),
+                              QStringLiteral(".pdf"),    QStringLiteral(".mp3"),  QStringLiteral(".log"),
                               QStringLiteral(".sqlite"), QStringLiteral("")};
-const QStringList kSystem{QStringLiteral("/usr/share/doc/"), QStringLiteral("/usr/lib/x86_64-linux-gnu/"),
+const QStringList kSystem{QStringLiteral("/usr/share/doc/"),     QStringLiteral("/usr/lib/x86_64-linux-gnu/"),
                           QStringLiteral("/var/lib/dpkg/info/"), QStringLiteral("/etc/"),
-                          QStringLiteral("/var/log/journal/"), QStringLiteral("/opt/app/")};
+                          QStringLiteral("/var/log/journal/"),   QStringLiteral("/opt/app/")};
 
 QString pick(QRandomGenerator &random, const QStringList &list)
 {
@@ -146,8 +156,8 @@ Measure measure(const VTExclusionRules &rules, int linearEvery)
 
 void report(const char *name, qsizetype ruleCount, const Measure &m)
 {
-    std::printf("%s (%lld rules): fast %.0f paths/s, linear scan %.0f paths/s, ratio %.2f, %lld of %d excluded\n",
-                name, static_cast<long long>(ruleCount), m.fastPerSecond, m.linearPerSecond,
+    std::printf("%s (%lld rules): fast %.0f paths/s, linear scan %.0f paths/s, ratio %.2f, %lld of %d excluded\n", name,
+                static_cast<long long>(ruleCount), m.fastPerSecond, m.linearPerSecond,
                 m.fastPerSecond / m.linearPerSecond, static_cast<long long>(m.excluded), kPaths);
 }
 

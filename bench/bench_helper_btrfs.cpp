@@ -32,8 +32,8 @@ bool run(const QString &program, const QStringList &arguments, QByteArray *outpu
 {
     QProcess process;
     process.start(program, arguments);
-    const bool ok = process.waitForFinished(600000) && process.exitStatus() == QProcess::NormalExit
-        && process.exitCode() == 0;
+    const bool ok =
+        process.waitForFinished(600000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
     const QByteArray all = process.readAllStandardOutput();
     if (output)
         *output = all;
@@ -100,8 +100,9 @@ void makeCorpus(const QString &dir)
     for (int i = 0; i < 20; ++i)
         writeFile(dir + QStringLiteral("/text/report%1.txt").arg(i), generatedText(MiB + i * 37 * 1024, random));
     for (int i = 0; i < 10; ++i)
-        writeFile(dir + QStringLiteral("/media/clip%1.%2").arg(i).arg(i % 2 ? QStringLiteral("mp4") : QStringLiteral("raw")),
-                  generatedMedia(3 * MiB + i * 4096 + 123, random));
+        writeFile(
+            dir + QStringLiteral("/media/clip%1.%2").arg(i).arg(i % 2 ? QStringLiteral("mp4") : QStringLiteral("raw")),
+            generatedMedia(3 * MiB + i * 4096 + 123, random));
 }
 
 qint64 treeSize(const QString &dir)
@@ -186,8 +187,8 @@ qint64 usage(const QString &mountPoint, const QByteArray &field)
 {
     ::sync();
     QByteArray out;
-    run(QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("usage"), QStringLiteral("-b"), mountPoint},
-        &out);
+    run(QStringLiteral("btrfs"),
+        {QStringLiteral("filesystem"), QStringLiteral("usage"), QStringLiteral("-b"), mountPoint}, &out);
     for (const QByteArray &line : out.split('\n')) {
         const QByteArray trimmed = line.trimmed();
         if (trimmed.startsWith(field))
@@ -229,8 +230,8 @@ int main(int argc, char *argv[])
     QDir().mkpath(root + QStringLiteral("/home/.local/share/Vantor"));
 
     QProcess bus;
-    bus.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"),
-                                              QStringLiteral("--print-address=1")});
+    bus.start(QStringLiteral("dbus-daemon"),
+              {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
     if (!bus.waitForReadyRead(10000)) {
         std::printf("bench-helper-btrfs: SKIP: cannot start a session bus\n");
         return 0;
@@ -284,10 +285,10 @@ int main(int argc, char *argv[])
         dropCaches();
         QElapsedTimer timer;
         timer.start();
-        run(QStringLiteral("chrt"), {QStringLiteral("--idle"), QStringLiteral("0"), QStringLiteral("ionice"),
-                                     QStringLiteral("-c3"), QStringLiteral("btrfs"), QStringLiteral("filesystem"),
-                                     QStringLiteral("defragment"), QStringLiteral("-r"), QStringLiteral("-czstd"),
-                                     defragFolder});
+        run(QStringLiteral("chrt"),
+            {QStringLiteral("--idle"), QStringLiteral("0"), QStringLiteral("ionice"), QStringLiteral("-c3"),
+             QStringLiteral("btrfs"), QStringLiteral("filesystem"), QStringLiteral("defragment"), QStringLiteral("-r"),
+             QStringLiteral("-czstd"), defragFolder});
         ::sync();
         defragTimes.append(timer.nsecsElapsed() / 1e9);
 
@@ -315,10 +316,11 @@ int main(int argc, char *argv[])
         const QString volume = mnt + QStringLiteral("/snapshotted");
         const QString snapshot = mnt + QStringLiteral("/snapshot");
         run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("create"), volume});
-        run(QStringLiteral("cp"), {QStringLiteral("-a"), QStringLiteral("--reflink=never"), corpusFolder,
-                                   volume + QStringLiteral("/corpus")});
-        run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("snapshot"), QStringLiteral("-r"),
-                                      volume, snapshot});
+        run(QStringLiteral("cp"),
+            {QStringLiteral("-a"), QStringLiteral("--reflink=never"), corpusFolder,
+             volume + QStringLiteral("/corpus")});
+        run(QStringLiteral("btrfs"),
+            {QStringLiteral("subvolume"), QStringLiteral("snapshot"), QStringLiteral("-r"), volume, snapshot});
         usedBefore = usage(mnt, "Used:");
         measured = compressWithHelper(store, volume + QStringLiteral("/corpus"), &snapshotSavings);
         usedAfter = usage(mnt, "Used:");
@@ -394,10 +396,12 @@ int main(int argc, char *argv[])
                 helperRate, helperRate / defragRate, savings / 1e6, real / 1e6);
     std::printf("snapshot round: used space %+.2f MB (goal <= 0), reported %.1f MB saved, really freed %.1f MB\n",
                 (usedAfter - usedBefore) / 1e6, snapshotSavings / 1e6, (usedBefore - usedAfter) / 1e6);
-    std::printf("nearly full round: free space %.1f MB before, %.1f MB after (goal: more after), reported %.1f MB saved\n",
-                freeBefore / 1e6, freeAfter / 1e6, fullSavings / 1e6);
+    std::printf(
+        "nearly full round: free space %.1f MB before, %.1f MB after (goal: more after), reported %.1f MB saved\n",
+        freeBefore / 1e6, freeAfter / 1e6, fullSavings / 1e6);
     std::printf("helper CPU: media %.2f s/GB, text %.2f s/GB (the helper's own threads; btrfs compresses in kernel "
-                "workers)\n", cpuPerGB[0], cpuPerGB[1]);
+                "workers)\n",
+                cpuPerGB[0], cpuPerGB[1]);
     std::printf("RESULT bench-helper-btrfs %.2f %% ratio=%.2f\n", difference, helperRate / defragRate);
     return 0;
 }

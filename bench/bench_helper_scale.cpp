@@ -36,8 +36,8 @@ bool run(const QString &program, const QStringList &arguments, QByteArray *outpu
 {
     QProcess process;
     process.start(program, arguments);
-    const bool ok = process.waitForFinished(600000) && process.exitStatus() == QProcess::NormalExit
-        && process.exitCode() == 0;
+    const bool ok =
+        process.waitForFinished(600000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
     if (output)
         *output = process.readAllStandardOutput();
     return ok;
@@ -45,8 +45,9 @@ bool run(const QString &program, const QStringList &arguments, QByteArray *outpu
 
 QByteArray text(qint64 size, QRandomGenerator &random)
 {
-    static const char *const words[] = {"compress ", "folder ", "savings ", "helper ", "btrfs\n", "int main() {",
-                                        "return 0;}\n", "the ", "zstd ", "record ", "status = 100;\n"};
+    static const char *const words[] = {"compress ", "folder ",      "savings ",       "helper ",
+                                        "btrfs\n",   "int main() {", "return 0;}\n",   "the ",
+                                        "zstd ",     "record ",      "status = 100;\n"};
     QByteArray bytes;
     bytes.reserve(size);
     while (bytes.size() < size)
@@ -172,7 +173,8 @@ public:
         for (const QByteArray &line : lines) {
             if (!line.contains(pid))
                 continue;
-            const QDateTime at = QDateTime::fromString(QString::fromLatin1(line.left(line.indexOf(' '))), Qt::ISODateWithMs);
+            const QDateTime at =
+                QDateTime::fromString(QString::fromLatin1(line.left(line.indexOf(' '))), Qt::ISODateWithMs);
             if (line.contains(" started, version"))
                 start = at;
             else if (line.contains(summary) && start.isValid())
@@ -181,10 +183,7 @@ public:
         return -1;
     }
     // Lines of the log naming folder in a summary of a whole pass.
-    qsizetype passes(const QString &folder) const
-    {
-        return read().count("\"" + QFile::encodeName(folder) + "\": ");
-    }
+    qsizetype passes(const QString &folder) const { return read().count("\"" + QFile::encodeName(folder) + "\": "); }
 
 private:
     QString m_log;
@@ -211,9 +210,9 @@ double findSeconds(const QString &dir)
     for (int i = 0; i < 3; ++i) {
         timer.start();
         // At the helper's own idle priority, so other load on the machine slows both alike.
-        run(QStringLiteral("chrt"), {QStringLiteral("--idle"), QStringLiteral("0"), QStringLiteral("ionice"),
-                                     QStringLiteral("-c3"), QStringLiteral("sh"), QStringLiteral("-c"),
-                                     QStringLiteral("find \"$0\" -type f | wc -l"), dir});
+        run(QStringLiteral("chrt"),
+            {QStringLiteral("--idle"), QStringLiteral("0"), QStringLiteral("ionice"), QStringLiteral("-c3"),
+             QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("find \"$0\" -type f | wc -l"), dir});
         best = std::min(best, timer.nsecsElapsed() / 1e9);
     }
     return best;
@@ -239,8 +238,8 @@ int main(int argc, char *argv[])
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(root + QStringLiteral("/runtime")));
 
     QProcess bus;
-    bus.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"),
-                                              QStringLiteral("--print-address=1")});
+    bus.start(QStringLiteral("dbus-daemon"),
+              {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
     if (!bus.waitForReadyRead(10000)) {
         std::printf("bench-helper-scale: SKIP: cannot start a session bus\n");
         return 0;
@@ -318,7 +317,8 @@ int main(int argc, char *argv[])
         makeTree(folder, 50000);
         Helper helper(log);
         DistributedNotificationCenter::defaultCenter()->postNotificationName(
-            QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
+            QLatin1String(Notifications::Folders),
+            {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
         int status = 0;
         waitFor([&] { return helper.passes(folder) > 0 && record(store, folder, &status) && status == 100; }, 1800000);
         waitFor([] { return false; }, 5000);

@@ -9,8 +9,7 @@
 
 // The bytes behind a BDAlias: what is known about a file or folder and its volume when the
 // alias was made. Versioned and length-checked; docs/alias-record.md gives the layout.
-struct VANTOR_COMMON_EXPORT AliasRecord
-{
+struct VANTOR_COMMON_EXPORT AliasRecord {
     static constexpr quint16 kVersion = 1;
 
     enum VolumeFlag : quint32 {

@@ -311,7 +311,8 @@ QByteArray AliasResolver::resolve(const AliasRecord &record, const FSRef *base)
         QByteArray baseDir = base->path();
         if (!S_ISDIR(base->fileStatus().st_mode))
             baseDir = parentOf(baseDir);
-        const QString joined = QDir::cleanPath(QFile::decodeName(baseDir) + u'/' + QFile::decodeName(record.relativePath));
+        const QString joined =
+            QDir::cleanPath(QFile::decodeName(baseDir) + u'/' + QFile::decodeName(record.relativePath));
         if (QByteArray path = search.checkPath(QFile::encodeName(joined)); !path.isEmpty())
             return path;
     }

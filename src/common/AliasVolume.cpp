@@ -133,8 +133,8 @@ bool AliasVolume::hasPersistentFileIds() const
 {
     // Inode numbers that survive unmounting: kept on disk by these file systems; made up at
     // mount time (FAT, exFAT, network and memory file systems, overlays) elsewhere.
-    static const QList<QByteArray> persistent = {"ext2", "ext3", "ext4", "xfs", "btrfs", "f2fs", "jfs",
-                                                 "reiserfs", "zfs", "nilfs2", "bcachefs", "ntfs3", "hfsplus"};
+    static const QList<QByteArray> persistent = {"ext2",     "ext3", "ext4",   "xfs",      "btrfs", "f2fs",   "jfs",
+                                                 "reiserfs", "zfs",  "nilfs2", "bcachefs", "ntfs3", "hfsplus"};
     return persistent.contains(fsType);
 }
 

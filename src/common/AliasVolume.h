@@ -13,10 +13,10 @@
 class VANTOR_COMMON_EXPORT AliasVolume
 {
 public:
-    quint64 device = 0;      // the mount's major:minor
+    quint64 device = 0; // the mount's major:minor
     QByteArray mountPoint;
     QByteArray fsType;
-    QByteArray source;       // e.g. /dev/sda1
+    QByteArray source; // e.g. /dev/sda1
     QByteArray superOptions; // e.g. rw,subvolid=256,subvol=/home
 
     // Every mount of this process's namespace, in mount order (later ones lie on top).

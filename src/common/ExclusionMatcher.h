@@ -13,8 +13,8 @@
 class ExclusionMatcher
 {
 public:
-    ExclusionMatcher(const QSet<QString> &suffixes, const QSet<QString> &prefixes,
-                     const QSet<QString> &substrings, const QSet<QString> &exacts);
+    ExclusionMatcher(const QSet<QString> &suffixes, const QSet<QString> &prefixes, const QSet<QString> &substrings,
+                     const QSet<QString> &exacts);
 
     bool matchesSuffix(const QString &path) const { return m_suffixes.matchesReversedSuffixOf(path); }
     bool matchesPrefix(const QString &path) const { return m_prefixes.matchesPrefixOf(path); }

@@ -67,7 +67,7 @@ QByteArray FSRef::path() const
     // The kernel marks an unlinked item by this suffix, which is also a name anyone may
     // give: only a name that still leads to this item is one.
     if (result.endsWith(" (deleted)")) {
-        struct stat st {};
+        struct stat st { };
         if (::stat(result.constData(), &st) != 0 || st.st_dev != m_stat.st_dev || st.st_ino != m_stat.st_ino)
             return {};
     }

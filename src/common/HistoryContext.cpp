@@ -121,7 +121,8 @@ QByteArray HistoryContext::fetchFolderAlias(qint64 objectID) const
     if (!statement)
         return alias;
     if (sqlite3_step(statement) == SQLITE_ROW)
-        alias = QByteArray(static_cast<const char *>(sqlite3_column_blob(statement, 0)), sqlite3_column_bytes(statement, 0));
+        alias = QByteArray(static_cast<const char *>(sqlite3_column_blob(statement, 0)),
+                           sqlite3_column_bytes(statement, 0));
     finish(statement);
     return alias;
 }

@@ -27,8 +27,8 @@ class VANTOR_COMMON_EXPORT HistoryContext
 {
 public:
     enum class Predicate {
-        All,      // listed and unlisted records
-        Enabled,  // "enabled == YES"
+        All, // listed and unlisted records
+        Enabled, // "enabled == YES"
         Disabled, // "enabled == NO"
     };
 

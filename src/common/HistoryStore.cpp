@@ -36,8 +36,7 @@ public:
             qCWarning(lcCommon, "cannot open the store lock %s: %s", path.constData(), std::strerror(errno));
             return;
         }
-        while (::flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
-        }
+        while (::flock(m_fd, LOCK_EX) != 0 && errno == EINTR) { }
     }
     ~StoreLock()
     {
@@ -127,7 +126,7 @@ bool HistoryStore::addPersistentStore(const QString &path, PresentableError *err
             return fail(rc, reason);
         }
     }
-    struct stat opened {};
+    struct stat opened { };
     if (::stat(encoded.constData(), &opened) == 0) {
         m_device = opened.st_dev;
         m_inode = opened.st_ino;
@@ -140,7 +139,7 @@ bool HistoryStore::isStoreFileReplaced() const
 {
     if (m_path.isEmpty())
         return false;
-    struct stat now {};
+    struct stat now { };
     if (::stat(QFile::encodeName(m_path).constData(), &now) != 0)
         return true;
     return quint64(now.st_dev) != m_device || quint64(now.st_ino) != m_inode;
@@ -159,7 +158,7 @@ bool HistoryStore::reopenPersistentStore(PresentableError *error)
 bool HistoryStore::ensureIntegrityOfDatabaseAtPath(const QString &path)
 {
     const QByteArray encoded = QFile::encodeName(path);
-    struct stat checked {};
+    struct stat checked { };
     if (::lstat(encoded.constData(), &checked) != 0)
         return true; // nothing there, and nothing is created (not even the lock)
     {
@@ -175,17 +174,18 @@ bool HistoryStore::ensureIntegrityOfDatabaseAtPath(const QString &path)
                             "A new empty database will be created now. Please note you will lose your "
                             "configured folders and savings history."));
     StoreLock lock(path);
-    struct stat now {};
+    struct stat now { };
     // Another process may have replaced the file meanwhile; that one was not checked.
     if (::lstat(encoded.constData(), &now) == 0 && sameFile(now, checked) && ::unlink(encoded.constData()) != 0)
-        qCWarning(lcCommon, "cannot delete the damaged history store %s: %s", encoded.constData(), std::strerror(errno));
+        qCWarning(lcCommon, "cannot delete the damaged history store %s: %s", encoded.constData(),
+                  std::strerror(errno));
     return false;
 }
 
 bool HistoryStore::isDatabaseReadableAtPath(const QString &path)
 {
     const QByteArray encoded = QFile::encodeName(path);
-    struct stat checked {};
+    struct stat checked { };
     if (::lstat(encoded.constData(), &checked) != 0)
         return true;
     StoreLock lock(path);
@@ -198,7 +198,8 @@ std::unique_ptr<HistoryStore> HistoryStore::coordinatorWithModel(std::shared_ptr
 {
     if (!model) {
         // An internal inconsistency: the bundle that owns the stack lacks its model resource.
-        qCCritical(lcCommon, "*** Assertion failure in %s %s, %s: Managed object model is nil", owner, operation, sourceFile);
+        qCCritical(lcCommon, "*** Assertion failure in %s %s, %s: Managed object model is nil", owner, operation,
+                   sourceFile);
         qCWarning(lcCommon, "%s:%s No model to generate a store from", owner, operation);
         return nullptr;
     }
@@ -239,8 +240,8 @@ void HistoryStore::presentError(const PresentableError &error)
     if (installedAlerts().presentError)
         installedAlerts().presentError(error);
     else
-        qCWarning(lcCommon, "%s (%s %d): %s", qPrintable(error.localizedDescription), qPrintable(error.domain), error.code,
-                 qPrintable(error.failureReason));
+        qCWarning(lcCommon, "%s (%s %d): %s", qPrintable(error.localizedDescription), qPrintable(error.domain),
+                  error.code, qPrintable(error.failureReason));
 }
 
 PresentableError HistoryStore::initializationError()

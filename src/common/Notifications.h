@@ -4,7 +4,7 @@
 namespace Notifications {
 
 // To the helper.
-inline constexpr const char *Version = "com.quillfen.vantor.version";            // {"version": string}
+inline constexpr const char *Version = "com.quillfen.vantor.version"; // {"version": string}
 inline constexpr const char *Visible = "com.quillfen.vantor.visible";
 inline constexpr const char *Active = "com.quillfen.vantor.active";
 inline constexpr const char *HelperShouldQuit = "vantorHelperShouldQuit";

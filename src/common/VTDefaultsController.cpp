@@ -20,8 +20,7 @@ VTDefaultsController::VTDefaultsController() = default;
 
 VTDefaultsController *VTDefaultsController::create()
 {
-    VTDefaultsController *made =
-        SharedInstance::allocate(g_shared, g_lock, [] { return new VTDefaultsController; });
+    VTDefaultsController *made = SharedInstance::allocate(g_shared, g_lock, [] { return new VTDefaultsController; });
     if (made)
         made->setupDefaultValues();
     return made;

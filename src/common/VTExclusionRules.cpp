@@ -105,8 +105,7 @@ void VTExclusionRules::loadRulesAt(const QString &path)
     for (qsizetype i = 0; i < groups.size(); ++i) {
         const QVariant &group = groups.at(i);
         if (group.typeId() != QMetaType::QVariantMap) {
-            qCWarning(lcCommon).noquote() << "skipping entry" << i << "of" << path
-                                 << "(not a dictionary)";
+            qCWarning(lcCommon).noquote() << "skipping entry" << i << "of" << path << "(not a dictionary)";
             continue;
         }
         const QVariantMap rule = group.toMap();
@@ -126,8 +125,8 @@ void VTExclusionRules::loadRulesAt(const QString &path)
             if (!add)
                 continue;
             if (it.value().typeId() != QMetaType::QString) {
-                qCWarning(lcCommon).noquote() << "skipping" << it.key() << "of entry" << i << "of"
-                                     << path << "(not a string)";
+                qCWarning(lcCommon).noquote()
+                    << "skipping" << it.key() << "of entry" << i << "of" << path << "(not a string)";
                 continue;
             }
             (this->*add)(it.value().toString());

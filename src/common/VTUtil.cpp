@@ -108,8 +108,8 @@ HistoryStore *VTUtil::persistentStoreCoordinator()
     if (g_coordinator || g_building)
         return g_coordinator.get();
     g_building = true;
-    g_coordinator = HistoryStore::coordinatorWithModel(managedObjectModel(), "VTUtil", "persistentStoreCoordinator",
-                                                       __FILE__);
+    g_coordinator =
+        HistoryStore::coordinatorWithModel(managedObjectModel(), "VTUtil", "persistentStoreCoordinator", __FILE__);
     g_building = false;
     return g_coordinator.get();
 }

@@ -49,23 +49,22 @@ QJsonValue byteCount(quint64 bytes)
 
 QString VantorCtl::usage()
 {
-    return QStringLiteral(
-        "Usage: vantorctl [--pane BUNDLE] COMMAND [ARGUMENTS]\n"
-        "\n"
-        "Commands:\n"
-        "  status [--json]    whether the helper runs, whether it is on, and the total saved\n"
-        "  list [--json]      each folder with its progress, savings and whether it still exists\n"
-        "  add PATH...        ask the helper to keep these folders compressed\n"
-        "  remove PATH...     ask the helper to stop watching these folders\n"
-        "  on                 switch the helper on (and start it at login)\n"
-        "  off                switch the helper off (and not at login)\n"
-        "\n"
-        "Options:\n"
-        "  --json             print one JSON document, byte counts as integers\n"
-        "  --pane BUNDLE      use this Vantor.prefPane instead of the installed one\n"
-        "  -h, --help         show this help\n"
-        "\n"
-        "Exit status: 0 done, 1 refused or failed (one line on stderr), 2 usage.\n");
+    return QStringLiteral("Usage: vantorctl [--pane BUNDLE] COMMAND [ARGUMENTS]\n"
+                          "\n"
+                          "Commands:\n"
+                          "  status [--json]    whether the helper runs, whether it is on, and the total saved\n"
+                          "  list [--json]      each folder with its progress, savings and whether it still exists\n"
+                          "  add PATH...        ask the helper to keep these folders compressed\n"
+                          "  remove PATH...     ask the helper to stop watching these folders\n"
+                          "  on                 switch the helper on (and start it at login)\n"
+                          "  off                switch the helper off (and not at login)\n"
+                          "\n"
+                          "Options:\n"
+                          "  --json             print one JSON document, byte counts as integers\n"
+                          "  --pane BUNDLE      use this Vantor.prefPane instead of the installed one\n"
+                          "  -h, --help         show this help\n"
+                          "\n"
+                          "Exit status: 0 done, 1 refused or failed (one line on stderr), 2 usage.\n");
 }
 
 int VantorCtl::run(const QList<QByteArray> &arguments)
@@ -160,7 +159,8 @@ int VantorCtl::list(bool json)
     }
     // The pane's summary row, for folders that have left the list.
     if (history.previousSavings() != 0)
-        text += QStringLiteral("100%\t%1\tOther: Previous savings\n").arg(VTUtil::getPrettySize(history.previousSavings()));
+        text +=
+            QStringLiteral("100%\t%1\tOther: Previous savings\n").arg(VTUtil::getPrettySize(history.previousSavings()));
     text += QStringLiteral("Total saved: %1\n").arg(VTUtil::getPrettySize(history.totalSavings()));
     print(text);
     return Done;
@@ -220,9 +220,8 @@ int VantorCtl::remove(const QList<QByteArray> &paths)
         // The helper knows a folder by its record's own "folder" value, so that is what is sent.
         const QString wanted = QDir::cleanPath(*string);
         const QList<HistoryRecord> listed = history.listed();
-        const auto record = std::find_if(listed.cbegin(), listed.cend(), [&](const HistoryRecord &r) {
-            return QDir::cleanPath(r.folder) == wanted;
-        });
+        const auto record = std::find_if(listed.cbegin(), listed.cend(),
+                                         [&](const HistoryRecord &r) { return QDir::cleanPath(r.folder) == wanted; });
         if (record == listed.cend()) {
             fail(QStringLiteral("%1: not in the list of folders").arg(wanted));
             refused = true;

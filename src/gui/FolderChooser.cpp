@@ -83,8 +83,7 @@ public:
             return false;
         if (bus->isServiceRegistered(QLatin1String(kPortalService)))
             return true;
-        const QDBusReply<QStringList> activatable =
-            bus->call(QStringLiteral("ListActivatableNames"));
+        const QDBusReply<QStringList> activatable = bus->call(QStringLiteral("ListActivatableNames"));
         return activatable.isValid() && activatable.value().contains(QLatin1String(kPortalService));
     }
 
@@ -100,9 +99,9 @@ public:
         // Subscribed before the call, so an answer cannot come before we listen.
         listen(QStringLiteral("%1/request/%2/%3").arg(QLatin1String(kPortalPath), sender, token));
 
-        QDBusMessage call = QDBusMessage::createMethodCall(QLatin1String(kPortalService), QLatin1String(kPortalPath),
-                                                           QLatin1String(kFileChooserInterface),
-                                                           QStringLiteral("OpenFile"));
+        QDBusMessage call =
+            QDBusMessage::createMethodCall(QLatin1String(kPortalService), QLatin1String(kPortalPath),
+                                           QLatin1String(kFileChooserInterface), QStringLiteral("OpenFile"));
         const QVariantMap options{
             {QStringLiteral("handle_token"), token},
             {QStringLiteral("modal"), true},
@@ -117,7 +116,7 @@ public:
             const QDBusPendingReply<QDBusObjectPath> reply = *w;
             if (reply.isError()) {
                 qCWarning(lcGui, "the desktop portal failed (%s), using the built-in dialog",
-                         qPrintable(reply.error().message()));
+                          qPrintable(reply.error().message()));
                 fallBack();
                 return;
             }

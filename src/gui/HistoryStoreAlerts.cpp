@@ -11,8 +11,7 @@ const bool g_installed = [] {
             Alerts::shared()->runModal({messageText, informativeText, {QStringLiteral("OK")}});
         },
         [](const PresentableError &error) {
-            Alerts::shared()->presentError(
-                {error.domain, error.code, error.localizedDescription, error.failureReason});
+            Alerts::shared()->presentError({error.domain, error.code, error.localizedDescription, error.failureReason});
         },
     });
     return true;

@@ -32,9 +32,9 @@ public:
     QWidget *loadMainView();
     QWidget *mainView() const { return m_mainView; }
 
-    virtual void mainViewDidLoad() {}
-    virtual void didSelect() {}
-    virtual void didUnselect() {}
+    virtual void mainViewDidLoad() { }
+    virtual void didSelect() { }
+    virtual void didUnselect() { }
 
 protected:
     // Builds the main view and the interface's other objects from the interface file.

@@ -17,7 +17,6 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-
 namespace {
 
 // The kernel's compression type numbers (not in the user-space header).
@@ -35,13 +34,13 @@ constexpr int kIoprioWhoProcess = 1;
 
 bool BtrfsCompressor::isBtrfs(int fd)
 {
-    struct statfs fs {};
+    struct statfs fs { };
     return ::fstatfs(fd, &fs) == 0 && fs.f_type == BTRFS_SUPER_MAGIC;
 }
 
 QString BtrfsCompressor::fileSystemName(const QByteArray &path)
 {
-    struct stat st {};
+    struct stat st { };
     if (::stat(path.constData(), &st) == 0) {
         for (const AliasVolume &volume : AliasVolume::mounted()) {
             if (volume.device == st.st_dev && !volume.fsType.isEmpty())
@@ -89,7 +88,7 @@ BtrfsCompressor::Result BtrfsCompressor::compressRanges(int fd, const QList<Exte
             }
             const bool low = room < FreeSpaceGuard::kLowRoom;
             const __u64 step = low ? qMax(__u64(room / 4) / kChunk * kChunk, kChunk) : kStep;
-            struct btrfs_ioctl_defrag_range_args args {};
+            struct btrfs_ioctl_defrag_range_args args { };
             args.start = start;
             args.len = qMin(step, end - start);
             args.flags = BTRFS_DEFRAG_RANGE_COMPRESS | BTRFS_DEFRAG_RANGE_START_IO;
@@ -115,7 +114,7 @@ void BtrfsCompressor::lowerThreadPriority()
 {
     // With who = process and id 0 these act on the calling thread only.
     ::syscall(SYS_ioprio_set, kIoprioWhoProcess, 0, kIoprioClassIdle << kIoprioClassShift);
-    struct sched_param param {};
+    struct sched_param param { };
     ::sched_setscheduler(0, SCHED_IDLE, &param);
     ::setpriority(PRIO_PROCESS, pid_t(::gettid()), 19);
 }

@@ -15,9 +15,9 @@ class BtrfsCompressor
 public:
     enum class Result {
         Compressed,
-        InUse,   // open for writing elsewhere: no read lease could be taken, or it was broken
+        InUse, // open for writing elsewhere: no read lease could be taken, or it was broken
         NoSpace, // the disk is too full to go on; what was not rewritten is as it was
-        Failed,  // the file system refused; errno tells why
+        Failed, // the file system refused; errno tells why
     };
 
     static bool isBtrfs(int fd);

@@ -78,8 +78,8 @@ void CompressionEngine::resume()
                 continue; // gone: listed by its recorded path
             if (!m_savings->renameFolder(record.objectID, folder, found))
                 continue;
-            qCInfo(lcHelper, "\"%s\" was moved to \"%s\" while the helper was not running",
-                  qPrintable(folder), qPrintable(found));
+            qCInfo(lcHelper, "\"%s\" was moved to \"%s\" while the helper was not running", qPrintable(folder),
+                   qPrintable(found));
             folder = found;
         }
         m_folders[record.objectID].status = record.status;
@@ -205,9 +205,10 @@ void CompressionEngine::watchLimitReached(qint64 id)
     const auto it = m_folders.constFind(id);
     if (it == m_folders.cend())
         return;
-    qCWarning(lcHelper, "the watch limit (fs.inotify.max_user_watches = %d) is reached; \"%s\" is rescanned "
-             "every %d minutes instead of followed",
-             FolderWatch::limit(), qPrintable(it->path), kLimitedRescanMs / 60000);
+    qCWarning(lcHelper,
+              "the watch limit (fs.inotify.max_user_watches = %d) is reached; \"%s\" is rescanned "
+              "every %d minutes instead of followed",
+              FolderWatch::limit(), qPrintable(it->path), kLimitedRescanMs / 60000);
     if (m_limited.contains(id))
         return;
     m_limited.insert(id);
@@ -225,8 +226,9 @@ void CompressionEngine::watchLimitReached(qint64 id)
 
 void CompressionEngine::overflowed()
 {
-    qCWarning(lcHelper, "changes came faster than they could be read and some were lost; "
-             "every watched folder is rescanned");
+    qCWarning(lcHelper,
+              "changes came faster than they could be read and some were lost; "
+              "every watched folder is rescanned");
     m_worker->rescanAll();
 }
 

@@ -31,7 +31,7 @@ qint64 CompressionModel::savingsForChunk(const char *data, qint64 size)
 
 qint64 CompressionModel::savingsForFile(int fd)
 {
-    struct stat st {};
+    struct stat st { };
     if (::fstat(fd, &st) != 0)
         return -1;
     return savingsForRanges(fd, {{0, st.st_size}});
@@ -39,7 +39,7 @@ qint64 CompressionModel::savingsForFile(int fd)
 
 qint64 CompressionModel::savingsForRanges(int fd, const QList<ExtentMap::Range> &ranges)
 {
-    struct stat st {};
+    struct stat st { };
     if (::fstat(fd, &st) != 0)
         return -1;
     if (st.st_size <= kBlockSize)

@@ -371,22 +371,23 @@ void CompressionWorker::runJob(const Job &job)
     const qsizetype known = files - todo.size();
     FileCompressor compressor(folder.fd, folder.path, m_skipped, m_cancelCurrent);
     qsizetype done = 0;
-    compressor.compress(todo, [this] { return waitUntilActive(); },
-                        [&](qsizetype index, const FileCompressor::Outcome &outcome) {
-                            ++done;
-                            const RescanCache::Figures figures{outcome.savings, outcome.shared};
-                            if (outcome.settled)
-                                m_cache.insert(outcome.st, figures);
-                            tally.add(todoFolders[index], figures);
-                            Q_EMIT progress(job.id, quint32((known + done) * 100 / files),
-                                            quint64(std::max<qint64>(tally.total.savings, 0)));
-                        });
+    compressor.compress(
+        todo, [this] { return waitUntilActive(); },
+        [&](qsizetype index, const FileCompressor::Outcome &outcome) {
+            ++done;
+            const RescanCache::Figures figures{outcome.savings, outcome.shared};
+            if (outcome.settled)
+                m_cache.insert(outcome.st, figures);
+            tally.add(todoFolders[index], figures);
+            Q_EMIT progress(job.id, quint32((known + done) * 100 / files),
+                            quint64(std::max<qint64>(tally.total.savings, 0)));
+        });
     const qsizetype unreadable = walker.unreadable().count + compressor.unreadable().count;
     if (unreadable > 0) {
-        const int error = walker.unreadable().count > 0 ? walker.unreadable().firstError
-                                                        : compressor.unreadable().firstError;
+        const int error =
+            walker.unreadable().count > 0 ? walker.unreadable().firstError : compressor.unreadable().firstError;
         qCWarning(lcHelper, "%lld items in \"%s\" could not be opened (%s) and were left as they are",
-                 static_cast<long long>(unreadable), qPrintable(QFile::decodeName(folder.path)), std::strerror(error));
+                  static_cast<long long>(unreadable), qPrintable(QFile::decodeName(folder.path)), std::strerror(error));
     }
     if (m_cancelCurrent.load())
         return;
@@ -398,7 +399,8 @@ void CompressionWorker::runJob(const Job &job)
         Q_EMIT sharedFound(job.id);
     if (compressor.ranOutOfSpace()) {
         const qint64 room = FreeSpaceGuard::room(folder.fd);
-        Q_EMIT waitingForSpace(job.id, quint32(std::min<qsizetype>((known + done) * 100 / std::max<qsizetype>(files, 1), 99)),
+        Q_EMIT waitingForSpace(job.id,
+                               quint32(std::min<qsizetype>((known + done) * 100 / std::max<qsizetype>(files, 1), 99)),
                                savings, quint64(qMax(FreeSpaceGuard::kMinRoom - room, FreeSpaceGuard::kMinRoom)));
         return;
     }

@@ -100,7 +100,7 @@ private:
     QWaitCondition m_wake;
     QList<Job> m_jobs;
     QHash<qint64, Folder> m_folders;
-    QList<int> m_dropped;     // descriptors of cancelled folders, closed by the thread
+    QList<int> m_dropped; // descriptors of cancelled folders, closed by the thread
     QList<qint64> m_droppedIds;
     qint64 m_current = 0;
     bool m_active = true;

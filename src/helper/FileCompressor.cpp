@@ -75,7 +75,6 @@ private:
     bool m_closed = false;
 };
 
-
 enum class Rewrite { Rewritten, NotSaved, NoSpace };
 
 Rewrite rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, const std::atomic<bool> &cancel,
@@ -89,7 +88,7 @@ Rewrite rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped
         return Rewrite::NotSaved;
     case BtrfsCompressor::Result::Failed: {
         const int error = errno;
-        struct stat st {};
+        struct stat st { };
         // An active swap file refuses to have its blocks moved.
         if (error == ETXTBSY && ::fstat(fd, &st) == 0) {
             skipped.add(st, SkippedFiles::Reason::SwapFile);
@@ -162,7 +161,7 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
             entry.index = i;
             entry.path = paths[i];
             const int fd = openForReading(paths[i]);
-            struct stat st {};
+            struct stat st { };
             entry.error = fd < 0 && errno != ENOENT ? errno : 0;
             if (fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
                 entry.skip = m_skipped.find(st);
@@ -256,7 +255,7 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
             // of its own gets it: in a snapshot its metadata is shared too.
             const QByteArray folder = entry->path.left(qMax(entry->path.lastIndexOf('/'), 0));
             const int folderFd = FolderWalker::openNoAtime(m_rootFd, folder.isEmpty() ? "." : folder.constData(),
-                                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+                                                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
             if (folderFd >= 0) {
                 BtrfsCompressor::ensureCompressionProperty(folderFd);
                 ::close(folderFd);
@@ -265,7 +264,7 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
             m_noSpace = result == Rewrite::NoSpace;
             rewritten = result == Rewrite::Rewritten;
             // In use or refused: tried again when it changes or at the next rescan.
-            struct stat now {};
+            struct stat now { };
             outcome.settled = rewritten || (::fstat(fd, &now) == 0 && m_skipped.find(now).has_value());
         } else if (entry->encoded) {
             m_report.alreadyCompressed();

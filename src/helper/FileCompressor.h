@@ -27,7 +27,7 @@ public:
         // The file is done for as long as it stays as st says (compressed, found compressed,
         // skipped for a reason, or would not shrink); false when it must be tried again.
         bool settled = false;
-        struct stat st {};
+        struct stat st { };
     };
     // Called in order for each file handled; index into the list given.
     using Done = std::function<void(qsizetype index, const Outcome &outcome)>;

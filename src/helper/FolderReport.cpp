@@ -32,7 +32,7 @@ void FolderReport::skipped(const QByteArray &path, SkippedFiles::Reason reason, 
     ++m_skipped[reason];
     if (!known)
         qCInfo(lcHelper, "\"%s\" was left as it is: %s", qPrintable(name(path)),
-              qPrintable(SkippedFiles::describe(reason)));
+               qPrintable(SkippedFiles::describe(reason)));
 }
 
 void FolderReport::failed(const QByteArray &path, int error)
@@ -59,7 +59,8 @@ QString FolderReport::summary(bool waiting) const
     if (m_inUse)
         parts.append(QStringLiteral("%1 in use, left for later").arg(m_inUse));
     if (m_failed)
-        parts.append(QStringLiteral("%1 failed (%2)").arg(m_failed).arg(QString::fromLocal8Bit(std::strerror(m_firstError))));
+        parts.append(
+            QStringLiteral("%1 failed (%2)").arg(m_failed).arg(QString::fromLocal8Bit(std::strerror(m_firstError))));
     if (m_shared)
         parts.append(QStringLiteral("%1 with %2 shared with snapshots or copies left as it is")
                          .arg(m_shared)

@@ -13,7 +13,7 @@ FolderWalker::FolderWalker(int rootFd, const QByteArray &rootPath)
     : m_rootFd(rootFd)
     , m_rootPath(rootPath)
 {
-    struct stat st {};
+    struct stat st { };
     if (::fstat(rootFd, &st) == 0)
         m_device = st.st_dev;
 }
@@ -72,7 +72,7 @@ bool FolderWalker::read(Folder *folder)
             m_unreadable.add(errno);
         return false;
     }
-    struct stat st {};
+    struct stat st { };
     DIR *dir = nullptr;
     if (::fstat(folder->fd, &st) != 0 || st.st_dev != m_device || !(dir = ::fdopendir(::dup(folder->fd)))) {
         ::close(folder->fd);

@@ -21,8 +21,8 @@ public:
     };
     struct Folder {
         QByteArray relative;
-        int fd = -1;              // open while the visitor runs
-        QList<File> files;        // regular files, with their status
+        int fd = -1; // open while the visitor runs
+        QList<File> files; // regular files, with their status
         QList<QByteArray> subfolders; // names
     };
     // Items that could not be opened, told once per pass rather than lost silently.

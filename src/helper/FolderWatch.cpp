@@ -22,8 +22,7 @@ FolderWatch::FolderWatch(QObject *parent)
     , m_fd(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
 {
     if (m_fd < 0) {
-        qCWarning(lcHelper, "cannot watch folders for changes (%s); they are rescanned instead",
-                 std::strerror(errno));
+        qCWarning(lcHelper, "cannot watch folders for changes (%s); they are rescanned instead", std::strerror(errno));
         return;
     }
     m_notifier = new QSocketNotifier(m_fd, QSocketNotifier::Read, this);

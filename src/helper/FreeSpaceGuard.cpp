@@ -19,7 +19,7 @@ FreeSpaceGuard::FreeSpaceGuard(QObject *parent)
 
 qint64 FreeSpaceGuard::margin(int fd)
 {
-    struct statvfs fs {};
+    struct statvfs fs { };
     if (::fstatvfs(fd, &fs) != 0)
         return 0;
     const qint64 size = qint64(fs.f_blocks) * qint64(fs.f_frsize);
@@ -28,7 +28,7 @@ qint64 FreeSpaceGuard::margin(int fd)
 
 qint64 FreeSpaceGuard::room(int fd)
 {
-    struct statvfs fs {};
+    struct statvfs fs { };
     if (::fstatvfs(fd, &fs) != 0)
         return 0;
     return qint64(fs.f_bavail) * qint64(fs.f_frsize) - margin(fd);

@@ -42,9 +42,9 @@ bool HelperBus::start(QString *why)
         center->addObserver(this, QLatin1String(name),
                             [this](const DistributedNotification &n) { Q_EMIT received(n); });
 
-    const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply = bus.interface()->registerService(
-        HelperIdentity::busName(), QDBusConnectionInterface::DontQueueService,
-        QDBusConnectionInterface::DontAllowReplacement);
+    const QDBusReply<QDBusConnectionInterface::RegisterServiceReply> reply =
+        bus.interface()->registerService(HelperIdentity::busName(), QDBusConnectionInterface::DontQueueService,
+                                         QDBusConnectionInterface::DontAllowReplacement);
     if (!reply.isValid() || reply.value() != QDBusConnectionInterface::ServiceRegistered) {
         *why = QStringLiteral("another helper owns %1; pid %2 exiting").arg(HelperIdentity::busName()).arg(::getpid());
         return false;

@@ -73,13 +73,17 @@ bool RescanCache::load()
     if (body < 0 || body % kRecordSize != 0 || !bytes.startsWith(QByteArrayView(kMagic, kMagicSize))
         || checksum(QByteArrayView(bytes).first(bytes.size() - kHashSize)) != QByteArrayView(bytes).last(kHashSize)) {
         qCWarning(lcHelper, "the rescan cache %s is damaged; it is rebuilt by the next rescan",
-                 qPrintable(file.fileName()));
+                  qPrintable(file.fileName()));
         return false;
     }
     m_entries.reserve(body / kRecordSize);
-    for (const char *at = bytes.constData() + kMagicSize; at < bytes.constData() + kMagicSize + body; at += kRecordSize) {
-        Entry entry{qint64(get(at + 16)), qint64(get(at + 24)), qint64(get(at + 32)),
-                    {qint64(get(at + 40)), qint64(get(at + 48))}, false};
+    for (const char *at = bytes.constData() + kMagicSize; at < bytes.constData() + kMagicSize + body;
+         at += kRecordSize) {
+        Entry entry{qint64(get(at + 16)),
+                    qint64(get(at + 24)),
+                    qint64(get(at + 32)),
+                    {qint64(get(at + 40)), qint64(get(at + 48))},
+                    false};
         m_entries.insert({get(at), get(at + 8)}, entry);
     }
     return true;

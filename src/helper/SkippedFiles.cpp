@@ -19,7 +19,8 @@ QString SkippedFiles::describe(Reason reason)
 {
     switch (reason) {
     case Reason::NoCopyOnWrite:
-        return QStringLiteral("copy-on-write is off for it (as for databases and disk images), and btrfs compresses only copy-on-write files");
+        return QStringLiteral(
+            "copy-on-write is off for it (as for databases and disk images), and btrfs compresses only copy-on-write files");
     case Reason::SwapFile:
         return QStringLiteral("it is a swap file in use");
     case Reason::StaysPlain:

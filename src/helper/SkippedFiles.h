@@ -17,8 +17,8 @@ class SkippedFiles
 public:
     enum class Reason {
         NoCopyOnWrite, // chattr +C: btrfs compresses only copy-on-write data
-        SwapFile,      // the kernel refuses to move an active swap file's blocks
-        StaysPlain,    // rewritten once and still stored uncompressed
+        SwapFile, // the kernel refuses to move an active swap file's blocks
+        StaysPlain, // rewritten once and still stored uncompressed
     };
 
     // The reason visible before any rewrite, if there is one.
@@ -36,7 +36,10 @@ private:
         qint64 changeNanoseconds;
         bool operator==(const Key &) const = default;
     };
-    friend size_t qHash(const Key &key, size_t seed) { return qHashMulti(seed, key.device, key.inode, key.changeNanoseconds); }
+    friend size_t qHash(const Key &key, size_t seed)
+    {
+        return qHashMulti(seed, key.device, key.inode, key.changeNanoseconds);
+    }
     static Key keyOf(const struct stat &st);
 
     mutable QMutex m_lock;

@@ -13,7 +13,8 @@
 
 TrayIcon::TrayIcon(QObject *parent)
     : QObject(parent)
-    , m_icon(new QSystemTrayIcon(QIcon::fromTheme(QStringLiteral("vantor"), QIcon::fromTheme(QStringLiteral("drive-harddisk"))), this))
+    , m_icon(new QSystemTrayIcon(
+          QIcon::fromTheme(QStringLiteral("vantor"), QIcon::fromTheme(QStringLiteral("drive-harddisk"))), this))
     , m_menu(new QMenu)
 {
     m_menu->addAction(QStringLiteral("Open Vantor settings"), this, &TrayIcon::openSettings);

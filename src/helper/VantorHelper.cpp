@@ -78,7 +78,8 @@ bool VantorHelper::start()
         qCInfo(lcHelper, "the session bus has gone; quitting");
         QCoreApplication::quit();
     });
-    qCInfo(lcHelper, "started, version %s, pid %d; %s", qPrintable(m_version), int(::getpid()), qPrintable(readDefaults()));
+    qCInfo(lcHelper, "started, version %s, pid %d; %s", qPrintable(m_version), int(::getpid()),
+           qPrintable(readDefaults()));
 
     m_notifier = std::make_unique<DesktopNotifier>();
     m_savings = std::make_unique<SavingsModel>();

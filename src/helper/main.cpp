@@ -22,8 +22,8 @@ int main(int argc, char *argv[])
     // With a display the helper has a tray icon; without one (a headless session) it still works.
     const bool display = qEnvironmentVariableIsSet("WAYLAND_DISPLAY") || qEnvironmentVariableIsSet("DISPLAY")
         || qEnvironmentVariableIsSet("QT_QPA_PLATFORM");
-    std::unique_ptr<QCoreApplication> application = display ? std::make_unique<QApplication>(argc, argv)
-                                                             : std::make_unique<QCoreApplication>(argc, argv);
+    std::unique_ptr<QCoreApplication> application =
+        display ? std::make_unique<QApplication>(argc, argv) : std::make_unique<QCoreApplication>(argc, argv);
     QCoreApplication &app = *application;
     QApplication::setQuitOnLastWindowClosed(false);
     QCoreApplication::setApplicationName(QStringLiteral("VantorHelper"));

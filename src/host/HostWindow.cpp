@@ -31,8 +31,8 @@ void HostWindow::showNoPane(const QStringList &searched)
     label->setAlignment(Qt::AlignCenter);
     label->setMargin(32);
     label->setTextFormat(Qt::PlainText);
-    label->setText(tr("Vantor is not installed.\n\nNo Vantor preference pane was found in:\n%1")
-                       .arg(searched.join(u'\n')));
+    label->setText(
+        tr("Vantor is not installed.\n\nNo Vantor preference pane was found in:\n%1").arg(searched.join(u'\n')));
     label->setAccessibleName(tr("Vantor is not installed"));
     label->installEventFilter(this);
     setCentralWidget(label);

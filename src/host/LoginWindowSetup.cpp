@@ -54,9 +54,11 @@ QByteArray LoginWindowSetup::autostartEntry(const QString &agent)
            "Type=Application\n"
            "Name=Vantor login items\n"
            "Comment=Opens the applications Vantor starts at login\n"
-           "Exec=" + quoteExec(agent).toUtf8() + "\n"
-           "NoDisplay=true\n"
-           "X-GNOME-Autostart-Phase=Applications\n";
+           "Exec="
+        + quoteExec(agent).toUtf8()
+        + "\n"
+          "NoDisplay=true\n"
+          "X-GNOME-Autostart-Phase=Applications\n";
 }
 
 void LoginWindowSetup::ensureAutostartEntry()
@@ -85,7 +87,8 @@ QString LoginWindowSetup::execProgram(const QString &entryPath)
         if (!line.startsWith("Exec="))
             continue;
         // The string layer first (a doubled backslash is one), then the Exec quoting (backslash-x is x).
-        const QString exec = QString::fromUtf8(line.mid(5)).trimmed().replace(QStringLiteral("\\\\"), QStringLiteral("\\"));
+        const QString exec =
+            QString::fromUtf8(line.mid(5)).trimmed().replace(QStringLiteral("\\\\"), QStringLiteral("\\"));
         if (!exec.startsWith(u'"'))
             return exec.section(u' ', 0, 0);
         QString program;

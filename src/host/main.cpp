@@ -48,9 +48,9 @@ int main(int argc, char *argv[])
     const QCommandLineOption paneOption(QStringLiteral("pane"),
                                         QStringLiteral("Load the pane bundle at <path> instead of the installed one."),
                                         QStringLiteral("path"));
-    const QCommandLineOption screenshotOption(QStringLiteral("screenshot"),
-                                              QStringLiteral("Render the window to a PNG <file> once started, then quit."),
-                                              QStringLiteral("file"));
+    const QCommandLineOption screenshotOption(
+        QStringLiteral("screenshot"), QStringLiteral("Render the window to a PNG <file> once started, then quit."),
+        QStringLiteral("file"));
     parser.addOption(paneOption);
     parser.addOption(screenshotOption);
     parser.process(app);

@@ -30,8 +30,8 @@ void report(const QString &line)
 
 int LoginItemsAgent::openAll()
 {
-    const QVariant value = PreferencesDomain(QStringLiteral("loginwindow"))
-                               .copyValue(QStringLiteral("AutoLaunchedApplicationDictionary"));
+    const QVariant value =
+        PreferencesDomain(QStringLiteral("loginwindow")).copyValue(QStringLiteral("AutoLaunchedApplicationDictionary"));
     int opened = 0;
     const QVariantList entries = value.toList();
     for (const QVariant &item : entries) {

@@ -11,6 +11,5 @@ class VANTOR_PLATFORM_EXPORT AtomicFile
 {
 public:
     // mode applies to the new file; user-only by default since our files hold the user's data.
-    static bool write(const QString &path, const QByteArray &bytes, QString *error = nullptr,
-                      unsigned mode = 0600);
+    static bool write(const QString &path, const QByteArray &bytes, QString *error = nullptr, unsigned mode = 0600);
 };

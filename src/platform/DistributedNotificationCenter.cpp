@@ -107,7 +107,7 @@ void DistributedNotificationCenter::warnNoBusOnce(const QString &name)
         return;
     m_warned = true;
     qCWarning(lcPlatform, "no D-Bus session bus (%s); notifications such as \"%s\" are not delivered",
-             qPrintable(QDBusConnection::sessionBus().lastError().message()), qPrintable(name));
+              qPrintable(QDBusConnection::sessionBus().lastError().message()), qPrintable(name));
 }
 
 void DistributedNotificationCenter::postNotificationName(const QString &name, const QVariantMap &userInfo)
@@ -117,8 +117,8 @@ void DistributedNotificationCenter::postNotificationName(const QString &name, co
         warnNoBusOnce(name);
         return;
     }
-    QDBusMessage signal = QDBusMessage::createSignal(QLatin1String(kPath), QLatin1String(kInterface),
-                                                     QLatin1String(kMember));
+    QDBusMessage signal =
+        QDBusMessage::createSignal(QLatin1String(kPath), QLatin1String(kInterface), QLatin1String(kMember));
     signal << name << userInfo;
     if (!bus.send(signal))
         qCWarning(lcPlatform, "could not post \"%s\": %s", qPrintable(name), qPrintable(bus.lastError().message()));
@@ -140,12 +140,11 @@ void DistributedNotificationCenter::addObserver(QObject *observer, const QString
         return;
     }
     if (bus.connect(QString(), QLatin1String(kPath), QLatin1String(kInterface), QLatin1String(kMember),
-                    QStringList{name}, QStringLiteral("sa{sv}"), this,
-                    SLOT(deliver(QString, QVariantMap))))
+                    QStringList{name}, QStringLiteral("sa{sv}"), this, SLOT(deliver(QString, QVariantMap))))
         m_subscribedNames.append(name);
     else
         qCWarning(lcPlatform, "could not subscribe to \"%s\": %s", qPrintable(name),
-                 qPrintable(bus.lastError().message()));
+                  qPrintable(bus.lastError().message()));
 }
 
 void DistributedNotificationCenter::deliver(const QString &name, const QVariantMap &userInfo)
@@ -161,8 +160,9 @@ void DistributedNotificationCenter::deliver(const QString &name, const QVariantM
     for (const Observer &o : snapshot) {
         if (o.name != name)
             continue;
-        const bool stillThere = std::any_of(m_observers.cbegin(), m_observers.cend(),
-                                            [&](const Observer &x) { return x.observer == o.observer && x.name == name; });
+        const bool stillThere = std::any_of(m_observers.cbegin(), m_observers.cend(), [&](const Observer &x) {
+            return x.observer == o.observer && x.name == name;
+        });
         if (stillThere)
             o.handler(note);
     }

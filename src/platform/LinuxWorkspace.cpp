@@ -85,7 +85,8 @@ QList<RunningApplication *> LinuxWorkspace::runningApplicationsWithBundleIdentif
 bool LinuxWorkspace::openURL(const QUrl &url)
 {
     QString error;
-    if (!Task::launchedTaskWithLaunchPath(QStringLiteral("xdg-open"), {url.toString(QUrl::FullyEncoded)}, &error, true)) {
+    if (!Task::launchedTaskWithLaunchPath(QStringLiteral("xdg-open"), {url.toString(QUrl::FullyEncoded)}, &error,
+                                          true)) {
         qCWarning(lcPlatform, "cannot open %s: %s", qPrintable(url.toString()), qPrintable(error));
         return false;
     }

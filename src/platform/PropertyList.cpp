@@ -194,7 +194,8 @@ bool xmlCanHold(const QVariant &v, int depth)
     case QMetaType::QStringList:
     case QMetaType::QVariantList: {
         const QVariantList list = v.toList();
-        return std::all_of(list.cbegin(), list.cend(), [depth](const QVariant &item) { return xmlCanHold(item, depth + 1); });
+        return std::all_of(list.cbegin(), list.cend(),
+                           [depth](const QVariant &item) { return xmlCanHold(item, depth + 1); });
     }
     case QMetaType::QVariantMap: {
         const QVariantMap map = v.toMap();

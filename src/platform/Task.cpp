@@ -49,7 +49,8 @@ Task *Task::launchedTaskWithLaunchPath(const QString &launchPath, const QStringL
                                            output == DiscardOutput);
     if (pid < 0) {
         if (error)
-            *error = QStringLiteral("cannot start %1: %2").arg(launchPath, QString::fromLocal8Bit(std::strerror(errno)));
+            *error =
+                QStringLiteral("cannot start %1: %2").arg(launchPath, QString::fromLocal8Bit(std::strerror(errno)));
         return nullptr;
     }
     return new Task(pid);

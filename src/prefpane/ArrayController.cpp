@@ -42,10 +42,9 @@ bool ArrayController::lessThan(const QModelIndex &left, const QModelIndex &right
     }
     const QModelIndex first = left.siblingAtColumn(keyColumn);
     const QModelIndex second = right.siblingAtColumn(keyColumn);
-    return descriptor.compareRows(first.data(HistoryArrayModel::SortIDRole).toInt(),
-                                  first.data(HistoryArrayModel::ValueRole),
-                                  second.data(HistoryArrayModel::SortIDRole).toInt(),
-                                  second.data(HistoryArrayModel::ValueRole))
+    return descriptor.compareRows(
+               first.data(HistoryArrayModel::SortIDRole).toInt(), first.data(HistoryArrayModel::ValueRole),
+               second.data(HistoryArrayModel::SortIDRole).toInt(), second.data(HistoryArrayModel::ValueRole))
         < 0;
 }
 

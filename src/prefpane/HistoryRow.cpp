@@ -2,8 +2,8 @@
 
 namespace {
 
-constexpr std::array<QStringView, HistoryRow::KeyCount> kKeys{u"sortID", u"folder", u"path",
-                                                               u"status", u"savings", u"enabled"};
+constexpr std::array<QStringView, HistoryRow::KeyCount> kKeys{u"sortID", u"folder",  u"path",
+                                                              u"status", u"savings", u"enabled"};
 
 } // namespace
 

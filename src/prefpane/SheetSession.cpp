@@ -21,8 +21,7 @@ bool SheetSession::beginSheet(QWidget *sheet, QWidget *window, DidEnd didEnd)
     if (!sheet || !window)
         return false;
     if (attachedSheet(window)) {
-        qCWarning(lcPane, "a sheet is already shown on this window; %s is not shown",
-                 qPrintable(sheet->objectName()));
+        qCWarning(lcPane, "a sheet is already shown on this window; %s is not shown", qPrintable(sheet->objectName()));
         return false;
     }
     if (sheet->parentWidget() != window || !sheet->isWindow())

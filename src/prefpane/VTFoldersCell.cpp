@@ -31,8 +31,8 @@ void VTFoldersCell::drawInteriorWithFrame(QPainter *painter, const QStyleOptionV
     // Tested at every drawing: a folder that disappears turns red at the next redraw.
     const bool missing = enabled && !isHighlighted(cell) && !FileManager::fileExists(path);
     const QFont font = cellFont();
-    const QString text = QFellipsis::mutableEllipsizedStringFrom(lastPathComponent(path), font,
-                                                                  float(frame.width() - kTextInset));
+    const QString text =
+        QFellipsis::mutableEllipsizedStringFrom(lastPathComponent(path), font, float(frame.width() - kTextInset));
     const qreal t = std::trunc(textSize(text, font).height());
     const qreal ty = frame.y() + std::floor((frame.height() - t) / 2);
     painter->setFont(font);

@@ -52,9 +52,9 @@ VTHistoryController::VTHistoryController()
         [this](const DistributedNotification &notification) { savingsNeedRefreshing(notification); });
     refreshTotalSavings();
     updatePreviousSavings();
-    connect(this, &VTHistoryController::foldersChanged, this, [this] {
-        observeValueForKeyPath(QStringLiteral("folders"), this, {}, this);
-    }, Qt::DirectConnection);
+    connect(
+        this, &VTHistoryController::foldersChanged, this,
+        [this] { observeValueForKeyPath(QStringLiteral("folders"), this, {}, this); }, Qt::DirectConnection);
 }
 
 VTHistoryController::~VTHistoryController() = default;
@@ -112,8 +112,8 @@ HistoryStore *VTHistoryController::persistentStoreCoordinator()
     if (m_persistentStoreCoordinator || m_building)
         return m_persistentStoreCoordinator.get();
     m_building = true;
-    m_persistentStoreCoordinator = HistoryStore::coordinatorWithModel(
-        managedObjectModel(), "VTHistoryController", "persistentStoreCoordinator", __FILE__);
+    m_persistentStoreCoordinator = HistoryStore::coordinatorWithModel(managedObjectModel(), "VTHistoryController",
+                                                                      "persistentStoreCoordinator", __FILE__);
     m_building = false;
     if (m_refreshPending) {
         m_refreshPending = false;
@@ -239,8 +239,7 @@ void VTHistoryController::warnAboutRemovedFolders()
 {
     Alerts::shared()->beginSheet(
         QApplication::activeWindow(),
-        {QStringLiteral("Filtered out folders"), FolderRequest::otherVolumesMessage(),
-         {QStringLiteral("OK")}},
+        {QStringLiteral("Filtered out folders"), FolderRequest::otherVolumesMessage(), {QStringLiteral("OK")}},
         [this](int returnCode) { alertDidEnd(nullptr, returnCode, nullptr); });
 }
 

@@ -81,8 +81,7 @@ void VTHistoryController::refresh()
     updatePreviousSavings();
 }
 
-void VTHistoryController::observeValueForKeyPath(const QString &keyPath, QObject *, const QVariantMap &,
-                                                 void *context)
+void VTHistoryController::observeValueForKeyPath(const QString &keyPath, QObject *, const QVariantMap &, void *context)
 {
     if (context == this && keyPath == QLatin1String("folders"))
         updatePreviousSavings();

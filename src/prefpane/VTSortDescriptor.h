@@ -9,8 +9,8 @@ class VTSortDescriptor
 {
 public:
     enum class Comparison {
-        Default,           // the values' natural order (numbers by value, strings literally)
-        CaseInsensitive,   // caseInsensitiveCompare
+        Default, // the values' natural order (numbers by value, strings literally)
+        CaseInsensitive, // caseInsensitiveCompare
         LastPathComponent, // lastPathComponentCompare
     };
 

@@ -115,9 +115,9 @@ void VantorPref::mainViewDidLoad()
                             [h](const DistributedNotification &) { h->terminate(nullptr); });
     }
 
-    connect(store, &VTDefaultsController::visibleChanged, this, [this, store] {
-        observeValueForKeyPath(QStringLiteral("visible"), store, {}, this);
-    }, Qt::DirectConnection);
+    connect(
+        store, &VTDefaultsController::visibleChanged, this,
+        [this, store] { observeValueForKeyPath(QStringLiteral("visible"), store, {}, this); }, Qt::DirectConnection);
 
     // Opens the history store now rather than at its first use.
     VTHistoryController::sharedHistoryController()->managedObjectContext();
@@ -129,8 +129,9 @@ void VantorPref::mainViewDidLoad()
     foldersTableView->setDefaultDropAction(Qt::CopyAction);
 
     // One way: the store drives the login item, never the other way round.
-    connect(store, &VTDefaultsController::autorunAtLoginChanged, this,
-            [this, store] { setAutorunAtLogin(store->autorunAtLogin()); }, Qt::DirectConnection);
+    connect(
+        store, &VTDefaultsController::autorunAtLoginChanged, this,
+        [this, store] { setAutorunAtLogin(store->autorunAtLogin()); }, Qt::DirectConnection);
     regenerateAutologinItem();
 
     bindSettingsControls();

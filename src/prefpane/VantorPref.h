@@ -47,8 +47,7 @@ public:
     void checkRunningHelperVersion();
     void showHistory(QObject *sender);
     // Key-value observation callback: acts only when context is this pane.
-    void observeValueForKeyPath(const QString &keyPath, QObject *object, const QVariantMap &change,
-                                void *context);
+    void observeValueForKeyPath(const QString &keyPath, QObject *object, const QVariantMap &change, void *context);
 
     // Helper process control.
     void launchHelper();

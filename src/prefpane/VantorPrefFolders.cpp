@@ -30,8 +30,7 @@ void VantorPref::setUpFolderEditing()
 {
     foldersTableView->setDataSource(this);
     connect(m_ui->addFolderButton, &QPushButton::clicked, this, [this] { addFolder(m_ui->addFolderButton); });
-    connect(m_ui->removeFolderButton, &QPushButton::clicked, this,
-            [this] { removeFolder(m_ui->removeFolderButton); });
+    connect(m_ui->removeFolderButton, &QPushButton::clicked, this, [this] { removeFolder(m_ui->removeFolderButton); });
 }
 
 void VantorPref::addFolder(QObject *)
@@ -61,8 +60,7 @@ void VantorPref::removeFolder(QObject *)
     VTHistoryController::sharedHistoryController()->removeFolders();
 }
 
-std::optional<QStringList> VantorPref::foldersInPasteboard(const QMimeData *pasteboard,
-                                                            QList<QByteArray> *undecodable)
+std::optional<QStringList> VantorPref::foldersInPasteboard(const QMimeData *pasteboard, QList<QByteArray> *undecodable)
 {
     QList<QByteArray> paths;
     if (pasteboard && pasteboard->hasFormat(QLatin1String(kFilenamesType))) {

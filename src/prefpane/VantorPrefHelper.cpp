@@ -128,8 +128,7 @@ void VantorPref::relaunchSystemPreferences()
     const QString hostPath = self->executablePath();
     const QByteArray hostArguments = self->argumentsData();
     QString error;
-    if (!Task::launchedTaskWithLaunchPath(destination,
-                                          {hostPath, QString::asprintf("%d", self->processIdentifier())},
+    if (!Task::launchedTaskWithLaunchPath(destination, {hostPath, QString::asprintf("%d", self->processIdentifier())},
                                           &error, false, {"VANTOR_RELAUNCH_ARGUMENTS=" + hostArguments.toHex()}))
         qCWarning(lcPane, "%s", qPrintable(error));
 }

@@ -113,9 +113,8 @@ void VantorPref::showCustomSheet(QWidget *sheet)
 {
     if (!host())
         return;
-    SheetSession::beginSheet(sheet, host()->mainWindow(), [this](QWidget *ended, int returnCode) {
-        didEndSheet(ended, returnCode, nullptr);
-    });
+    SheetSession::beginSheet(sheet, host()->mainWindow(),
+                             [this](QWidget *ended, int returnCode) { didEndSheet(ended, returnCode, nullptr); });
 }
 
 void VantorPref::didEndSheet(QWidget *sheet, int, void *)

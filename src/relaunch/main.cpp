@@ -150,8 +150,7 @@ int main(int argc, char *argv[])
     }
     if (pidfd >= 0) {
         pollfd wait = {pidfd, POLLIN, 0};
-        while (::poll(&wait, 1, -1) < 0 && errno == EINTR) {
-        }
+        while (::poll(&wait, 1, -1) < 0 && errno == EINTR) { }
         ::close(pidfd);
     }
 
@@ -172,7 +171,8 @@ int main(int argc, char *argv[])
             ::dup2(null, fd);
         ::close(null);
     }
-    const bool started = DetachedSpawn::spawn(application.c_str(), args.data(), environment.empty() ? environ : env.data()) >= 0;
+    const bool started =
+        DetachedSpawn::spawn(application.c_str(), args.data(), environment.empty() ? environ : env.data()) >= 0;
     const int spawnError = errno;
     if (savedError >= 0)
         ::dup2(savedError, STDERR_FILENO);

@@ -46,11 +46,16 @@ private Q_SLOTS:
         QTest::addColumn<bool>("fileHandles");
         for (bool handles : {true, false}) {
             const char *how = handles ? " by handle" : " by search";
-            QTest::addRow("renamed%s", how) << "a/folder" << "a/renamed" << handles;
-            QTest::addRow("other parent%s", how) << "a/folder" << "b/c/folder" << handles;
-            QTest::addRow("parent renamed%s", how) << "a/folder" << "z/folder" << handles;
-            QTest::addRow("deeper and renamed%s", how) << "a/b/folder" << "x/y/z/other" << handles;
-            QTest::addRow("not moved%s", how) << "a/folder" << "a/folder" << handles;
+            QTest::addRow("renamed%s", how) << "a/folder"
+                                            << "a/renamed" << handles;
+            QTest::addRow("other parent%s", how) << "a/folder"
+                                                 << "b/c/folder" << handles;
+            QTest::addRow("parent renamed%s", how) << "a/folder"
+                                                   << "z/folder" << handles;
+            QTest::addRow("deeper and renamed%s", how) << "a/b/folder"
+                                                       << "x/y/z/other" << handles;
+            QTest::addRow("not moved%s", how) << "a/folder"
+                                              << "a/folder" << handles;
         }
     }
     void movedFolderResolves()

@@ -28,8 +28,8 @@ void TestDistributedNotificationCenter::payloadsArriveAsPropertyListValues_data(
     QTest::addColumn<QVariantMap>("userInfo");
     QTest::newRow("none") << QVariantMap();
     QTest::newRow("folders") << QVariantMap{{u"foldersToAdd"_s, QVariantList{u"/home/a"_s, u"/home/b é"_s}}};
-    QTest::newRow("nested")
-        << QVariantMap{{u"x"_s, QVariantMap{{u"n"_s, qint64(3)}, {u"b"_s, true}, {u"d"_s, QByteArray("\x01\x02")}}}};
+    QTest::newRow("nested") << QVariantMap{
+        {u"x"_s, QVariantMap{{u"n"_s, qint64(3)}, {u"b"_s, true}, {u"d"_s, QByteArray("\x01\x02")}}}};
 }
 
 void TestDistributedNotificationCenter::payloadsArriveAsPropertyListValues()
@@ -62,8 +62,8 @@ void TestDistributedNotificationCenter::foreignTypesArriveAsPropertyListValues_d
     QTest::newRow("structure dropped") << "{'s': <('x', 1)>, 'k': <true>}" << QVariantMap{{u"k"_s, true}};
     QTest::newRow("inside an array") << "{'a': <[<objectpath '/x'>, <('x', 1)>, <byte 2>]>}"
                                      << QVariantMap{{u"a"_s, QVariantList{u"/x"_s, 2}}};
-    QTest::newRow("dictionary with integer keys") << "{'d': <{1: 'one'}>}"
-                                                  << QVariantMap{{u"d"_s, QVariantMap{{u"1"_s, u"one"_s}}}};
+    QTest::newRow("dictionary with integer keys")
+        << "{'d': <{1: 'one'}>}" << QVariantMap{{u"d"_s, QVariantMap{{u"1"_s, u"one"_s}}}};
 }
 
 // Another program (here gdbus) may send any D-Bus type; handlers only ever see property-list values.

@@ -18,10 +18,7 @@ private:
     QString storePath() const { return m_env.productFolder() + QStringLiteral("/history.db"); }
 
 private Q_SLOTS:
-    void initTestCase()
-    {
-        QVERIFY(!VTUtil::applicationSupportFolder().isEmpty());
-    }
+    void initTestCase() { QVERIFY(!VTUtil::applicationSupportFolder().isEmpty()); }
 
     void init()
     {
@@ -39,7 +36,8 @@ private Q_SLOTS:
         QCOMPARE(m_alerts.errors.first().domain, QStringLiteral("com.quillfen.vantor.error"));
         QCOMPARE(m_alerts.errors.first().code, 9999);
         QCOMPARE(m_alerts.errors.first().localizedDescription, QStringLiteral("Failed to initialize the store"));
-        QCOMPARE(m_alerts.errors.first().failureReason, QStringLiteral("There was an error building up the data file."));
+        QCOMPARE(m_alerts.errors.first().failureReason,
+                 QStringLiteral("There was an error building up the data file."));
         QVERIFY(!QFileInfo::exists(storePath()));
 
         QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(QStringLiteral("Managed object model is nil")));

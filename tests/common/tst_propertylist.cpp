@@ -33,20 +33,25 @@ void TestPropertyList::roundTrip_data()
     QTest::addColumn<QVariant>("value");
     QTest::addColumn<QString>("python");
 
-    QTest::newRow("booleans and integers") << QVariant(QVariantMap{{u"a"_s, true}, {u"n"_s, qint64(1) << 40}})
-                                           << "{'a': True, 'n': 1099511627776}";
-    QTest::newRow("unicode and markup") << QVariant(QVariantMap{{u"s"_s, u"Café <&> \"ü\""_s}}) << "{'s': 'Café <&> \"ü\"'}";
+    QTest::newRow("booleans and integers")
+        << QVariant(QVariantMap{{u"a"_s, true}, {u"n"_s, qint64(1) << 40}}) << "{'a': True, 'n': 1099511627776}";
+    QTest::newRow("unicode and markup") << QVariant(QVariantMap{{u"s"_s, u"Café <&> \"ü\""_s}})
+                                        << "{'s': 'Café <&> \"ü\"'}";
     QTest::newRow("nested") << QVariant(QVariantMap{{u"list"_s, QVariantList{u"x"_s, QVariantMap{{u"k"_s, 1.5}}}}})
                             << "{'list': ['x', {'k': 1.5}]}";
-    QTest::newRow("data") << QVariant(QVariantMap{{u"d"_s, QByteArray("\x00\x01\xff", 3)}}) << "{'d': b'\\x00\\x01\\xff'}";
-    QTest::newRow("empty array") << QVariant(QVariantMap{{u"folderAliases"_s, QVariantList()}}) << "{'folderAliases': []}";
+    QTest::newRow("data") << QVariant(QVariantMap{{u"d"_s, QByteArray("\x00\x01\xff", 3)}})
+                          << "{'d': b'\\x00\\x01\\xff'}";
+    QTest::newRow("empty array") << QVariant(QVariantMap{{u"folderAliases"_s, QVariantList()}})
+                                 << "{'folderAliases': []}";
     QTest::newRow("date") << QVariant(QVariantMap{{u"t"_s, QDateTime(QDate(2020, 1, 2), QTime(3, 4, 5), Qt::UTC)}})
                           << "{'t': datetime.datetime(2020, 1, 2, 3, 4, 5)}";
     // Legal in file names and binary lists, not in XML: such values are kept in binary form.
-    QTest::newRow("control characters") << QVariant(QVariantMap{{u"Path"_s, u"/home/u/a\x01" "b\x1f"_s}})
+    QTest::newRow("control characters") << QVariant(QVariantMap{{u"Path"_s,
+                                                                 u"/home/u/a\x01"
+                                                                 "b\x1f"_s}})
                                         << "{'Path': '/home/u/a\\x01b\\x1f'}";
-    QTest::newRow("control character in a key") << QVariant(QVariantMap{{u"k\x08"_s, QVariantList{true}}})
-                                                 << "{'k\\x08': [True]}";
+    QTest::newRow("control character in a key")
+        << QVariant(QVariantMap{{u"k\x08"_s, QVariantList{true}}}) << "{'k\\x08': [True]}";
 }
 
 void TestPropertyList::roundTrip()
@@ -78,12 +83,15 @@ void TestPropertyList::notAPropertyList_data()
     // Strings with a NUL inside, as another program may write them in binary form: libplist
     // ends the process when such a string or key is read. {"Path": "/a\0b"}, {"a\0b": 1} and
     // ["x\0é"] (UTF-16), as Python's plistlib writes them.
-    QTest::newRow("NUL in a value") << QByteArray::fromHex("62706c6973743030d101025450617468542f610062080b100000000000000101"
-                                                           "000000000000000300000000000000000000000000000015");
-    QTest::newRow("NUL in a key") << QByteArray::fromHex("62706c6973743030d10102536100621001080b0f000000000000010100000000"
-                                                         "0000000300000000000000000000000000000011");
-    QTest::newRow("NUL in UTF-16") << QByteArray::fromHex("62706c6973743030a101630078000000e9080a00000000000001010000000000"
-                                                          "00000200000000000000000000000000000011");
+    QTest::newRow("NUL in a value") << QByteArray::fromHex(
+        "62706c6973743030d101025450617468542f610062080b100000000000000101"
+        "000000000000000300000000000000000000000000000015");
+    QTest::newRow("NUL in a key") << QByteArray::fromHex(
+        "62706c6973743030d10102536100621001080b0f000000000000010100000000"
+        "0000000300000000000000000000000000000011");
+    QTest::newRow("NUL in UTF-16") << QByteArray::fromHex(
+        "62706c6973743030a101630078000000e9080a00000000000001010000000000"
+        "00000200000000000000000000000000000011");
 }
 
 void TestPropertyList::notAPropertyList()

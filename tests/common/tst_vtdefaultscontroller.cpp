@@ -59,9 +59,9 @@ void TestVTDefaultsController::readingRules_data()
     QTest::newRow("array at the root") << PropertyList::toXml(QVariantList{false}) << kAllDefaults << true << true;
     // No merging: the other keys stay absent and read as their defaults.
     QTest::newRow("only active") << onlyInactive << u"{'active': False}"_s << false << true;
-    QTest::newRow("strings and numbers")
-        << PropertyList::toXml(QVariantMap{{u"active"_s, u"NO"_s}, {u"checkUpdates"_s, 0}})
-        << u"{'active': 'NO', 'checkUpdates': 0}"_s << false << false;
+    QTest::newRow("strings and numbers") << PropertyList::toXml(
+        QVariantMap{{u"active"_s, u"NO"_s}, {u"checkUpdates"_s, 0}})
+                                         << u"{'active': 'NO', 'checkUpdates': 0}"_s << false << false;
 }
 
 void TestVTDefaultsController::readingRules()
@@ -105,7 +105,8 @@ void TestVTDefaultsController::settersWriteBeforeSignalling()
 {
     QFETCH(QByteArray, property);
     QFETCH(QString, key);
-    const QMetaProperty meta = store()->metaObject()->property(store()->metaObject()->indexOfProperty(property.constData()));
+    const QMetaProperty meta =
+        store()->metaObject()->property(store()->metaObject()->indexOfProperty(property.constData()));
     QVariant seenInFile;
     int heard = 0;
     for (auto signal : {&VTDefaultsController::helperActiveChanged, &VTDefaultsController::checkForUpdatesChanged,
@@ -131,8 +132,9 @@ void TestVTDefaultsController::checkForUpdatesAlwaysNotifiesHelper()
     store()->setCheckForUpdates(true);
     store()->setCheckForUpdates(false);
     recorder.settle();
-    QCOMPARE(recorder.names(),
-             QStringList({u"vantorHelperEnableUpdates"_s, u"vantorHelperEnableUpdates"_s, u"vantorHelperDisableUpdates"_s}));
+    QCOMPARE(
+        recorder.names(),
+        QStringList({u"vantorHelperEnableUpdates"_s, u"vantorHelperEnableUpdates"_s, u"vantorHelperDisableUpdates"_s}));
 }
 
 void TestVTDefaultsController::writeFailureIsLoggedAndKeptInMemory()

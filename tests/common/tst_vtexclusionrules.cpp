@@ -13,10 +13,18 @@ enum Kind { Suffix, Prefix, Component, Exact };
 void addRule(VTExclusionRules &rules, int kind, const QString &pattern)
 {
     switch (kind) {
-    case Suffix: rules.addRuleForPathSuffix(pattern); break;
-    case Prefix: rules.addRuleForPathPrefix(pattern); break;
-    case Component: rules.addRuleForPathComponent(pattern); break;
-    default: rules.addRuleForPathEqualsTo(pattern); break;
+    case Suffix:
+        rules.addRuleForPathSuffix(pattern);
+        break;
+    case Prefix:
+        rules.addRuleForPathPrefix(pattern);
+        break;
+    case Component:
+        rules.addRuleForPathComponent(pattern);
+        break;
+    default:
+        rules.addRuleForPathEqualsTo(pattern);
+        break;
     }
 }
 
@@ -59,7 +67,8 @@ void TestVTExclusionRules::matching_data()
     QTest::newRow("prefix case matters") << int(Prefix) << QStringLiteral("/users/a/Library")
                                          << QStringLiteral("/Users/a/Library/Caches") << false;
     QTest::newRow("prefix not bounded at /") << int(Prefix) << lib << QStringLiteral("/Users/a/LibraryOld") << true;
-    QTest::newRow("prefix no tilde expansion") << int(Prefix) << QStringLiteral("~/x") << QStringLiteral("/home/u/x") << false;
+    QTest::newRow("prefix no tilde expansion")
+        << int(Prefix) << QStringLiteral("~/x") << QStringLiteral("/home/u/x") << false;
     QTest::newRow("substring is not a component match")
         << int(Component) << QStringLiteral("Caches") << QStringLiteral("/x/NotCaches/y") << true;
     QTest::newRow("suffix") << int(Suffix) << QStringLiteral(".gz") << QStringLiteral("/a/b.tar.gz") << true;
@@ -75,18 +84,23 @@ void TestVTExclusionRules::matching_data()
     // Substrings compare canonically equivalent spellings as equal, on whole characters.
     const QString composed = QStringLiteral("/Users/a/caf\u00e9/x");
     const QString decomposed = QStringLiteral("/Users/a/cafe") + kAcute + QStringLiteral("/x");
-    QTest::newRow("composed pattern, decomposed path") << int(Component) << QStringLiteral("caf\u00e9") << decomposed << true;
-    QTest::newRow("decomposed pattern, composed path") << int(Component) << QStringLiteral("cafe") + kAcute << composed << true;
+    QTest::newRow("composed pattern, decomposed path")
+        << int(Component) << QStringLiteral("caf\u00e9") << decomposed << true;
+    QTest::newRow("decomposed pattern, composed path")
+        << int(Component) << QStringLiteral("cafe") + kAcute << composed << true;
     QTest::newRow("marks in either order") << int(Component) << QStringLiteral("a") + kAcute + kDotBelow
                                            << QStringLiteral("/x/a") + kDotBelow + kAcute << true;
-    QTest::newRow("no match ending inside a character") << int(Component) << QStringLiteral("cafe") << composed << false;
+    QTest::newRow("no match ending inside a character")
+        << int(Component) << QStringLiteral("cafe") << composed << false;
     QTest::newRow("no match ending before a mark") << int(Component) << QStringLiteral("cafe") << decomposed << false;
     QTest::newRow("lone mark is not found inside a character")
         << int(Component) << kAcute << QStringLiteral("/x/caf\u00e9") << false;
-    QTest::newRow("astral character") << int(Component) << QStringLiteral("\U0001F600") << QStringLiteral("/a/\U0001F600b") << true;
+    QTest::newRow("astral character") << int(Component) << QStringLiteral("\U0001F600")
+                                      << QStringLiteral("/a/\U0001F600b") << true;
     // Prefix, suffix and exact compare literally.
     QTest::newRow("prefix literal") << int(Prefix) << QStringLiteral("/Users/a/caf\u00e9") << decomposed << false;
-    QTest::newRow("suffix literal") << int(Suffix) << QStringLiteral("\u00e9") << QStringLiteral("/x/e") + kAcute << false;
+    QTest::newRow("suffix literal") << int(Suffix) << QStringLiteral("\u00e9") << QStringLiteral("/x/e") + kAcute
+                                    << false;
     QTest::newRow("exact literal") << int(Exact) << composed << decomposed << false;
 }
 
@@ -110,9 +124,11 @@ void TestVTExclusionRules::oddEntriesAreSkippedWithAMessage()
                             excludeRule("PathBeginsWithString", QStringLiteral("/kept/"))};
     QVERIFY(PropertyList::writeFile(file, root));
 
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("skipping entry 0 of .*odd\\.plist \\(not a dictionary\\)")));
-    QTest::ignoreMessage(QtWarningMsg,
-                         QRegularExpression(QStringLiteral("skipping PathEndsWithString of entry 1 of .*\\(not a string\\)")));
+    QTest::ignoreMessage(
+        QtWarningMsg, QRegularExpression(QStringLiteral("skipping entry 0 of .*odd\\.plist \\(not a dictionary\\)")));
+    QTest::ignoreMessage(
+        QtWarningMsg,
+        QRegularExpression(QStringLiteral("skipping PathEndsWithString of entry 1 of .*\\(not a string\\)")));
     VTExclusionRules rules;
     rules.loadRulesAt(file);
     QVERIFY(rules.suffixRules().isEmpty());
@@ -134,7 +150,8 @@ void TestVTExclusionRules::loading_data()
     QTest::newRow("both missing") << QByteArray("-") << QByteArray("-") << QStringList();
     QTest::newRow("system only") << a << QByteArray("-") << onlyA;
     QTest::newRow("bundle only") << QByteArray("-") << a << onlyA;
-    QTest::newRow("same pattern in both stored once") << a << b << QStringList{QStringLiteral("prefix /a/"), QStringLiteral("prefix /b/")};
+    QTest::newRow("same pattern in both stored once")
+        << a << b << QStringList{QStringLiteral("prefix /a/"), QStringLiteral("prefix /b/")};
     QTest::newRow("dictionary root, other still read") << dictRoot << a << onlyA;
     QTest::newRow("not a property list") << QByteArray("<plist><array><dict>") << a << onlyA;
     QTest::newRow("empty file") << a << QByteArray() << onlyA;
@@ -148,10 +165,12 @@ void TestVTExclusionRules::loading_data()
                            {QStringLiteral("PathMatchesRegex"), QStringLiteral(".*")}};
     const QStringList all{QStringLiteral("component /tmp/"), QStringLiteral("exact /etc/fstab"),
                           QStringLiteral("prefix /var/"), QStringLiteral("suffix .log")};
-    const std::pair<const char *, QVariant> types[] = {
-        {"Exclude", QStringLiteral("Exclude")}, {"other word", QStringLiteral("Include")},
-        {"other case", QStringLiteral("exclude")}, {"trailing blank", QStringLiteral("Exclude ")},
-        {"number", qint64(1)}, {"missing", QVariant()}};
+    const std::pair<const char *, QVariant> types[] = {{"Exclude", QStringLiteral("Exclude")},
+                                                       {"other word", QStringLiteral("Include")},
+                                                       {"other case", QStringLiteral("exclude")},
+                                                       {"trailing blank", QStringLiteral("Exclude ")},
+                                                       {"number", qint64(1)},
+                                                       {"missing", QVariant()}};
     for (const auto &[tag, type] : types) {
         QVariantMap typed = rule;
         if (type.isValid())
@@ -182,8 +201,10 @@ void TestVTExclusionRules::loading()
     VTExclusionRules::setRuleFileLocations(QString(), QString());
 
     QStringList found;
-    for (const auto &[kind, set] : {std::pair{"component ", &rules.componentRules()}, {"exact ", &rules.exactRules()},
-                                     {"prefix ", &rules.prefixRules()}, {"suffix ", &rules.suffixRules()}}) {
+    for (const auto &[kind, set] : {std::pair{"component ", &rules.componentRules()},
+                                    {"exact ", &rules.exactRules()},
+                                    {"prefix ", &rules.prefixRules()},
+                                    {"suffix ", &rules.suffixRules()}}) {
         for (const QString &pattern : *set)
             found << QLatin1String(kind) + pattern;
     }
@@ -226,10 +247,20 @@ void TestVTExclusionRules::randomisedAgainstLinearScan()
 {
     // Few letters, so patterns occur often; composed and decomposed accents, a lone mark,
     // a character outside the basic plane, and Hangul, which decomposes into several letters.
-    const QStringList pieces{QStringLiteral("/"), QStringLiteral("a"), QStringLiteral("b"), QStringLiteral("A"),
-                             QStringLiteral("."), QStringLiteral("e"), QStringLiteral("\u00e9"),
-                             QStringLiteral("e") + kAcute, kAcute, kDotBelow, QStringLiteral("\u1EB9"),
-                             QStringLiteral("\U0001F600"), QStringLiteral("\uAC00"), QStringLiteral("\u1100\u1161")};
+    const QStringList pieces{QStringLiteral("/"),
+                             QStringLiteral("a"),
+                             QStringLiteral("b"),
+                             QStringLiteral("A"),
+                             QStringLiteral("."),
+                             QStringLiteral("e"),
+                             QStringLiteral("\u00e9"),
+                             QStringLiteral("e") + kAcute,
+                             kAcute,
+                             kDotBelow,
+                             QStringLiteral("\u1EB9"),
+                             QStringLiteral("\U0001F600"),
+                             QStringLiteral("\uAC00"),
+                             QStringLiteral("\u1100\u1161")};
     QRandomGenerator random(20240611);
     auto text = [&](int maxPieces) {
         QString out;

@@ -37,8 +37,8 @@ void TestVTUtil::folderLocation_data()
     QTest::addColumn<QString>("expectedBase"); // relative to the test root
 
     QTest::newRow("XDG_DATA_HOME") << QByteArray("@/data") << QByteArray("@/home") << "/data";
-    QTest::newRow("relative XDG_DATA_HOME is ignored") << QByteArray("rel/data") << QByteArray("@/home")
-                                                       << "/home/.local/share";
+    QTest::newRow("relative XDG_DATA_HOME is ignored")
+        << QByteArray("rel/data") << QByteArray("@/home") << "/home/.local/share";
     QTest::newRow("unset XDG_DATA_HOME") << QByteArray() << QByteArray("@/home") << "/home/.local/share";
     // Neither gives an absolute path: the private temporary folder takes their place.
     QTest::newRow("no home at all") << QByteArray() << QByteArray() << "/runtime/vantor";

@@ -40,7 +40,8 @@ Run run(const QStringList &arguments, const QProcessEnvironment &env = QProcessE
                           QStringLiteral(VANTORCTL), QStringLiteral("--pane"), TestEnvironment::paneBundle()}
                   + arguments);
     ctl.waitForFinished(120000);
-    return {ctl.exitStatus() == QProcess::NormalExit ? ctl.exitCode() : -1, QString::fromUtf8(ctl.readAllStandardError())};
+    return {ctl.exitStatus() == QProcess::NormalExit ? ctl.exitCode() : -1,
+            QString::fromUtf8(ctl.readAllStandardError())};
 }
 
 bool helperRunning()
@@ -77,8 +78,9 @@ void TestVantorCtl::initTestCase()
     TestEnvironment::writeFile(m_env.home() + u"/notes.txt"_s, "text");
     QCOMPARE(::mkdir(undecodableFolder().constData(), 0700), 0);
     // The host makes the login list; the switch only edits one that exists.
-    TestEnvironment::writeFile(loginList(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
-                                            "<key>AutoLaunchedApplicationDictionary</key><array/></dict></plist>");
+    TestEnvironment::writeFile(loginList(),
+                               "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
+                               "<key>AutoLaunchedApplicationDictionary</key><array/></dict></plist>");
 }
 
 void TestVantorCtl::cleanupTestCase()
@@ -89,7 +91,8 @@ void TestVantorCtl::cleanupTestCase()
 void TestVantorCtl::cleanup()
 {
     if (m_helper && m_helper->state() != QProcess::NotRunning) {
-        DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+        DistributedNotificationCenter::defaultCenter()->postNotificationName(
+            QLatin1String(Notifications::HelperShouldQuit));
         if (!m_helper->waitForFinished(15000))
             m_helper->kill();
     }
@@ -103,7 +106,7 @@ void TestVantorCtl::commands_data()
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QString>("message");
     QTest::addColumn<QStringList>("posted"); // what reached the bus, in order: "name key=value,value"
-    QTest::addColumn<QString>("active");     // afterwards in the settings and the login list, if checked
+    QTest::addColumn<QString>("active"); // afterwards in the settings and the login list, if checked
 
     const auto row = [](const char *name, const QStringList &arguments, const QString &setting, int exitCode,
                         const QString &message, const QStringList &posted = {}, const QString &active = {}) {
@@ -119,10 +122,13 @@ void TestVantorCtl::commands_data()
         {u"com.quillfen.vantor.folders foldersToAdd="_s + docs});
     row("no helper", {u"add"_s, docs}, u"no helper"_s, 1,
         u"the Vantor helper is not running, so nothing was sent; start it with \"vantorctl on\" and try again"_s);
-    row("no bus: add", {u"add"_s, docs}, u"no bus"_s, 1, u"no session bus, so the helper cannot be asked: nothing was sent"_s);
-    row("no bus: status", {u"status"_s}, u"no bus"_s, 1, u"no session bus: cannot tell whether the helper is running"_s);
+    row("no bus: add", {u"add"_s, docs}, u"no bus"_s, 1,
+        u"no session bus, so the helper cannot be asked: nothing was sent"_s);
+    row("no bus: status", {u"status"_s}, u"no bus"_s, 1,
+        u"no session bus: cannot tell whether the helper is running"_s);
     row("remove a folder not listed", {u"remove"_s, docs}, helper, 1, docs + u": not in the list of folders"_s);
-    const QString damaged = u"Vantor Database Error: the history store %1/history.db is damaged"_s.arg(m_env.productFolder());
+    const QString damaged =
+        u"Vantor Database Error: the history store %1/history.db is damaged"_s.arg(m_env.productFolder());
     row("damaged history.db: list", {u"list"_s}, u"damaged store"_s, 1, damaged);
     row("damaged history.db: status", {u"status"_s, u"--json"_s}, u"damaged store"_s, 1, damaged);
     row("damaged history.db: remove", {u"remove"_s, docs}, u"damaged store"_s, 1, damaged);
@@ -163,7 +169,8 @@ void TestVantorCtl::commands()
     QCOMPARE(result.exitCode, exitCode);
     recorder.settle();
     // Only what vantorctl sends; the helper answers with its own.
-    const QStringList fromHelper{QLatin1String(Notifications::SavingsChanged), QLatin1String(Notifications::FoldersRenamed)};
+    const QStringList fromHelper{QLatin1String(Notifications::SavingsChanged),
+                                 QLatin1String(Notifications::FoldersRenamed)};
     QStringList reached;
     for (qsizetype i = 0; i < recorder.names().size(); ++i) {
         QString notification = recorder.names().at(i);
@@ -179,7 +186,8 @@ void TestVantorCtl::commands()
     if (setting == QLatin1String("damaged store"))
         QCOMPARE(TestEnvironment::readFile(store), damaged);
     if (!active.isEmpty()) {
-        QVERIFY(TestEnvironment::pythonPlist(m_env.productFolder() + u"/defaults.plist"_s).contains(u"'active': "_s + active));
+        QVERIFY(TestEnvironment::pythonPlist(m_env.productFolder() + u"/defaults.plist"_s)
+                    .contains(u"'active': "_s + active));
         QCOMPARE(TestEnvironment::pythonPlist(loginList()).contains(u"VantorHelper.app"_s), active == u"True"_s);
     }
 }
@@ -210,8 +218,9 @@ void TestVantorCtl::compressesThroughTheCommandLine()
     QProcess::execute(u"sync"_s, {});
 
     // The user's whole session: a bus of its own, the helper switched on and off by vantorctl.
-    QStringList command{u"dbus-run-session"_s, u"--"_s, QStringLiteral(VANTOR_CTL_SESSION), QStringLiteral(VANTORCTL),
-                        TestEnvironment::paneBundle(), folder};
+    QStringList command{
+        u"dbus-run-session"_s,         u"--"_s, QStringLiteral(VANTOR_CTL_SESSION), QStringLiteral(VANTORCTL),
+        TestEnvironment::paneBundle(), folder};
     if (ordinaryUser) {
         QCOMPARE(QProcess::execute(u"chown"_s, {u"-R"_s, u"65534:65534"_s, home, folder}), 0);
         command = QStringList{u"setpriv"_s, u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s} + command;
@@ -230,7 +239,10 @@ void TestVantorCtl::compressesThroughTheCommandLine()
     const QJsonArray folders = list.value(u"folders"_s).toArray();
     QCOMPARE(folders.size(), 1);
     const QJsonObject entry = folders.first().toObject();
-    QCOMPARE(entry, QJsonObject({{u"path"_s, folder}, {u"status"_s, 100}, {u"exists"_s, true}, {u"savings"_s, entry.value(u"savings"_s)}}));
+    QCOMPARE(
+        entry,
+        QJsonObject(
+            {{u"path"_s, folder}, {u"status"_s, 100}, {u"exists"_s, true}, {u"savings"_s, entry.value(u"savings"_s)}}));
     // The figure shown is the store's, and the disk agrees with it.
     const qint64 savings = entry.value(u"savings"_s).toInteger();
     QCOMPARE(list.value(u"totalSavings"_s).toInteger(), savings);

@@ -10,7 +10,11 @@
 class FuzzInput
 {
 public:
-    FuzzInput(const uint8_t *data, size_t size) : m_data(data), m_size(size) {}
+    FuzzInput(const uint8_t *data, size_t size)
+        : m_data(data)
+        , m_size(size)
+    {
+    }
     bool atEnd() const { return m_pos >= m_size; }
     uint8_t byte() { return atEnd() ? 0 : m_data[m_pos++]; }
     quint64 word()

@@ -43,20 +43,29 @@ QString path(FuzzInput &in)
 {
     const QString known = root() + u'/' + QString::fromUtf8(kFolders[in.byte() % std::size(kFolders)]);
     switch (in.byte() % 10) {
-    case 0: return known;
-    case 1: return known + QString::fromUtf8(in.bytes(in.byte() % 8)); // "/", "/.", "//", "/../plain"...
-    case 2: return root() + u'/' + QString::fromUtf8(in.bytes(in.byte() % 32));
-    case 3: return QString::fromUtf8(in.bytes(in.byte() % 32)); // relative, or anywhere
+    case 0:
+        return known;
+    case 1:
+        return known + QString::fromUtf8(in.bytes(in.byte() % 8)); // "/", "/.", "//", "/../plain"...
+    case 2:
+        return root() + u'/' + QString::fromUtf8(in.bytes(in.byte() % 32));
+    case 3:
+        return QString::fromUtf8(in.bytes(in.byte() % 32)); // relative, or anywhere
     case 4: {
         // UTF-16 as it comes: lone surrogates, NULs, noncharacters.
         const QByteArray units = in.bytes((in.byte() % 16) * 2);
         return known + QString(reinterpret_cast<const QChar *>(units.constData()), units.size() / 2);
     }
-    case 5: return known + QChar(0) + QString::fromUtf8(in.bytes(in.byte() % 8));
-    case 6: return known + QString::fromUtf8(in.bytes(in.byte() % 8)).repeated(5000);
-    case 7: return QString::fromLatin1(in.bytes(in.byte() % 32));
-    case 8: return root() + QStringLiteral("/plain/..").repeated(in.byte() % 40) + QStringLiteral("/a");
-    default: return QString();
+    case 5:
+        return known + QChar(0) + QString::fromUtf8(in.bytes(in.byte() % 8));
+    case 6:
+        return known + QString::fromUtf8(in.bytes(in.byte() % 8)).repeated(5000);
+    case 7:
+        return QString::fromLatin1(in.bytes(in.byte() % 32));
+    case 8:
+        return root() + QStringLiteral("/plain/..").repeated(in.byte() % 40) + QStringLiteral("/a");
+    default:
+        return QString();
     }
 }
 
@@ -70,13 +79,20 @@ QVariant value(FuzzInput &in, int depth)
             list.append(path(in));
         return list;
     }
-    case 2: return path(in); // one path, not in an array
-    case 3: return int(in.byte());
-    case 4: return bool(in.byte() & 1);
-    case 5: return in.bytes(in.byte() % 32);
-    case 6: return QDateTime::fromSecsSinceEpoch(in.byte());
-    case 7: return 0.5;
-    case 8: return QVariant();
+    case 2:
+        return path(in); // one path, not in an array
+    case 3:
+        return int(in.byte());
+    case 4:
+        return bool(in.byte() & 1);
+    case 5:
+        return in.bytes(in.byte() % 32);
+    case 6:
+        return QDateTime::fromSecsSinceEpoch(in.byte());
+    case 7:
+        return 0.5;
+    case 8:
+        return QVariant();
     case 9: {
         QVariantList list;
         for (int i = in.byte() % 6; i > 0; --i)
@@ -109,11 +125,15 @@ QString key(FuzzInput &in)
 {
     switch (in.byte() % 6) {
     case 0:
-    case 1: return QLatin1String(Notifications::FoldersToAddKey);
+    case 1:
+        return QLatin1String(Notifications::FoldersToAddKey);
     case 2:
-    case 3: return QLatin1String(Notifications::FoldersToRemoveKey);
-    case 4: return QStringLiteral("FoldersToAdd");
-    default: return QString::fromUtf8(in.bytes(in.byte() % 16));
+    case 3:
+        return QLatin1String(Notifications::FoldersToRemoveKey);
+    case 4:
+        return QStringLiteral("FoldersToAdd");
+    default:
+        return QString::fromUtf8(in.bytes(in.byte() % 16));
     }
 }
 

@@ -42,24 +42,36 @@ QVariant value(FuzzInput &in, int depth)
     // itself crashes when a sender goes deeper).
     const int kind = in.byte() % (depth > 4 ? 13 : 18);
     switch (kind) {
-    case 0: return bool(in.byte() & 1);
-    case 1: return QVariant::fromValue(uchar(in.byte()));
-    case 2: return QVariant::fromValue(short(in.word()));
-    case 3: return QVariant::fromValue(ushort(in.word()));
-    case 4: return int(in.word());
-    case 5: return uint(in.word());
-    case 6: return qlonglong(in.word());
-    case 7: return qulonglong(in.word());
+    case 0:
+        return bool(in.byte() & 1);
+    case 1:
+        return QVariant::fromValue(uchar(in.byte()));
+    case 2:
+        return QVariant::fromValue(short(in.word()));
+    case 3:
+        return QVariant::fromValue(ushort(in.word()));
+    case 4:
+        return int(in.word());
+    case 5:
+        return uint(in.word());
+    case 6:
+        return qlonglong(in.word());
+    case 7:
+        return qulonglong(in.word());
     case 8: {
         const quint64 bits = in.word();
         double d;
         std::memcpy(&d, &bits, sizeof d);
         return d;
     }
-    case 9: return QString::fromUtf8(in.bytes(in.byte()));
-    case 10: return QVariant::fromValue(QDBusObjectPath(QStringLiteral("/com/quillfen/x%1").arg(in.byte())));
-    case 11: return QVariant::fromValue(QDBusSignature(QStringLiteral("a{sv}")));
-    case 12: return in.bytes(in.byte() * 4);
+    case 9:
+        return QString::fromUtf8(in.bytes(in.byte()));
+    case 10:
+        return QVariant::fromValue(QDBusObjectPath(QStringLiteral("/com/quillfen/x%1").arg(in.byte())));
+    case 11:
+        return QVariant::fromValue(QDBusSignature(QStringLiteral("a{sv}")));
+    case 12:
+        return in.bytes(in.byte() * 4);
     case 13: {
         // Arrays, up to a huge one of 20,000 entries.
         const uint8_t n = in.byte();
@@ -76,24 +88,26 @@ QVariant value(FuzzInput &in, int depth)
         }
         return list;
     }
-    case 14: return dictionary(in, depth);
-    case 15: return QVariant::fromValue(QDBusVariant(value(in, depth + 1)));
+    case 14:
+        return dictionary(in, depth);
+    case 15:
+        return QVariant::fromValue(QDBusVariant(value(in, depth + 1)));
     case 16: {
         QStringList strings;
         for (int i = in.byte() % 8; i > 0; --i)
             strings.append(QString::fromUtf8(in.bytes(in.byte() % 32)));
         return strings;
     }
-    default: return QVariantList{}; // an empty array
+    default:
+        return QVariantList{}; // an empty array
     }
 }
 
 // Names the pane and the helper handle, and one nobody does. Quitting and relaunching the
 // host are left out: they would end the run rather than test it.
 const char *const kNames[] = {
-    Notifications::SavingsChanged, Notifications::FoldersRenamed, Notifications::ShowHistory,
-    Notifications::Folders, Notifications::Version, Notifications::Visible, Notifications::Active,
-    "fuzz.nobody",
+    Notifications::SavingsChanged, Notifications::FoldersRenamed, Notifications::ShowHistory, Notifications::Folders,
+    Notifications::Version,        Notifications::Visible,        Notifications::Active,      "fuzz.nobody",
 };
 constexpr const char *kDone = "fuzz.done";
 
@@ -137,10 +151,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                                                      QLatin1String(DistributedNotificationCenter::kInterface),
                                                      QLatin1String(DistributedNotificationCenter::kMember));
     switch (shape % 8) {
-    case 0: signal << name; break;                                        // no payload at all
-    case 1: signal << name << value(in, 0); break;                        // a payload that is no dictionary
-    case 2: signal << name << dictionary(in, 0) << value(in, 0); break;  // one argument too many
-    default: signal << name << dictionary(in, 0); break;
+    case 0:
+        signal << name;
+        break; // no payload at all
+    case 1:
+        signal << name << value(in, 0);
+        break; // a payload that is no dictionary
+    case 2:
+        signal << name << dictionary(in, 0) << value(in, 0);
+        break; // one argument too many
+    default:
+        signal << name << dictionary(in, 0);
+        break;
     }
     QDBusConnection bus = QDBusConnection::sessionBus();
     bus.send(signal);

@@ -43,8 +43,9 @@ QString helperExecutable()
 // Text that compresses well, as documents and source code do.
 QByteArray text(qsizetype size, quint32 seed)
 {
-    static const char *const words[] = {"compress", "folder", "savings ", "helper", "btrfs\n", "int main() {",
-                                        "return 0;}\n", "the ", "zstd ", "record ", "status = 100;\n"};
+    static const char *const words[] = {"compress", "folder",       "savings ",       "helper",
+                                        "btrfs\n",  "int main() {", "return 0;}\n",   "the ",
+                                        "zstd ",    "record ",      "status = 100;\n"};
     QRandomGenerator random(seed);
     QByteArray bytes;
     bytes.reserve(size);
@@ -127,8 +128,8 @@ void chownToUser(const QString &path)
 qint64 usage(const QString &mountPoint, const QString &field)
 {
     run(QStringLiteral("sync"), {});
-    const QString out = run(QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("usage"),
-                                                      QStringLiteral("-b"), mountPoint});
+    const QString out = run(QStringLiteral("btrfs"),
+                            {QStringLiteral("filesystem"), QStringLiteral("usage"), QStringLiteral("-b"), mountPoint});
     for (const QString &line : out.split(u'\n')) {
         if (line.trimmed().startsWith(field))
             return line.mid(line.indexOf(field) + field.size()).simplified().section(u' ', 0, 0).toLongLong();
@@ -139,8 +140,8 @@ qint64 usage(const QString &mountPoint, const QString &field)
 // Bytes a file keeps to itself, as "btrfs filesystem du" tells from FIEMAP.
 qint64 exclusiveBytes(const QString &path)
 {
-    const QString out = run(QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("du"),
-                                                      QStringLiteral("--raw"), path});
+    const QString out = run(QStringLiteral("btrfs"),
+                            {QStringLiteral("filesystem"), QStringLiteral("du"), QStringLiteral("--raw"), path});
     return out.split(u'\n').last().simplified().section(u' ', 1, 1).toLongLong();
 }
 
@@ -149,14 +150,18 @@ qint64 compsizeSavings(const QString &path)
 {
     run(QStringLiteral("sync"), {});
     const QStringList total = run(QStringLiteral("compsize"), {QStringLiteral("-b"), path})
-                                  .split(u'\n').filter(QStringLiteral("TOTAL")).value(0).simplified().split(u' ');
+                                  .split(u'\n')
+                                  .filter(QStringLiteral("TOTAL"))
+                                  .value(0)
+                                  .simplified()
+                                  .split(u' ');
     return total.size() >= 4 ? total.at(3).toLongLong() - total.at(2).toLongLong() : -1;
 }
 
 // Whether a process watches the folder through inotify, as the kernel lists its watches.
 bool isWatched(qint64 pid, const QString &folder)
 {
-    struct stat st {};
+    struct stat st { };
     ::stat(QFile::encodeName(folder).constData(), &st);
     const QByteArray inode = " ino:" + QByteArray::number(quint64(st.st_ino), 16) + ' ';
     const QString fdinfo = QStringLiteral("/proc/%1/fdinfo").arg(pid);
@@ -336,7 +341,8 @@ void TestHelperCompression::stopHelper()
 {
     if (!m_helper || m_helper->state() == QProcess::NotRunning)
         return;
-    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        QLatin1String(Notifications::HelperShouldQuit));
     if (!m_helper->waitForFinished(15000)) {
         m_helper->kill();
         m_helper->waitForFinished();
@@ -380,7 +386,8 @@ void TestHelperCompression::btrfsFolderIsCompressed()
     run(QStringLiteral("sync"), {});
     const QString all = run(QStringLiteral("compsize"), {folder});
     QVERIFY2(all.contains(QLatin1String("zstd")), qPrintable(all));
-    QVERIFY2(run(QStringLiteral("compsize"), {folder + QStringLiteral("/report.txt")}).contains(QLatin1String("zstd")), "");
+    QVERIFY2(run(QStringLiteral("compsize"), {folder + QStringLiteral("/report.txt")}).contains(QLatin1String("zstd")),
+             "");
     QVERIFY(!run(QStringLiteral("compsize"), {folder + QStringLiteral("/photo.raw")}).contains(QLatin1String("zstd")));
     QVERIFY(!run(QStringLiteral("compsize"), {folder + QStringLiteral("/archive.gz")}).contains(QLatin1String("zstd")));
     QCOMPARE(hashes(folder), before);
@@ -523,12 +530,14 @@ void TestHelperCompression::killedHelperResumesWithoutHarm()
     controller()->addFolders({folder});
     const QString status = QStringLiteral("SELECT ZSTATUS FROM ZHISTORY WHERE ZFOLDER = '%1'").arg(folder);
     // Killed as soon as it reports progress: polling the store instead can miss a fast machine.
-    QVERIFY(QTest::qWaitFor([&] {
-        if (recorder.count(QLatin1String(Notifications::SavingsChanged)) == 0)
-            return false;
-        recorder.clear();
-        return sqlite(status).toInt() > 0;
-    }, 60000));
+    QVERIFY(QTest::qWaitFor(
+        [&] {
+            if (recorder.count(QLatin1String(Notifications::SavingsChanged)) == 0)
+                return false;
+            recorder.clear();
+            return sqlite(status).toInt() > 0;
+        },
+        60000));
     m_helper->kill();
     m_helper->waitForFinished();
     const int reached = sqlite(status).toInt();
@@ -614,16 +623,19 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
     if (asUser)
         chownToUser(home);
     // Last read long ago, as copies keep their times: reading would mark them read again.
-    run(QStringLiteral("find"), {folder, QStringLiteral("-exec"), QStringLiteral("touch"), QStringLiteral("-a"),
-                                 QStringLiteral("-d"), QStringLiteral("2020-01-01"), QStringLiteral("{}"), QStringLiteral("+")});
+    run(QStringLiteral("find"),
+        {folder, QStringLiteral("-exec"), QStringLiteral("touch"), QStringLiteral("-a"), QStringLiteral("-d"),
+         QStringLiteral("2020-01-01"), QStringLiteral("{}"), QStringLiteral("+")});
     run(QStringLiteral("sync"), {});
-    run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("snapshot"), QStringLiteral("-r"), home,
-                                  home + QStringLiteral("-snapshot")});
+    run(QStringLiteral("btrfs"),
+        {QStringLiteral("subvolume"), QStringLiteral("snapshot"), QStringLiteral("-r"), home,
+         home + QStringLiteral("-snapshot")});
     // Written since: new data, a reflinked copy, and a file with copy-on-write off.
     TestEnvironment::writeFile(folder + QStringLiteral("/new.txt"), text(3 << 20, 21));
     TestEnvironment::writeFile(folder + QStringLiteral("/copied.txt"), text(3 << 20, 22));
-    run(QStringLiteral("cp"), {QStringLiteral("--reflink=always"), folder + QStringLiteral("/copied.txt"),
-                               folder + QStringLiteral("/copy.txt")});
+    run(QStringLiteral("cp"),
+        {QStringLiteral("--reflink=always"), folder + QStringLiteral("/copied.txt"),
+         folder + QStringLiteral("/copy.txt")});
     TestEnvironment::writeFile(folder + QStringLiteral("/disk.img"), QByteArray());
     run(QStringLiteral("chattr"), {QStringLiteral("+C"), folder + QStringLiteral("/disk.img")});
     TestEnvironment::writeFile(folder + QStringLiteral("/disk.img"), text(4 << 20, 23));
@@ -644,8 +656,8 @@ void TestHelperCompression::sharedAndNocowDataAreLeftAlone()
     const qint64 usedAfter = usage(m_btrfs->mountPoint(), QStringLiteral("Used:"));
     const qint64 saved = field(folder, "ZSAVINGS");
     const qint64 newSaved = compsizeSavings(folder + QStringLiteral("/new.txt"));
-    qInfo("used space %lld -> %lld (%+lld bytes); reported %lld saved, compsize of the new file %lld",
-          usedBefore, usedAfter, usedAfter - usedBefore, saved, newSaved);
+    qInfo("used space %lld -> %lld (%+lld bytes); reported %lld saved, compsize of the new file %lld", usedBefore,
+          usedAfter, usedAfter - usedBefore, saved, newSaved);
     // Only the new file was the folder's own: it alone was compressed and counted, and the file
     // system's used space did not grow (1% of the folder's 24 MB allowed for metadata).
     const qint64 noise = (24 << 20) / 100;
@@ -691,7 +703,8 @@ void TestHelperCompression::nearlyFullDiskWaitsForSpace()
     const QString folder = disk.mountPoint() + QStringLiteral("/Documents");
     QDir().mkpath(folder);
     for (int i = 0; i < 10; ++i)
-        TestEnvironment::writeFile(folder + QStringLiteral("/report%1.txt").arg(i), text((3 << 20) + i * 65536, 30 + i));
+        TestEnvironment::writeFile(folder + QStringLiteral("/report%1.txt").arg(i),
+                                   text((3 << 20) + i * 65536, 30 + i));
     if (asUser)
         chownToUser(folder);
     const auto before = hashes(folder);
@@ -730,7 +743,8 @@ void TestHelperCompression::changesAreCompressedAsTheyCome()
     QFETCH(bool, asUser);
     if (!mountBtrfs())
         QSKIP("a btrfs image cannot be mounted here (needs root and loop devices)");
-    const QString base = m_btrfs->mountPoint() + (asUser ? QStringLiteral("/changes-user") : QStringLiteral("/changes-root"));
+    const QString base =
+        m_btrfs->mountPoint() + (asUser ? QStringLiteral("/changes-user") : QStringLiteral("/changes-root"));
     const QString folder = base + QStringLiteral("/Notes");
     const QString outside = base + QStringLiteral("/Downloads");
     QDir().mkpath(folder);
@@ -754,11 +768,14 @@ void TestHelperCompression::changesAreCompressedAsTheyCome()
     const Change changes[] = {
         {{QStringLiteral("mv"), outside + QStringLiteral("/moved.txt"), folder}, "/moved.txt"},
         {{QStringLiteral("cp"), QStringLiteral("--reflink=always"), outside + QStringLiteral("/source.txt"),
-          folder + QStringLiteral("/copy.txt")}, nullptr},
+          folder + QStringLiteral("/copy.txt")},
+         nullptr},
         {{QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("cat \"$0\" >> \"$1\""),
-          outside + QStringLiteral("/more.txt"), folder + QStringLiteral("/a.txt")}, "/a.txt"},
-        {{QStringLiteral("cp"), QStringLiteral("-r"), QStringLiteral("--reflink=never"), outside + QStringLiteral("/tree"),
-          folder + QStringLiteral("/tree")}, "/tree/deeper/b.txt"},
+          outside + QStringLiteral("/more.txt"), folder + QStringLiteral("/a.txt")},
+         "/a.txt"},
+        {{QStringLiteral("cp"), QStringLiteral("-r"), QStringLiteral("--reflink=never"),
+          outside + QStringLiteral("/tree"), folder + QStringLiteral("/tree")},
+         "/tree/deeper/b.txt"},
         {{QStringLiteral("rm"), folder + QStringLiteral("/moved.txt")}, nullptr},
     };
     for (const Change &change : changes) {
@@ -768,9 +785,12 @@ void TestHelperCompression::changesAreCompressedAsTheyCome()
         const qint64 measured = compsizeSavings(folder);
         QVERIFY2(qAbs(field(folder, "ZSAVINGS") - measured) <= measured / 100,
                  qPrintable(QStringLiteral("%1: %2 recorded, %3 measured")
-                                .arg(change.command.join(u' ')).arg(field(folder, "ZSAVINGS")).arg(measured)));
+                                .arg(change.command.join(u' '))
+                                .arg(field(folder, "ZSAVINGS"))
+                                .arg(measured)));
         if (change.file)
-            QVERIFY(!run(QStringLiteral("compsize"), {folder + QLatin1String(change.file)}).contains(QLatin1String("none")));
+            QVERIFY(!run(QStringLiteral("compsize"), {folder + QLatin1String(change.file)})
+                         .contains(QLatin1String("none")));
     }
     QCOMPARE(exclusiveBytes(folder + QStringLiteral("/copy.txt")), qint64(0));
     QVERIFY(field(folder, "ZSAVINGS") > (1 << 20));
@@ -782,7 +802,8 @@ void TestHelperCompression::movedFolderKeepsItsRecord()
     QFETCH(bool, asUser);
     if (!mountBtrfs())
         QSKIP("a btrfs image cannot be mounted here (needs root and loop devices)");
-    const QString base = m_btrfs->mountPoint() + (asUser ? QStringLiteral("/moves-user") : QStringLiteral("/moves-root"));
+    const QString base =
+        m_btrfs->mountPoint() + (asUser ? QStringLiteral("/moves-user") : QStringLiteral("/moves-root"));
     const QStringList names{base + QStringLiteral("/Project"), base + QStringLiteral("/Renamed"),
                             base + QStringLiteral("/Archive/Moved")};
     QDir().mkpath(names[0]);

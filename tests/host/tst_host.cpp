@@ -225,9 +225,13 @@ void TestHost::faultsAreReportedNotFatal_data()
 {
     QTest::addColumn<QString>("fault");
     QTest::addColumn<QString>("expectedLine");
-    QTest::newRow("no session bus") << "nobus" << "vantor.platform: no D-Bus session bus (";
-    QTest::newRow("data folder cannot be made") << "blocked" << "vantor.common: Could not write preferences to file: (null)";
-    QTest::newRow("plain file named Vantor") << "vantorfile" << "vantor.common: Could not write preferences to file: @/.local/share/Vantor/defaults.plist";
+    QTest::newRow("no session bus") << "nobus"
+                                    << "vantor.platform: no D-Bus session bus (";
+    QTest::newRow("data folder cannot be made") << "blocked"
+                                                << "vantor.common: Could not write preferences to file: (null)";
+    QTest::newRow("plain file named Vantor")
+        << "vantorfile"
+        << "vantor.common: Could not write preferences to file: @/.local/share/Vantor/defaults.plist";
 }
 
 void TestHost::faultsAreReportedNotFatal()

@@ -36,9 +36,15 @@ void TestHostWindow::lifecycleFollowsTheWindow_data()
     QTest::addColumn<QString>("action");
     QTest::addColumn<QStringList>("calls");
     QTest::newRow("shown") << "show" << QStringList{QStringLiteral("load"), QStringLiteral("select")};
-    QTest::newRow("hidden") << "hide" << QStringList{QStringLiteral("load"), QStringLiteral("select"), QStringLiteral("unselect")};
-    QTest::newRow("minimised") << "minimise" << QStringList{QStringLiteral("load"), QStringLiteral("select"), QStringLiteral("unselect")};
-    QTest::newRow("restored") << "restore" << QStringList{QStringLiteral("load"), QStringLiteral("select"), QStringLiteral("unselect"), QStringLiteral("select")};
+    QTest::newRow("hidden") << "hide"
+                            << QStringList{QStringLiteral("load"), QStringLiteral("select"),
+                                           QStringLiteral("unselect")};
+    QTest::newRow("minimised") << "minimise"
+                               << QStringList{QStringLiteral("load"), QStringLiteral("select"),
+                                              QStringLiteral("unselect")};
+    QTest::newRow("restored") << "restore"
+                              << QStringList{QStringLiteral("load"), QStringLiteral("select"),
+                                             QStringLiteral("unselect"), QStringLiteral("select")};
     QTest::newRow("shown twice") << "show twice" << QStringList{QStringLiteral("load"), QStringLiteral("select")};
 }
 

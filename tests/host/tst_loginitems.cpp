@@ -25,7 +25,8 @@ private:
         const QString app = m_env.root() + QStringLiteral("/apps/") + name + QStringLiteral(".app");
         QDir().mkpath(app + QStringLiteral("/Contents/MacOS"));
         PropertyList::writeFile(app + QStringLiteral("/Contents/Info.plist"),
-                                QVariantMap{{QStringLiteral("CFBundleExecutable"), name}, {QStringLiteral("CFBundleIdentifier"), QStringLiteral("test.") + name}});
+                                QVariantMap{{QStringLiteral("CFBundleExecutable"), name},
+                                            {QStringLiteral("CFBundleIdentifier"), QStringLiteral("test.") + name}});
         const QString exe = app + QStringLiteral("/Contents/MacOS/") + name;
         const QString marker = markers() + u'/' + name;
         TestEnvironment::writeFile(
@@ -83,11 +84,15 @@ private Q_SLOTS:
         QVERIFY(QDir().rename(moved, movedNow));
         const QVariantList list{
             QVariantMap{{QStringLiteral("Path"), first}, {QStringLiteral("Hide"), false}},
-            QVariantMap{{QStringLiteral("Path"), moved}, {QStringLiteral("AliasData"), movedAlias}, {QStringLiteral("Hide"), false}},
-            QVariantMap{{QStringLiteral("Path"), m_env.root() + QStringLiteral("/apps/Gone.app")}, {QStringLiteral("Hide"), false}},
+            QVariantMap{{QStringLiteral("Path"), moved},
+                        {QStringLiteral("AliasData"), movedAlias},
+                        {QStringLiteral("Hide"), false}},
+            QVariantMap{{QStringLiteral("Path"), m_env.root() + QStringLiteral("/apps/Gone.app")},
+                        {QStringLiteral("Hide"), false}},
             QVariantMap{{QStringLiteral("Path"), hidden}, {QStringLiteral("Hide"), true}},
         };
-        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), list}}));
+        QVERIFY(PropertyList::writeFile(listFile(),
+                                        QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), list}}));
 
         QVERIFY(m_env.runAutostart());
         const QList<QByteArray> a = marker(QStringLiteral("First")).split(' ');

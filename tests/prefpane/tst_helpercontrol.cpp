@@ -62,8 +62,7 @@ VantorPref &TestHelperControl::makePane(unsigned mode, bool running)
         ::chmod(QFile::encodeName(exe).constData(), mode);
     }
     if (running)
-        m_workspace->running.append(
-            new RunningApplication(HelperIdentity::busName(), 1, &*m_workspace));
+        m_workspace->running.append(new RunningApplication(HelperIdentity::busName(), 1, &*m_workspace));
     m_ui.emplace(path);
     return m_ui->pane;
 }

@@ -90,7 +90,8 @@ private Q_SLOTS:
             }
         }
         m_table.sortByColumn(0, Qt::AscendingOrder); // Documents, Music, Other
-        QCOMPARE(arranged->arrangedObjects().first().value(QStringLiteral("folder")).toString(), QStringLiteral("/home/u/Documents"));
+        QCOMPARE(arranged->arrangedObjects().first().value(QStringLiteral("folder")).toString(),
+                 QStringLiteral("/home/u/Documents"));
     }
 
     void savingsAreUnsignedAndWrap()
@@ -145,12 +146,19 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("posted"); // empty: nothing posted
         QTest::addColumn<int>("sheets");
         QTest::newRow("empty") << QStringList() << QStringList() << 0;
-        QTest::newRow("only volumes") << QStringList{QStringLiteral("/Volumes/Disk/a"), QStringLiteral("/Volumes/B")} << QStringList() << 1;
-        QTest::newRow("mix keeps order") << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/Volumes/Disk/x"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes")}
-                                         << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes")} << 1;
-        QTest::newRow("duplicates passed on") << QStringList{QStringLiteral("/home/u/a"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes/x"), QStringLiteral("/Volumes/x")}
-                                              << QStringList{QStringLiteral("/home/u/a"), QStringLiteral("/home/u/a")} << 1;
-        QTest::newRow("case-sensitive prefix") << QStringList{QStringLiteral("/volumes/x")} << QStringList{QStringLiteral("/volumes/x")} << 0;
+        QTest::newRow("only volumes") << QStringList{QStringLiteral("/Volumes/Disk/a"), QStringLiteral("/Volumes/B")}
+                                      << QStringList() << 1;
+        QTest::newRow("mix keeps order") << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/Volumes/Disk/x"),
+                                                        QStringLiteral("/home/u/a"), QStringLiteral("/Volumes")}
+                                         << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/home/u/a"),
+                                                        QStringLiteral("/Volumes")}
+                                         << 1;
+        QTest::newRow("duplicates passed on")
+            << QStringList{QStringLiteral("/home/u/a"), QStringLiteral("/home/u/a"), QStringLiteral("/Volumes/x"),
+                           QStringLiteral("/Volumes/x")}
+            << QStringList{QStringLiteral("/home/u/a"), QStringLiteral("/home/u/a")} << 1;
+        QTest::newRow("case-sensitive prefix")
+            << QStringList{QStringLiteral("/volumes/x")} << QStringList{QStringLiteral("/volumes/x")} << 0;
     }
     void addFolders()
     {
@@ -190,10 +198,12 @@ private Q_SLOTS:
         QProcess writer;
         if (busy) {
             TestEnvironment::sqlite(path, QStringLiteral("CREATE TABLE t(x);"));
-            writer.start(QStringLiteral("python3"),
-                         {QStringLiteral("-c"), QStringLiteral("import sqlite3, sys, time; c = sqlite3.connect(sys.argv[1], isolation_level=None); "
-                                                               "c.execute('BEGIN EXCLUSIVE'); print(flush=True); time.sleep(1); c.execute('COMMIT')"),
-                          path});
+            writer.start(
+                QStringLiteral("python3"),
+                {QStringLiteral("-c"),
+                 QStringLiteral("import sqlite3, sys, time; c = sqlite3.connect(sys.argv[1], isolation_level=None); "
+                                "c.execute('BEGIN EXCLUSIVE'); print(flush=True); time.sleep(1); c.execute('COMMIT')"),
+                 path});
             QVERIFY(writer.waitForReadyRead(10000));
         } else {
             TestEnvironment::writeFile(path, "folders: none\n");

@@ -86,7 +86,8 @@ void TestVantorPref::startUpAnnouncesVersionThenUpdateChoice()
                                 .toString();
     QVERIFY(!version.isEmpty());
     QCOMPARE(pane().versionNumberTextField->text(), version);
-    QCOMPARE(m_startUpNames, QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
+    QCOMPARE(m_startUpNames,
+             QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
     QCOMPARE(m_startUpInfos.first(), QVariantMap({{QStringLiteral("version"), version}}));
     // The first run is marked done.
     const QVariantMap file = PropertyList::readFile(m_env.productFolder() + QStringLiteral("/defaults.plist"))->toMap();

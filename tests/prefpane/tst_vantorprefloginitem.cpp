@@ -32,7 +32,8 @@ class TestVantorPrefLoginItem : public QObject
 private:
     TestEnvironment m_env;
     RecordingAlerts m_alerts; // the stand-in bundle has no history model
-    const QString m_helper = HelperIdentity::applicationPathInPane(m_env.root() + QStringLiteral("/with/Vantor.prefPane"));
+    const QString m_helper =
+        HelperIdentity::applicationPathInPane(m_env.root() + QStringLiteral("/with/Vantor.prefPane"));
     const QVariantMap m_mail = app(QStringLiteral("/usr/lib/Mail.app"));
     const QVariantMap m_notes = app(QStringLiteral("/opt/Notes.app"));
 
@@ -40,11 +41,14 @@ private:
     void writeList(const QVariantList &items)
     {
         QDir().mkpath(QFileInfo(listFile()).path());
-        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), items}}));
+        QVERIFY(PropertyList::writeFile(listFile(),
+                                        QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), items}}));
     }
     QVariantList list() const
     {
-        return PreferencesDomain(QStringLiteral("loginwindow")).copyValue(QStringLiteral("AutoLaunchedApplicationDictionary")).toList();
+        return PreferencesDomain(QStringLiteral("loginwindow"))
+            .copyValue(QStringLiteral("AutoLaunchedApplicationDictionary"))
+            .toList();
     }
     // A pane bundle of its own, with or without the helper inside.
     std::unique_ptr<VantorPref> pane(bool withHelper)
@@ -77,7 +81,8 @@ private Q_SLOTS:
         QCOMPARE(items[1].toMap(), m_notes);
         const QVariantMap entry = items[2].toMap();
         QCOMPARE(entry.value(QStringLiteral("Path")).toString(), m_helper);
-        QCOMPARE(BDAlias(entry.value(QStringLiteral("AliasData")).toByteArray()).fullPath(), QDir(m_helper).canonicalPath());
+        QCOMPARE(BDAlias(entry.value(QStringLiteral("AliasData")).toByteArray()).fullPath(),
+                 QDir(m_helper).canonicalPath());
         // A third-party reader sees exactly the three keys, with their types.
         const QString seen = TestEnvironment::pythonPlist(listFile());
         // Python quotes bytes holding a ' with ".

@@ -11,7 +11,10 @@ namespace ReliabilityStates {
 inline constexpr const char *kSettingKeys[] = {"active", "runAtLogin", "checkUpdates", "visible"};
 
 // Step n holds the Gray code of n in the four settings: one setting changes per step.
-inline int grayCode(qint64 step) { return int((step ^ (step >> 1)) & 15); }
+inline int grayCode(qint64 step)
+{
+    return int((step ^ (step >> 1)) & 15);
+}
 
 inline int settingChangedAt(qint64 step)
 {

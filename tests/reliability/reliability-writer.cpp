@@ -74,13 +74,22 @@ int settings(qint64 from)
     for (qint64 step = from + 1;; ++step) {
         // Consecutive steps differ in one setting, so each step is one write.
         const int changed = ReliabilityStates::settingChangedAt(step);
-        const bool value = ReliabilityStates::settingsAt(step).value(QLatin1String(ReliabilityStates::kSettingKeys[changed])).toBool();
+        const bool value =
+            ReliabilityStates::settingsAt(step).value(QLatin1String(ReliabilityStates::kSettingKeys[changed])).toBool();
         say("w", step);
         switch (changed) {
-        case 0: store->setHelperActive(value); break;
-        case 1: store->setAutorunAtLogin(value); break;
-        case 2: store->setCheckForUpdates(value); break;
-        default: store->setVisible(value); break;
+        case 0:
+            store->setHelperActive(value);
+            break;
+        case 1:
+            store->setAutorunAtLogin(value);
+            break;
+        case 2:
+            store->setCheckForUpdates(value);
+            break;
+        default:
+            store->setVisible(value);
+            break;
         }
         say("d", step);
     }
@@ -107,7 +116,8 @@ int history(const QString &path, int seconds)
     if (sqlite3_prepare_v2(db,
                            "UPDATE ZHISTORY SET ZSAVINGS = ZSAVINGS + ?2, ZSTATUS = (ZSTATUS + 1) % 101, "
                            "ZENABLED = CASE WHEN ?3 THEN 1 - ZENABLED ELSE ZENABLED END WHERE Z_PK = ?1",
-                           -1, &move, nullptr) != SQLITE_OK)
+                           -1, &move, nullptr)
+        != SQLITE_OK)
         fail(db, "prepare");
     sqlite3_int64 records = 0;
     {

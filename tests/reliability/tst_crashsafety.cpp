@@ -50,7 +50,8 @@ void TestCrashSafety::killedWriterLeavesOldOrNew()
     QVERIFY(PropertyList::writeFile(path, expected(0)));
 
     // VANTOR_KILLS=1000 for the long run.
-    const int kills = qEnvironmentVariableIntValue("VANTOR_KILLS") > 0 ? qEnvironmentVariableIntValue("VANTOR_KILLS") : 100;
+    const int kills =
+        qEnvironmentVariableIntValue("VANTOR_KILLS") > 0 ? qEnvironmentVariableIntValue("VANTOR_KILLS") : 100;
     auto *random = QRandomGenerator::global();
     qint64 step = 0;
     int interruptedWrites = 0;
@@ -80,7 +81,10 @@ void TestCrashSafety::killedWriterLeavesOldOrNew()
             step = done;
         } else {
             QVERIFY2(begun && *onDisk == expected(done + 1),
-                     qPrintable(QStringLiteral("kill %1: the file holds neither step %2 nor %3").arg(kill).arg(done).arg(done + 1)));
+                     qPrintable(QStringLiteral("kill %1: the file holds neither step %2 nor %3")
+                                    .arg(kill)
+                                    .arg(done)
+                                    .arg(done + 1)));
             step = done + 1;
         }
         if (begun)
@@ -89,8 +93,8 @@ void TestCrashSafety::killedWriterLeavesOldOrNew()
         if (kill % 25 == 0)
             QVERIFY(!TestEnvironment::pythonPlist(path).startsWith(QLatin1String("ERROR")));
     }
-    qInfo("%s: %d kills, %d of them during a write, %lld steps written", qPrintable(mode), kills,
-          interruptedWrites, static_cast<long long>(step));
+    qInfo("%s: %d kills, %d of them during a write, %lld steps written", qPrintable(mode), kills, interruptedWrites,
+          static_cast<long long>(step));
     QVERIFY(step > 0);
 }
 

@@ -29,7 +29,7 @@ QString sqlite(const QString &path, const QString &sql)
 
 ino_t inodeOf(const QString &path)
 {
-    struct stat st {};
+    struct stat st { };
     return ::stat(QFile::encodeName(path).constData(), &st) == 0 ? st.st_ino : 0;
 }
 
@@ -78,7 +78,8 @@ TestDamagedHistory::Run TestDamagedHistory::runHost(const QString &home, bool un
         // Nobody's own session bus is not ours; the host runs without one.
         env.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
         args = QStringList{QStringLiteral("--reuid=65534"), QStringLiteral("--regid=65534"),
-                           QStringLiteral("--clear-groups"), program} + args;
+                           QStringLiteral("--clear-groups"), program}
+            + args;
         program = QStringLiteral("setpriv");
     }
     QProcess host;
@@ -102,11 +103,13 @@ void TestDamagedHistory::initTestCase()
     QCOMPARE(runHost(home, false).exitCode, 0);
     m_sound = home + QStringLiteral("/.local/share/Vantor/history.db");
     QVERIFY(QFileInfo::exists(m_sound));
-    sqlite(m_sound, QStringLiteral(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000) "
-        "INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
-        "SELECT printf('/home/u/folder %05d with a long name to fill the pages', i), i % 101, i * 1000, i % 2 FROM n;"
-        "PRAGMA wal_checkpoint(TRUNCATE);"));
+    sqlite(
+        m_sound,
+        QStringLiteral(
+            "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000) "
+            "INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
+            "SELECT printf('/home/u/folder %05d with a long name to fill the pages', i), i % 101, i * 1000, i % 2 FROM n;"
+            "PRAGMA wal_checkpoint(TRUNCATE);"));
     QCOMPARE(sqlite(m_sound, QStringLiteral("SELECT count(*) FROM ZHISTORY")), QStringLiteral("2000"));
     QVERIFY(QFileInfo(m_sound).size() > 40 * kPage);
 }
@@ -115,17 +118,27 @@ void TestDamagedHistory::damagedStore_data()
 {
     QTest::addColumn<QString>("damage");
     QTest::addColumn<QString>("outcome"); // kept | replaced | unattachable
-    QTest::newRow("text") << "text" << "replaced";
-    QTest::newRow("empty") << "empty" << "kept";
-    QTest::newRow("truncated header") << "header" << "replaced";
+    QTest::newRow("text") << "text"
+                          << "replaced";
+    QTest::newRow("empty") << "empty"
+                           << "kept";
+    QTest::newRow("truncated header") << "header"
+                                      << "replaced";
     // The header's page count no longer matches the file: the schema cannot be read.
-    QTest::newRow("truncated to half") << "half" << "replaced";
-    QTest::newRow("zeroed first page") << "zero-first" << "replaced";
-    QTest::newRow("zeroed pages") << "zero-inner" << "kept";
-    QTest::newRow("damaged schema") << "schema" << "replaced";
-    QTest::newRow("damaged data pages") << "data" << "kept";
-    QTest::newRow("directory in its place") << "directory" << "unattachable";
-    QTest::newRow("no permission to read") << "unreadable" << "replaced";
+    QTest::newRow("truncated to half") << "half"
+                                       << "replaced";
+    QTest::newRow("zeroed first page") << "zero-first"
+                                       << "replaced";
+    QTest::newRow("zeroed pages") << "zero-inner"
+                                  << "kept";
+    QTest::newRow("damaged schema") << "schema"
+                                    << "replaced";
+    QTest::newRow("damaged data pages") << "data"
+                                        << "kept";
+    QTest::newRow("directory in its place") << "directory"
+                                            << "unattachable";
+    QTest::newRow("no permission to read") << "unreadable"
+                                           << "replaced";
 }
 
 void TestDamagedHistory::damagedStore()
@@ -163,7 +176,9 @@ void TestDamagedHistory::damagedStore()
         }
         if (damage == QLatin1String("unreadable")) {
             QVERIFY(QFile::setPermissions(path, QFileDevice::Permissions()));
-            QVERIFY(QProcess::execute(QStringLiteral("chown"), {QStringLiteral("-R"), QStringLiteral("65534:65534"), home}) == 0);
+            QVERIFY(
+                QProcess::execute(QStringLiteral("chown"), {QStringLiteral("-R"), QStringLiteral("65534:65534"), home})
+                == 0);
         }
     }
     const ino_t inode = inodeOf(path);
@@ -185,8 +200,9 @@ void TestDamagedHistory::damagedStore()
         for (qsizetype i = 0; i < run.alerts.size(); i += 3) {
             QCOMPARE(run.alerts.at(i), kCorruptAlert);
             QVERIFY(run.alerts.at(i + 1).startsWith(QStringLiteral("vantor.host: alert: The history store ")));
-            QCOMPARE(run.alerts.at(i + 2), QStringLiteral("vantor.host: alert: Failed to initialize the store: "
-                                                          "There was an error building up the data file."));
+            QCOMPARE(run.alerts.at(i + 2),
+                     QStringLiteral("vantor.host: alert: Failed to initialize the store: "
+                                    "There was an error building up the data file."));
         }
         QVERIFY(QFileInfo(path).isDir());
     }

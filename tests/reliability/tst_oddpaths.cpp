@@ -90,9 +90,8 @@ void TestOddPaths::initTestCase()
     m_helper.setProcessChannelMode(QProcess::ForwardedChannels);
     m_helper.start(TestEnvironment::helperExecutable(), {});
     QVERIFY(m_helper.waitForStarted());
-    QTRY_VERIFY_WITH_TIMEOUT(
-        QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName()),
-        15000);
+    QTRY_VERIFY_WITH_TIMEOUT(QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName()),
+                             15000);
 }
 
 void TestOddPaths::cleanupTestCase()
@@ -100,7 +99,8 @@ void TestOddPaths::cleanupTestCase()
     AliasResolver::setUseFileHandles(true);
     if (m_helper.state() == QProcess::NotRunning)
         return;
-    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(
+        QLatin1String(Notifications::HelperShouldQuit));
     if (!m_helper.waitForFinished(15000)) {
         m_helper.kill();
         m_helper.waitForFinished();
@@ -154,7 +154,8 @@ void TestOddPaths::travelsUnchanged()
 {
     QFETCH(QString, name);
     // Each row in a place of its own, so the place can move without touching the others.
-    const QString place = m_env.home() + QStringLiteral("/row-%1").arg(QString::fromUtf8(QTest::currentDataTag())).replace(u',', u'_');
+    const QString place =
+        m_env.home() + QStringLiteral("/row-%1").arg(QString::fromUtf8(QTest::currentDataTag())).replace(u',', u'_');
     const QString folder = name.isNull() ? pathOfLength(place, 4000) : place + u'/' + name;
     QVERIFY(QDir().mkpath(folder));
     QVERIFY(QFileInfo(folder).isDir());
@@ -163,17 +164,21 @@ void TestOddPaths::travelsUnchanged()
 
     // Dropped the way file managers send it.
     auto mime = std::make_unique<QMimeData>();
-    mime->setData(QStringLiteral("text/uri-list"), "file://" + QFile::encodeName(folder).toPercentEncoding("/") + "\r\n");
+    mime->setData(QStringLiteral("text/uri-list"),
+                  "file://" + QFile::encodeName(folder).toPercentEncoding("/") + "\r\n");
     QDropEvent drop(QPointF(10, 10), Qt::CopyAction, mime.get(), Qt::LeftButton, {});
     NotificationRecorder recorder;
     QVERIFY(m_fixture.pane.tableViewAcceptDrop(table(), &drop, -1, QFTableViewDataSource::DropOn));
     QVERIFY(recorder.waitFor(kFolders));
-    const QStringList posted =
-        recorder.userInfos().at(recorder.names().indexOf(kFolders)).value(QStringLiteral("foldersToAdd")).toStringList();
+    const QStringList posted = recorder.userInfos()
+                                   .at(recorder.names().indexOf(kFolders))
+                                   .value(QStringLiteral("foldersToAdd"))
+                                   .toStringList();
     QCOMPARE(posted, QStringList{folder});
 
     // The helper's record, as the sqlite3 shell reads it: one text value, byte for byte.
-    const QString where = QStringLiteral(" FROM ZHISTORY WHERE CAST(ZFOLDER AS BLOB) = X'%1'").arg(QLatin1String(hex(folder)));
+    const QString where =
+        QStringLiteral(" FROM ZHISTORY WHERE CAST(ZFOLDER AS BLOB) = X'%1'").arg(QLatin1String(hex(folder)));
     QTRY_COMPARE_WITH_TIMEOUT(sqlite(QStringLiteral("SELECT COUNT(*), typeof(ZFOLDER), ZENABLED, ZSTATUS") + where),
                               QStringLiteral("1|text|1|100"), 30000);
 
@@ -225,7 +230,8 @@ void TestOddPaths::helperLogKeepsOneLinePerNotification()
     // Names with line breaks must not split a log line or forge one.
     const QString folder = m_env.home() + u"/log/two\nlines\n2026-01-01T00:00:00.000 1 forged"_s;
     QVERIFY(QDir().mkpath(folder));
-    DistributedNotificationCenter::defaultCenter()->postNotificationName(kFolders, {{u"foldersToAdd"_s, QStringList{folder}}});
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(kFolders,
+                                                                         {{u"foldersToAdd"_s, QStringList{folder}}});
     QTRY_VERIFY_WITH_TIMEOUT(helperLog().contains(u"two\\nlines"_s), 30000);
     static const QRegularExpression stamp(u"^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3} \\d+ "_s);
     for (const QString &line : helperLog().split(u'\n', Qt::SkipEmptyParts))

@@ -55,8 +55,9 @@ bool LoopMount::mount()
     image.close();
     QDir().mkpath(m_mountPoint);
     const QString mkfs = QStringLiteral("mkfs.") + m_type;
-    const QStringList quiet = m_type == QLatin1String("btrfs") ? QStringList{QStringLiteral("-q")}
-                                                               : QStringList{QStringLiteral("-q"), QStringLiteral("-F")};
+    const QStringList quiet = m_type == QLatin1String("btrfs")
+        ? QStringList{QStringLiteral("-q")}
+        : QStringList{QStringLiteral("-q"), QStringLiteral("-F")};
     if (!run(mkfs, quiet + QStringList{m_image}))
         return false;
     if (!run(QStringLiteral("mount"), {QStringLiteral("-o"), QStringLiteral("loop"), m_image, m_mountPoint}))

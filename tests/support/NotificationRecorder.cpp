@@ -36,9 +36,9 @@ bool NotificationRecorder::waitFor(const QString &name, int timeoutMs)
 void NotificationRecorder::settle(int ms)
 {
     // A round trip to the bus daemon, so anything sent before now has been routed.
-    QDBusConnection::sessionBus().call(QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
-        QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId")));
+    QDBusConnection::sessionBus().call(
+        QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+                                       QStringLiteral("org.freedesktop.DBus"), QStringLiteral("GetId")));
     QTest::qWait(ms);
 }
 

@@ -10,9 +10,9 @@
 
 TestEnvironment::TestEnvironment()
 {
-    for (const QString &sub : {QStringLiteral("/home/.local/share"), QStringLiteral("/home/.config"),
-                               QStringLiteral("/home/.local/state"), QStringLiteral("/runtime"),
-                               QStringLiteral("/tmp")})
+    for (const QString &sub :
+         {QStringLiteral("/home/.local/share"), QStringLiteral("/home/.config"), QStringLiteral("/home/.local/state"),
+          QStringLiteral("/runtime"), QStringLiteral("/tmp")})
         QDir().mkpath(m_dir.path() + sub);
     QFile::setPermissions(m_dir.path() + QStringLiteral("/runtime"),
                           QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -74,7 +74,7 @@ int TestEnvironment::postWithGdbus(const QString &name, const QString &userInfo)
 }
 
 QMap<int, QList<QByteArray>> TestEnvironment::processesWithEnvironment(const QByteArray &entry,
-                                                                        const QString &executable)
+                                                                       const QString &executable)
 {
     QMap<int, QList<QByteArray>> found;
     const QString exe = QFileInfo(executable).canonicalFilePath();
