@@ -1,4 +1,5 @@
 #include "helper/HelperLog.h"
+#include "platform/FileManager.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -39,14 +40,8 @@ void logMessage(QtMsgType type, const QMessageLogContext &context, const QString
 
 QString HelperLog::path()
 {
-    QString state = qEnvironmentVariable("XDG_STATE_HOME");
-    if (!QDir::isAbsolutePath(state)) {
-        const QString home = qEnvironmentVariable("HOME");
-        if (!QDir::isAbsolutePath(home))
-            return {};
-        state = home + QStringLiteral("/.local/state");
-    }
-    return QDir::cleanPath(state) + QStringLiteral("/vantor/VantorHelper.log");
+    const QString state = FileManager::userDirectory("XDG_STATE_HOME", QStringLiteral(".local/state"));
+    return state.isEmpty() ? QString() : state + QStringLiteral("/vantor/VantorHelper.log");
 }
 
 bool HelperLog::open()

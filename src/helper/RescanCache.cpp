@@ -2,6 +2,7 @@
 
 #include "platform/AtomicFile.h"
 #include "helper/HelperLog.h"
+#include "platform/FileManager.h"
 
 #include <QDir>
 #include <QFile>
@@ -51,14 +52,8 @@ QByteArray checksum(QByteArrayView bytes)
 
 QString RescanCache::path()
 {
-    QString cache = qEnvironmentVariable("XDG_CACHE_HOME");
-    if (!QDir::isAbsolutePath(cache)) {
-        const QString home = qEnvironmentVariable("HOME");
-        if (!QDir::isAbsolutePath(home))
-            return {};
-        cache = home + QStringLiteral("/.cache");
-    }
-    return QDir::cleanPath(cache) + QStringLiteral("/vantor/files.cache");
+    const QString cache = FileManager::userDirectory("XDG_CACHE_HOME", QStringLiteral(".cache"));
+    return cache.isEmpty() ? QString() : cache + QStringLiteral("/vantor/files.cache");
 }
 
 bool RescanCache::load()

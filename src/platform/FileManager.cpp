@@ -72,15 +72,21 @@ bool FileManager::ensureApplicationSupportDirectory(QString *error)
     return QFile::setPermissions(dirs.first(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
 }
 
-QStringList FileManager::applicationSupportDirectories()
+QString FileManager::userDirectory(const char *variable, const QString &belowHome)
 {
-    const QString dataHome = envPath("XDG_DATA_HOME");
-    if (QDir::isAbsolutePath(dataHome))
-        return {QDir::cleanPath(dataHome)};
+    const QString set = envPath(variable);
+    if (QDir::isAbsolutePath(set))
+        return QDir::cleanPath(set);
     const QString home = envPath("HOME");
     if (QDir::isAbsolutePath(home))
-        return {QDir::cleanPath(home + QStringLiteral("/.local/share"))};
+        return QDir::cleanPath(home + u'/' + belowHome);
     return {};
+}
+
+QStringList FileManager::applicationSupportDirectories()
+{
+    const QString dataHome = userDirectory("XDG_DATA_HOME", QStringLiteral(".local/share"));
+    return dataHome.isEmpty() ? QStringList() : QStringList{dataHome};
 }
 
 QString FileManager::temporaryDirectory()

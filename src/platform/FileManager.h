@@ -17,6 +17,9 @@ public:
     // The user's application-data folders, most important first: $XDG_DATA_HOME when it is
     // an absolute path, else $HOME/.local/share when $HOME is absolute; empty when neither is.
     static QStringList applicationSupportDirectories();
+    // An XDG base folder: $variable when it is an absolute path, else $HOME/belowHome when
+    // $HOME is absolute; empty when neither is.
+    static QString userDirectory(const char *variable, const QString &belowHome);
     // The desktop keeps the first of those before any application runs, as the original
     // platform keeps Application Support. A fresh account may lack it, so a program that is
     // the user's first (the host, the command line) makes it, 0700 as the XDG rules ask.
