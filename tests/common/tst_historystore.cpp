@@ -3,9 +3,10 @@
 #include "TestEnvironment.h"
 #include "common/VTUtil.h"
 
-#include <QDir>
 #include <QFileInfo>
 #include <QTest>
+
+using namespace Qt::StringLiterals;
 
 class TestHistoryStore : public QObject
 {
@@ -15,35 +16,24 @@ private:
     TestEnvironment m_env;
     RecordingAlerts m_alerts;
 
-    QString storePath() const { return m_env.productFolder() + QStringLiteral("/history.db"); }
-
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(!VTUtil::applicationSupportFolder().isEmpty()); }
-
-    void init()
-    {
-        m_alerts.clear();
-        QFile::remove(storePath());
-    }
-
-    // This process's main bundle (the test's folder) carries no model.
+    // This process's main bundle (the test's folder) carries no model: every request fails
+    // with the error, and no store is made.
     void missingModelFailsEveryRequest()
     {
-        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(QStringLiteral("Managed object model is nil")));
-        QTest::ignoreMessage(QtWarningMsg, "VTUtil:persistentStoreCoordinator No model to generate a store from");
-        QVERIFY(!VTUtil::managedObjectContext());
-        QCOMPARE(m_alerts.errors.size(), 1);
-        QCOMPARE(m_alerts.errors.first().domain, QStringLiteral("com.quillfen.vantor.error"));
-        QCOMPARE(m_alerts.errors.first().code, 9999);
-        QCOMPARE(m_alerts.errors.first().localizedDescription, QStringLiteral("Failed to initialize the store"));
-        QCOMPARE(m_alerts.errors.first().failureReason,
-                 QStringLiteral("There was an error building up the data file."));
-        QVERIFY(!QFileInfo::exists(storePath()));
-
-        QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(QStringLiteral("Managed object model is nil")));
-        QTest::ignoreMessage(QtWarningMsg, "VTUtil:persistentStoreCoordinator No model to generate a store from");
-        QVERIFY(!VTUtil::managedObjectContext());
-        QCOMPARE(m_alerts.errors.size(), 2);
+        QVERIFY(!VTUtil::applicationSupportFolder().isEmpty());
+        for (int request = 1; request <= 2; ++request) {
+            QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(u"Managed object model is nil"_s));
+            QTest::ignoreMessage(QtWarningMsg, "VTUtil:persistentStoreCoordinator No model to generate a store from");
+            QVERIFY(!VTUtil::managedObjectContext());
+            QCOMPARE(m_alerts.errors.size(), request);
+        }
+        const PresentableError &error = m_alerts.errors.first();
+        QCOMPARE(error.domain, u"com.quillfen.vantor.error"_s);
+        QCOMPARE(error.code, 9999);
+        QCOMPARE(error.localizedDescription, u"Failed to initialize the store"_s);
+        QCOMPARE(error.failureReason, u"There was an error building up the data file."_s);
+        QVERIFY(!QFileInfo::exists(m_env.productFolder() + u"/history.db"_s));
     }
 };
 

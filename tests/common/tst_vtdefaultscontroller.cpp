@@ -1,11 +1,9 @@
-#include "NotificationRecorder.h"
 #include "TestEnvironment.h"
 #include "common/VTDefaultsController.h"
 #include "common/VTUtil.h"
 #include "platform/PropertyList.h"
 
 #include <QMetaProperty>
-#include <QSignalSpy>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -22,13 +20,105 @@ class TestVTDefaultsController : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void readingRules_data();
-    void readingRules();
-    void settersWriteBeforeSignalling_data();
-    void settersWriteBeforeSignalling();
-    void checkForUpdatesAlwaysNotifiesHelper();
-    void writeFailureIsLoggedAndKeptInMemory();
+    void init()
+    {
+        VTDefaultsController::forgetSharedInstance();
+        VTUtil::forgetApplicationSupportFolder();
+        QFile::remove(m_env.productFolder());
+        QDir(m_env.productFolder()).removeRecursively();
+    }
+
+    void readingRules_data()
+    {
+        QTest::addColumn<QByteArray>("contents");
+        QTest::addColumn<QString>("fileAfterCreation");
+        QTest::addColumn<bool>("helperActive");
+        QTest::addColumn<bool>("checkForUpdates");
+
+        const QByteArray onlyInactive = PropertyList::toXml(QVariantMap{{u"active"_s, false}});
+        QTest::newRow("missing file") << QByteArray() << kAllDefaults << true << true;
+        QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << kAllDefaults << true << true;
+        QTest::newRow("truncated") << onlyInactive.left(onlyInactive.size() - 20) << kAllDefaults << true << true;
+        QTest::newRow("array at the root") << PropertyList::toXml(QVariantList{false}) << kAllDefaults << true << true;
+        // No merging: the other keys stay absent and read as their defaults.
+        QTest::newRow("only active") << onlyInactive << u"{'active': False}"_s << false << true;
+        QTest::newRow("strings and numbers")
+            << PropertyList::toXml(QVariantMap{{u"active"_s, u"NO"_s}, {u"checkUpdates"_s, 0}})
+            << u"{'active': 'NO', 'checkUpdates': 0}"_s << false << false;
+    }
+
+    void readingRules()
+    {
+        QFETCH(QByteArray, contents);
+        QFETCH(QString, fileAfterCreation);
+        QFETCH(bool, helperActive);
+        QFETCH(bool, checkForUpdates);
+
+        if (!contents.isEmpty())
+            TestEnvironment::writeFile(file(), contents);
+        VTDefaultsController *made = VTDefaultsController::create();
+        QVERIFY(made);
+        QCOMPARE(made, store());
+
+        QCOMPARE(TestEnvironment::pythonPlist(file()), fileAfterCreation);
+        QCOMPARE(store()->helperActive(), helperActive);
+        QCOMPARE(store()->checkForUpdates(), checkForUpdates);
+        QVERIFY(store()->visible());
+        QVERIFY(store()->autorunAtLogin());
+        QVERIFY(store()->firstRun());
+
+        // A second creation neither re-reads nor re-writes.
+        TestEnvironment::writeFile(file(), PropertyList::toXml(QVariantMap{{u"visible"_s, false}}));
+        QVERIFY(!VTDefaultsController::create());
+        QVERIFY(store()->visible());
+        QCOMPARE(TestEnvironment::pythonPlist(file()), u"{'visible': False}"_s);
+    }
+
+    void settersWriteBeforeSignalling_data()
+    {
+        QTest::addColumn<QByteArray>("property");
+        QTest::addColumn<QString>("key");
+        QTest::newRow("helperActive") << QByteArray("helperActive") << "active";
+        QTest::newRow("checkForUpdates") << QByteArray("checkForUpdates") << "checkUpdates";
+        QTest::newRow("autorunAtLogin") << QByteArray("autorunAtLogin") << "runAtLogin";
+        QTest::newRow("visible") << QByteArray("visible") << "visible";
+    }
+
+    void settersWriteBeforeSignalling()
+    {
+        QFETCH(QByteArray, property);
+        QFETCH(QString, key);
+        const QMetaProperty meta =
+            store()->metaObject()->property(store()->metaObject()->indexOfProperty(property.constData()));
+        QVariant seenInFile;
+        int heard = 0;
+        for (auto signal : {&VTDefaultsController::helperActiveChanged, &VTDefaultsController::checkForUpdatesChanged,
+                            &VTDefaultsController::autorunAtLoginChanged, &VTDefaultsController::visibleChanged}) {
+            connect(store(), signal, this, [&] {
+                ++heard;
+                seenInFile = PropertyList::readFile(file())->toMap().value(key);
+            });
+        }
+
+        QVERIFY(meta.write(store(), false));
+        QCOMPARE(heard, 1);
+        QCOMPARE(seenInFile, QVariant(false)); // already in the file when observers hear of it
+        QCOMPARE(meta.read(store()), QVariant(false));
+        QVERIFY(meta.write(store(), false)); // unchanged values still notify
+        QCOMPARE(heard, 2);
+    }
+
+    void writeFailureIsLoggedAndKeptInMemory()
+    {
+        store();
+        QDir(m_env.productFolder()).removeRecursively();
+        TestEnvironment::writeFile(m_env.productFolder(), "a plain file");
+        VTUtil::forgetApplicationSupportFolder();
+        QTest::ignoreMessage(QtWarningMsg, qPrintable(u"Could not write preferences to file: "_s + file()));
+        store()->setHelperActive(false);
+        QVERIFY(!store()->helperActive());
+        QCOMPARE(TestEnvironment::readFile(m_env.productFolder()), QByteArray("a plain file"));
+    }
 
 private:
     QString file() const { return m_env.productFolder() + u"/defaults.plist"_s; }
@@ -36,118 +126,6 @@ private:
 
     TestEnvironment m_env;
 };
-
-void TestVTDefaultsController::init()
-{
-    VTDefaultsController::forgetSharedInstance();
-    VTUtil::forgetApplicationSupportFolder();
-    QFile::remove(m_env.productFolder());
-    QDir(m_env.productFolder()).removeRecursively();
-}
-
-void TestVTDefaultsController::readingRules_data()
-{
-    QTest::addColumn<QByteArray>("contents");
-    QTest::addColumn<QString>("fileAfterCreation");
-    QTest::addColumn<bool>("helperActive");
-    QTest::addColumn<bool>("checkForUpdates");
-
-    const QByteArray onlyInactive = PropertyList::toXml(QVariantMap{{u"active"_s, false}});
-    QTest::newRow("missing file") << QByteArray() << kAllDefaults << true << true;
-    QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << kAllDefaults << true << true;
-    QTest::newRow("truncated") << onlyInactive.left(onlyInactive.size() - 20) << kAllDefaults << true << true;
-    QTest::newRow("array at the root") << PropertyList::toXml(QVariantList{false}) << kAllDefaults << true << true;
-    // No merging: the other keys stay absent and read as their defaults.
-    QTest::newRow("only active") << onlyInactive << u"{'active': False}"_s << false << true;
-    QTest::newRow("strings and numbers") << PropertyList::toXml(
-        QVariantMap{{u"active"_s, u"NO"_s}, {u"checkUpdates"_s, 0}})
-                                         << u"{'active': 'NO', 'checkUpdates': 0}"_s << false << false;
-}
-
-void TestVTDefaultsController::readingRules()
-{
-    QFETCH(QByteArray, contents);
-    QFETCH(QString, fileAfterCreation);
-    QFETCH(bool, helperActive);
-    QFETCH(bool, checkForUpdates);
-
-    if (!contents.isEmpty())
-        TestEnvironment::writeFile(file(), contents);
-    VTDefaultsController *made = VTDefaultsController::create();
-    QVERIFY(made);
-    QCOMPARE(made, store());
-
-    QCOMPARE(TestEnvironment::pythonPlist(file()), fileAfterCreation);
-    QCOMPARE(store()->helperActive(), helperActive);
-    QCOMPARE(store()->checkForUpdates(), checkForUpdates);
-    QVERIFY(store()->visible());
-    QVERIFY(store()->autorunAtLogin());
-    QVERIFY(store()->firstRun());
-
-    // A second creation neither re-reads nor re-writes.
-    TestEnvironment::writeFile(file(), PropertyList::toXml(QVariantMap{{u"visible"_s, false}}));
-    QVERIFY(!VTDefaultsController::create());
-    QVERIFY(store()->visible());
-    QCOMPARE(TestEnvironment::pythonPlist(file()), u"{'visible': False}"_s);
-}
-
-void TestVTDefaultsController::settersWriteBeforeSignalling_data()
-{
-    QTest::addColumn<QByteArray>("property");
-    QTest::addColumn<QString>("key");
-    QTest::newRow("helperActive") << QByteArray("helperActive") << "active";
-    QTest::newRow("checkForUpdates") << QByteArray("checkForUpdates") << "checkUpdates";
-    QTest::newRow("autorunAtLogin") << QByteArray("autorunAtLogin") << "runAtLogin";
-    QTest::newRow("visible") << QByteArray("visible") << "visible";
-}
-
-void TestVTDefaultsController::settersWriteBeforeSignalling()
-{
-    QFETCH(QByteArray, property);
-    QFETCH(QString, key);
-    const QMetaProperty meta =
-        store()->metaObject()->property(store()->metaObject()->indexOfProperty(property.constData()));
-    QVariant seenInFile;
-    int heard = 0;
-    for (auto signal : {&VTDefaultsController::helperActiveChanged, &VTDefaultsController::checkForUpdatesChanged,
-                        &VTDefaultsController::autorunAtLoginChanged, &VTDefaultsController::visibleChanged}) {
-        connect(store(), signal, this, [&] {
-            ++heard;
-            seenInFile = PropertyList::readFile(file())->toMap().value(key);
-        });
-    }
-
-    QVERIFY(meta.write(store(), false));
-    QCOMPARE(heard, 1);
-    QCOMPARE(seenInFile, QVariant(false)); // already in the file when observers hear of it
-    QCOMPARE(meta.read(store()), QVariant(false));
-    QVERIFY(meta.write(store(), false)); // unchanged values still notify
-    QCOMPARE(heard, 2);
-}
-
-void TestVTDefaultsController::checkForUpdatesAlwaysNotifiesHelper()
-{
-    NotificationRecorder recorder;
-    store()->setCheckForUpdates(true);
-    store()->setCheckForUpdates(true);
-    store()->setCheckForUpdates(false);
-    recorder.settle();
-    QCOMPARE(
-        recorder.names(),
-        QStringList({u"vantorHelperEnableUpdates"_s, u"vantorHelperEnableUpdates"_s, u"vantorHelperDisableUpdates"_s}));
-}
-
-void TestVTDefaultsController::writeFailureIsLoggedAndKeptInMemory()
-{
-    store();
-    QDir(m_env.productFolder()).removeRecursively();
-    TestEnvironment::writeFile(m_env.productFolder(), "a plain file");
-    VTUtil::forgetApplicationSupportFolder();
-    QTest::ignoreMessage(QtWarningMsg, qPrintable(u"Could not write preferences to file: "_s + file()));
-    store()->setHelperActive(false);
-    QVERIFY(!store()->helperActive());
-    QCOMPARE(TestEnvironment::readFile(m_env.productFolder()), QByteArray("a plain file"));
-}
 
 QTEST_GUILESS_MAIN(TestVTDefaultsController)
 #include "tst_vtdefaultscontroller.moc"

@@ -6,35 +6,27 @@
 #include <QRegularExpression>
 #include <QtTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 enum Kind { Suffix, Prefix, Component, Exact };
 
 void addRule(VTExclusionRules &rules, int kind, const QString &pattern)
 {
-    switch (kind) {
-    case Suffix:
-        rules.addRuleForPathSuffix(pattern);
-        break;
-    case Prefix:
-        rules.addRuleForPathPrefix(pattern);
-        break;
-    case Component:
-        rules.addRuleForPathComponent(pattern);
-        break;
-    default:
-        rules.addRuleForPathEqualsTo(pattern);
-        break;
-    }
+    using Add = void (VTExclusionRules::*)(const QString &);
+    const Add adders[] = {&VTExclusionRules::addRuleForPathSuffix, &VTExclusionRules::addRuleForPathPrefix,
+                          &VTExclusionRules::addRuleForPathComponent, &VTExclusionRules::addRuleForPathEqualsTo};
+    (rules.*adders[kind])(pattern);
 }
 
 QVariantMap excludeRule(const char *key, const QVariant &pattern)
 {
-    return {{QStringLiteral("RuleType"), QStringLiteral("Exclude")}, {QLatin1String(key), pattern}};
+    return {{u"RuleType"_s, u"Exclude"_s}, {QLatin1String(key), pattern}};
 }
 
-const QString kAcute = QStringLiteral("\u0301");
-const QString kDotBelow = QStringLiteral("\u0323");
+const QString kAcute = u"\u0301"_s;
+const QString kDotBelow = u"\u0323"_s;
 
 } // namespace
 
@@ -43,263 +35,225 @@ class TestVTExclusionRules : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void matching_data();
-    void matching();
-    void oddEntriesAreSkippedWithAMessage();
-    void loading_data();
-    void loading();
-    void shippedRules();
-    void randomisedAgainstLinearScan();
+    void matching_data()
+    {
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<QString>("pattern");
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<bool>("excluded");
+        const auto row = [](const char *tag, int kind, const QString &pattern, const QString &path, bool excluded) {
+            QTest::newRow(tag) << kind << pattern << path << excluded;
+        };
+
+        const QString lib = u"/Users/a/Library"_s;
+        row("prefix", Prefix, lib, u"/Users/a/Library/Caches"_s, true);
+        row("prefix case matters", Prefix, u"/users/a/Library"_s, u"/Users/a/Library/Caches"_s, false);
+        row("prefix not bounded at /", Prefix, lib, u"/Users/a/LibraryOld"_s, true);
+        row("prefix no tilde expansion", Prefix, u"~/x"_s, u"/home/u/x"_s, false);
+        row("substring is not a component match", Component, u"Caches"_s, u"/x/NotCaches/y"_s, true);
+        row("suffix", Suffix, u".gz"_s, u"/a/b.tar.gz"_s, true);
+        row("suffix case matters", Suffix, u".gz"_s, u"/a/b.GZ"_s, false);
+        row("suffix no slash removal", Suffix, u"/b"_s, u"/a/b/"_s, false);
+        row("exact", Exact, u"/swapfile"_s, u"/swapfile"_s, true);
+        for (int kind : {Suffix, Prefix, Component})
+            QTest::addRow("empty pattern, kind %d, never", kind) << kind << QString() << QString() << false;
+        row("empty exact matches empty path", Exact, QString(), QString(), true);
+        row("empty exact only that", Exact, QString(), u"/"_s, false);
+
+        // Substrings compare canonically equivalent spellings as equal, on whole characters.
+        const QString composed = u"/Users/a/caf\u00e9/x"_s, decomposed = u"/Users/a/cafe"_s + kAcute + u"/x"_s;
+        row("composed pattern, decomposed path", Component, u"caf\u00e9"_s, decomposed, true);
+        row("decomposed pattern, composed path", Component, u"cafe"_s + kAcute, composed, true);
+        row("marks in either order", Component, u"a"_s + kAcute + kDotBelow, u"/x/a"_s + kDotBelow + kAcute, true);
+        row("no match ending inside a character", Component, u"cafe"_s, composed, false);
+        row("no match ending before a mark", Component, u"cafe"_s, decomposed, false);
+        row("lone mark is not found inside a character", Component, kAcute, u"/x/caf\u00e9"_s, false);
+        row("astral character", Component, u"\U0001F600"_s, u"/a/\U0001F600b"_s, true);
+        // Prefix, suffix and exact compare literally.
+        row("prefix literal", Prefix, u"/Users/a/caf\u00e9"_s, decomposed, false);
+        row("suffix literal", Suffix, u"\u00e9"_s, u"/x/e"_s + kAcute, false);
+        row("exact literal", Exact, composed, decomposed, false);
+    }
+
+    void matching()
+    {
+        QFETCH(int, kind);
+        QFETCH(QString, pattern);
+        QFETCH(QString, path);
+        QFETCH(bool, excluded);
+
+        VTExclusionRules rules;
+        addRule(rules, kind, pattern);
+        QCOMPARE(rules.mustExclude(path), excluded);
+        QCOMPARE(rules.mustExcludeByLinearScan(path), excluded);
+    }
+
+    void oddEntriesAreSkippedWithAMessage()
+    {
+        const QString file = m_env.root() + u"/odd.plist"_s;
+        const QVariantList root{u"not a rule"_s, excludeRule("PathEndsWithString", qint64(7)),
+                                excludeRule("PathBeginsWithString", u"/kept/"_s)};
+        QVERIFY(PropertyList::writeFile(file, root));
+
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression(u"skipping entry 0 of .*odd\\.plist \\(not a dictionary\\)"_s));
+        QTest::ignoreMessage(QtWarningMsg,
+                             QRegularExpression(u"skipping PathEndsWithString of entry 1 of .*\\(not a string\\)"_s));
+        VTExclusionRules rules;
+        rules.loadRulesAt(file);
+        QVERIFY(rules.suffixRules().isEmpty());
+        QCOMPARE(rules.prefixRules(), QSet<QString>{u"/kept/"_s});
+    }
+
+    void loading_data()
+    {
+        QTest::addColumn<QByteArray>("systemFile"); // "-": no file
+        QTest::addColumn<QByteArray>("bundleFile");
+        QTest::addColumn<QStringList>("loaded"); // "<kind> <pattern>", sorted
+
+        const QByteArray a = PropertyList::toXml(QVariantList{excludeRule("PathBeginsWithString", u"/a/"_s)});
+        const QByteArray b = PropertyList::toXml(
+            QVariantList{excludeRule("PathBeginsWithString", u"/b/"_s), excludeRule("PathBeginsWithString", u"/a/"_s)});
+        const QByteArray dictRoot = PropertyList::toXml(excludeRule("PathBeginsWithString", u"/d/"_s));
+        const QStringList onlyA{u"prefix /a/"_s};
+
+        QTest::newRow("both missing") << QByteArray("-") << QByteArray("-") << QStringList();
+        QTest::newRow("system only") << a << QByteArray("-") << onlyA;
+        QTest::newRow("bundle only") << QByteArray("-") << a << onlyA;
+        QTest::newRow("same pattern in both stored once") << a << b << QStringList{u"prefix /a/"_s, u"prefix /b/"_s};
+        QTest::newRow("dictionary root, other still read") << dictRoot << a << onlyA;
+        QTest::newRow("not a property list") << QByteArray("<plist><array><dict>") << a << onlyA;
+        QTest::newRow("empty file") << a << QByteArray() << onlyA;
+
+        // One dictionary with all four pattern keys and one the loader does not know, under each
+        // rule type: only "Exclude" is used.
+        const QVariantMap rule{{u"PathEndsWithString"_s, u".log"_s},
+                               {u"PathBeginsWithString"_s, u"/var/"_s},
+                               {u"PathContainsString"_s, u"/tmp/"_s},
+                               {u"PathExactlyEqualsString"_s, u"/etc/fstab"_s},
+                               {u"PathMatchesRegex"_s, u".*"_s}};
+        const QStringList all{u"component /tmp/"_s, u"exact /etc/fstab"_s, u"prefix /var/"_s, u"suffix .log"_s};
+        const std::pair<const char *, QVariant> types[] = {
+            {"Exclude", u"Exclude"_s},         {"other word", u"Include"_s}, {"other case", u"exclude"_s},
+            {"trailing blank", u"Exclude "_s}, {"number", qint64(1)},        {"missing", QVariant()}};
+        for (const auto &[tag, type] : types) {
+            QVariantMap typed = rule;
+            if (type.isValid())
+                typed.insert(u"RuleType"_s, type);
+            QTest::newRow(tag) << QByteArray("-") << PropertyList::toXml(QVariantList{typed})
+                               << (type == QVariant(u"Exclude"_s) ? all : QStringList());
+        }
+    }
+
+    void loading()
+    {
+        QFETCH(QByteArray, systemFile);
+        QFETCH(QByteArray, bundleFile);
+        QFETCH(QStringList, loaded);
+
+        const QString dir = m_env.root() + u'/' + QString::fromLatin1(QTest::currentDataTag()).replace(u' ', u'_');
+        const QString systemPath = dir + u"/System/SystemCompressionRules.plist"_s;
+        const QString resources = dir + u"/Resources"_s;
+        QDir().mkpath(resources);
+        if (systemFile != "-")
+            TestEnvironment::writeFile(systemPath, systemFile);
+        if (bundleFile != "-")
+            TestEnvironment::writeFile(resources + u"/ExclusionRules.plist"_s, bundleFile);
+
+        VTExclusionRules::setRuleFileLocations(systemPath, resources);
+        VTExclusionRules rules;
+        rules.loadExclusionRules(); // no message expected: Qt Test fails on unexpected warnings below
+        VTExclusionRules::setRuleFileLocations(QString(), QString());
+
+        QStringList found;
+        for (const auto &[kind, set] : {std::pair{"component ", &rules.componentRules()},
+                                        {"exact ", &rules.exactRules()},
+                                        {"prefix ", &rules.prefixRules()},
+                                        {"suffix ", &rules.suffixRules()}}) {
+            for (const QString &pattern : *set)
+                found << QLatin1String(kind) + pattern;
+        }
+        found.sort();
+        QCOMPARE(found, loaded);
+    }
+
+    void shippedRules()
+    {
+        const QString resources = QStringLiteral(VANTOR_HELPER_RESOURCES);
+        const QString file = resources + u"/ExclusionRules.plist"_s;
+
+        // A third-party reader takes the commented file too, and finds the rules we find.
+        const QString python = TestEnvironment::pythonPlist(file);
+        QVERIFY2(!python.startsWith(QLatin1String("ERROR")), qPrintable(python));
+        const qsizetype entries = python.count(QLatin1String("'RuleType': 'Exclude'"));
+
+        // The shared instance, which callers ask, loads them.
+        VTExclusionRules::setRuleFileLocations(m_env.root() + u"/none.plist"_s, resources);
+        const VTExclusionRules *rules = VTExclusionRules::sharedExclusionRules();
+        VTExclusionRules::setRuleFileLocations(QString(), QString());
+        QVERIFY(entries > 20);
+        QCOMPARE(rules->suffixRules().size() + rules->prefixRules().size() + rules->componentRules().size()
+                     + rules->exactRules().size(),
+                 entries);
+
+        QVERIFY(VTExclusionRules::mustExcludePath(u"/home/u/.cache/thumbnails/large/x.png"_s));
+        QVERIFY(VTExclusionRules::mustExcludePath(u"/home/u/.local/share/Vantor/history.db"_s));
+        QVERIFY(VTExclusionRules::mustExcludePath(u"/home/u/Downloads/linux.tar.xz"_s));
+        QVERIFY(VTExclusionRules::mustExcludePath(u"/var/lib/dpkg/status"_s));
+        QVERIFY(!VTExclusionRules::mustExcludePath(u"/home/u/Documents/notes.txt"_s));
+        QVERIFY(!VTExclusionRules::mustExcludePath(u"/home/u/src/project/main.cpp"_s));
+    }
+
+    void randomisedAgainstLinearScan()
+    {
+        // Few letters, so patterns occur often; composed and decomposed accents, a lone mark,
+        // a character outside the basic plane, and Hangul, which decomposes into several letters.
+        const QStringList pieces{u"/"_s,      u"a"_s,          u"b"_s,          u"A"_s,           u"."_s,
+                                 u"e"_s,      u"\u00e9"_s,     u"e"_s + kAcute, kAcute,           kDotBelow,
+                                 u"\u1EB9"_s, u"\U0001F600"_s, u"\uAC00"_s,     u"\u1100\u1161"_s};
+        QRandomGenerator random(20240611);
+        auto text = [&](int maxPieces) {
+            QString out;
+            for (int n = int(random.bounded(maxPieces + 1)); n > 0; --n)
+                out += pieces.at(random.bounded(int(pieces.size())));
+            return out;
+        };
+
+        int excluded = 0;
+        int asked = 0;
+        for (int set = 0; set < 300; ++set) {
+            VTExclusionRules rules;
+            QStringList patterns;
+            const int kinds = int(random.bounded(1, 16)); // which kinds this set has, as bits
+            for (int n = int(random.bounded(30)); n > 0; --n) {
+                const int kind = int(random.bounded(4));
+                if (!(kinds & (1 << kind)))
+                    continue;
+                const QString pattern = text(4);
+                patterns.append(pattern);
+                addRule(rules, kind, pattern);
+            }
+            for (int p = 0; p < 300; ++p) {
+                QString path = text(8);
+                // Half the paths are built around a pattern, so there are matches of every kind.
+                if (!patterns.isEmpty() && random.bounded(2))
+                    path = (random.bounded(2) ? text(3) : QString()) + patterns.at(random.bounded(int(patterns.size())))
+                        + (random.bounded(2) ? text(3) : QString());
+                const bool expected = rules.mustExcludeByLinearScan(path);
+                QVERIFY2(rules.mustExclude(path) == expected,
+                         qPrintable(u"set %1, path %2, expected %3"_s.arg(set).arg(path).arg(expected)));
+                excluded += expected;
+                ++asked;
+            }
+        }
+        // Both answers occur often enough for the comparison to mean something.
+        QVERIFY(excluded > asked / 10);
+        QVERIFY(excluded < asked * 9 / 10);
+    }
 
 private:
     TestEnvironment m_env;
 };
-
-void TestVTExclusionRules::matching_data()
-{
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<QString>("pattern");
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<bool>("excluded");
-
-    const QString lib = QStringLiteral("/Users/a/Library");
-    QTest::newRow("prefix") << int(Prefix) << lib << QStringLiteral("/Users/a/Library/Caches") << true;
-    QTest::newRow("prefix case matters") << int(Prefix) << QStringLiteral("/users/a/Library")
-                                         << QStringLiteral("/Users/a/Library/Caches") << false;
-    QTest::newRow("prefix not bounded at /") << int(Prefix) << lib << QStringLiteral("/Users/a/LibraryOld") << true;
-    QTest::newRow("prefix no tilde expansion")
-        << int(Prefix) << QStringLiteral("~/x") << QStringLiteral("/home/u/x") << false;
-    QTest::newRow("substring is not a component match")
-        << int(Component) << QStringLiteral("Caches") << QStringLiteral("/x/NotCaches/y") << true;
-    QTest::newRow("suffix") << int(Suffix) << QStringLiteral(".gz") << QStringLiteral("/a/b.tar.gz") << true;
-    QTest::newRow("suffix case matters") << int(Suffix) << QStringLiteral(".gz") << QStringLiteral("/a/b.GZ") << false;
-    QTest::newRow("suffix no slash removal") << int(Suffix) << QStringLiteral("/b") << QStringLiteral("/a/b/") << false;
-    QTest::newRow("exact") << int(Exact) << QStringLiteral("/swapfile") << QStringLiteral("/swapfile") << true;
-
-    for (int kind : {Suffix, Prefix, Component})
-        QTest::addRow("empty pattern, kind %d, never", kind) << kind << QString() << QString() << false;
-    QTest::newRow("empty exact matches empty path") << int(Exact) << QString() << QString() << true;
-    QTest::newRow("empty exact only that") << int(Exact) << QString() << QStringLiteral("/") << false;
-
-    // Substrings compare canonically equivalent spellings as equal, on whole characters.
-    const QString composed = QStringLiteral("/Users/a/caf\u00e9/x");
-    const QString decomposed = QStringLiteral("/Users/a/cafe") + kAcute + QStringLiteral("/x");
-    QTest::newRow("composed pattern, decomposed path")
-        << int(Component) << QStringLiteral("caf\u00e9") << decomposed << true;
-    QTest::newRow("decomposed pattern, composed path")
-        << int(Component) << QStringLiteral("cafe") + kAcute << composed << true;
-    QTest::newRow("marks in either order") << int(Component) << QStringLiteral("a") + kAcute + kDotBelow
-                                           << QStringLiteral("/x/a") + kDotBelow + kAcute << true;
-    QTest::newRow("no match ending inside a character")
-        << int(Component) << QStringLiteral("cafe") << composed << false;
-    QTest::newRow("no match ending before a mark") << int(Component) << QStringLiteral("cafe") << decomposed << false;
-    QTest::newRow("lone mark is not found inside a character")
-        << int(Component) << kAcute << QStringLiteral("/x/caf\u00e9") << false;
-    QTest::newRow("astral character") << int(Component) << QStringLiteral("\U0001F600")
-                                      << QStringLiteral("/a/\U0001F600b") << true;
-    // Prefix, suffix and exact compare literally.
-    QTest::newRow("prefix literal") << int(Prefix) << QStringLiteral("/Users/a/caf\u00e9") << decomposed << false;
-    QTest::newRow("suffix literal") << int(Suffix) << QStringLiteral("\u00e9") << QStringLiteral("/x/e") + kAcute
-                                    << false;
-    QTest::newRow("exact literal") << int(Exact) << composed << decomposed << false;
-}
-
-void TestVTExclusionRules::matching()
-{
-    QFETCH(int, kind);
-    QFETCH(QString, pattern);
-    QFETCH(QString, path);
-    QFETCH(bool, excluded);
-
-    VTExclusionRules rules;
-    addRule(rules, kind, pattern);
-    QCOMPARE(rules.mustExclude(path), excluded);
-    QCOMPARE(rules.mustExcludeByLinearScan(path), excluded);
-}
-
-void TestVTExclusionRules::oddEntriesAreSkippedWithAMessage()
-{
-    const QString file = m_env.root() + QStringLiteral("/odd.plist");
-    const QVariantList root{QStringLiteral("not a rule"), excludeRule("PathEndsWithString", qint64(7)),
-                            excludeRule("PathBeginsWithString", QStringLiteral("/kept/"))};
-    QVERIFY(PropertyList::writeFile(file, root));
-
-    QTest::ignoreMessage(
-        QtWarningMsg, QRegularExpression(QStringLiteral("skipping entry 0 of .*odd\\.plist \\(not a dictionary\\)")));
-    QTest::ignoreMessage(
-        QtWarningMsg,
-        QRegularExpression(QStringLiteral("skipping PathEndsWithString of entry 1 of .*\\(not a string\\)")));
-    VTExclusionRules rules;
-    rules.loadRulesAt(file);
-    QVERIFY(rules.suffixRules().isEmpty());
-    QCOMPARE(rules.prefixRules(), QSet<QString>{QStringLiteral("/kept/")});
-}
-
-void TestVTExclusionRules::loading_data()
-{
-    QTest::addColumn<QByteArray>("systemFile"); // "-": no file
-    QTest::addColumn<QByteArray>("bundleFile");
-    QTest::addColumn<QStringList>("loaded"); // "<kind> <pattern>", sorted
-
-    const QByteArray a = PropertyList::toXml(QVariantList{excludeRule("PathBeginsWithString", QStringLiteral("/a/"))});
-    const QByteArray b = PropertyList::toXml(QVariantList{excludeRule("PathBeginsWithString", QStringLiteral("/b/")),
-                                                          excludeRule("PathBeginsWithString", QStringLiteral("/a/"))});
-    const QByteArray dictRoot = PropertyList::toXml(excludeRule("PathBeginsWithString", QStringLiteral("/d/")));
-    const QStringList onlyA{QStringLiteral("prefix /a/")};
-
-    QTest::newRow("both missing") << QByteArray("-") << QByteArray("-") << QStringList();
-    QTest::newRow("system only") << a << QByteArray("-") << onlyA;
-    QTest::newRow("bundle only") << QByteArray("-") << a << onlyA;
-    QTest::newRow("same pattern in both stored once")
-        << a << b << QStringList{QStringLiteral("prefix /a/"), QStringLiteral("prefix /b/")};
-    QTest::newRow("dictionary root, other still read") << dictRoot << a << onlyA;
-    QTest::newRow("not a property list") << QByteArray("<plist><array><dict>") << a << onlyA;
-    QTest::newRow("empty file") << a << QByteArray() << onlyA;
-
-    // One dictionary with all four pattern keys and one the loader does not know, under each
-    // rule type: only "Exclude" is used.
-    const QVariantMap rule{{QStringLiteral("PathEndsWithString"), QStringLiteral(".log")},
-                           {QStringLiteral("PathBeginsWithString"), QStringLiteral("/var/")},
-                           {QStringLiteral("PathContainsString"), QStringLiteral("/tmp/")},
-                           {QStringLiteral("PathExactlyEqualsString"), QStringLiteral("/etc/fstab")},
-                           {QStringLiteral("PathMatchesRegex"), QStringLiteral(".*")}};
-    const QStringList all{QStringLiteral("component /tmp/"), QStringLiteral("exact /etc/fstab"),
-                          QStringLiteral("prefix /var/"), QStringLiteral("suffix .log")};
-    const std::pair<const char *, QVariant> types[] = {{"Exclude", QStringLiteral("Exclude")},
-                                                       {"other word", QStringLiteral("Include")},
-                                                       {"other case", QStringLiteral("exclude")},
-                                                       {"trailing blank", QStringLiteral("Exclude ")},
-                                                       {"number", qint64(1)},
-                                                       {"missing", QVariant()}};
-    for (const auto &[tag, type] : types) {
-        QVariantMap typed = rule;
-        if (type.isValid())
-            typed.insert(QStringLiteral("RuleType"), type);
-        QTest::newRow(tag) << QByteArray("-") << PropertyList::toXml(QVariantList{typed})
-                           << (type == QVariant(QStringLiteral("Exclude")) ? all : QStringList());
-    }
-}
-
-void TestVTExclusionRules::loading()
-{
-    QFETCH(QByteArray, systemFile);
-    QFETCH(QByteArray, bundleFile);
-    QFETCH(QStringList, loaded);
-
-    const QString dir = m_env.root() + u'/' + QString::fromLatin1(QTest::currentDataTag()).replace(u' ', u'_');
-    const QString systemPath = dir + QStringLiteral("/System/SystemCompressionRules.plist");
-    const QString resources = dir + QStringLiteral("/Resources");
-    QDir().mkpath(resources);
-    if (systemFile != "-")
-        TestEnvironment::writeFile(systemPath, systemFile);
-    if (bundleFile != "-")
-        TestEnvironment::writeFile(resources + QStringLiteral("/ExclusionRules.plist"), bundleFile);
-
-    VTExclusionRules::setRuleFileLocations(systemPath, resources);
-    VTExclusionRules rules;
-    rules.loadExclusionRules(); // no message expected: Qt Test fails on unexpected warnings below
-    VTExclusionRules::setRuleFileLocations(QString(), QString());
-
-    QStringList found;
-    for (const auto &[kind, set] : {std::pair{"component ", &rules.componentRules()},
-                                    {"exact ", &rules.exactRules()},
-                                    {"prefix ", &rules.prefixRules()},
-                                    {"suffix ", &rules.suffixRules()}}) {
-        for (const QString &pattern : *set)
-            found << QLatin1String(kind) + pattern;
-    }
-    found.sort();
-    QCOMPARE(found, loaded);
-    QCOMPARE(rules.mustExclude(QStringLiteral("/a/x")), loaded.contains(QStringLiteral("prefix /a/")));
-    QCOMPARE(rules.mustExclude(QStringLiteral("/var/x")), loaded.contains(QStringLiteral("prefix /var/")));
-    for (const QString &path : {QString(), QStringLiteral("/"), QStringLiteral("/d/x"), QStringLiteral("/home/.*")})
-        QVERIFY2(!rules.mustExclude(path), qPrintable(path));
-}
-
-void TestVTExclusionRules::shippedRules()
-{
-    const QString resources = QStringLiteral(VANTOR_HELPER_RESOURCES);
-    const QString file = resources + QStringLiteral("/ExclusionRules.plist");
-
-    // A third-party reader takes the commented file too, and finds the rules we find.
-    const QString python = TestEnvironment::pythonPlist(file);
-    QVERIFY2(!python.startsWith(QLatin1String("ERROR")), qPrintable(python));
-    const qsizetype entries = python.count(QLatin1String("'RuleType': 'Exclude'"));
-
-    // The shared instance, which callers ask, loads them.
-    VTExclusionRules::setRuleFileLocations(m_env.root() + QStringLiteral("/none.plist"), resources);
-    const VTExclusionRules *rules = VTExclusionRules::sharedExclusionRules();
-    VTExclusionRules::setRuleFileLocations(QString(), QString());
-    QVERIFY(entries > 20);
-    QCOMPARE(rules->suffixRules().size() + rules->prefixRules().size() + rules->componentRules().size()
-                 + rules->exactRules().size(),
-             entries);
-
-    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/.cache/thumbnails/large/x.png")));
-    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/.local/share/Vantor/history.db")));
-    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/Downloads/linux.tar.xz")));
-    QVERIFY(VTExclusionRules::mustExcludePath(QStringLiteral("/var/lib/dpkg/status")));
-    QVERIFY(!VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/Documents/notes.txt")));
-    QVERIFY(!VTExclusionRules::mustExcludePath(QStringLiteral("/home/u/src/project/main.cpp")));
-}
-
-void TestVTExclusionRules::randomisedAgainstLinearScan()
-{
-    // Few letters, so patterns occur often; composed and decomposed accents, a lone mark,
-    // a character outside the basic plane, and Hangul, which decomposes into several letters.
-    const QStringList pieces{QStringLiteral("/"),
-                             QStringLiteral("a"),
-                             QStringLiteral("b"),
-                             QStringLiteral("A"),
-                             QStringLiteral("."),
-                             QStringLiteral("e"),
-                             QStringLiteral("\u00e9"),
-                             QStringLiteral("e") + kAcute,
-                             kAcute,
-                             kDotBelow,
-                             QStringLiteral("\u1EB9"),
-                             QStringLiteral("\U0001F600"),
-                             QStringLiteral("\uAC00"),
-                             QStringLiteral("\u1100\u1161")};
-    QRandomGenerator random(20240611);
-    auto text = [&](int maxPieces) {
-        QString out;
-        for (int n = int(random.bounded(maxPieces + 1)); n > 0; --n)
-            out += pieces.at(random.bounded(int(pieces.size())));
-        return out;
-    };
-
-    int excluded = 0;
-    int asked = 0;
-    for (int set = 0; set < 300; ++set) {
-        VTExclusionRules rules;
-        QStringList patterns;
-        const int kinds = int(random.bounded(1, 16)); // which kinds this set has, as bits
-        for (int n = int(random.bounded(30)); n > 0; --n) {
-            const int kind = int(random.bounded(4));
-            if (!(kinds & (1 << kind)))
-                continue;
-            const QString pattern = text(4);
-            patterns.append(pattern);
-            addRule(rules, kind, pattern);
-        }
-        for (int p = 0; p < 300; ++p) {
-            QString path = text(8);
-            // Half the paths are built around a pattern, so there are matches of every kind.
-            if (!patterns.isEmpty() && random.bounded(2))
-                path = (random.bounded(2) ? text(3) : QString()) + patterns.at(random.bounded(int(patterns.size())))
-                    + (random.bounded(2) ? text(3) : QString());
-            const bool expected = rules.mustExcludeByLinearScan(path);
-            QVERIFY2(rules.mustExclude(path) == expected,
-                     qPrintable(QStringLiteral("set %1, path %2, expected %3").arg(set).arg(path).arg(expected)));
-            excluded += expected;
-            ++asked;
-        }
-    }
-    // Both answers occur often enough for the comparison to mean something.
-    QVERIFY(excluded > asked / 10);
-    QVERIFY(excluded < asked * 9 / 10);
-}
 
 QTEST_GUILESS_MAIN(TestVTExclusionRules)
 #include "tst_vtexclusionrules.moc"

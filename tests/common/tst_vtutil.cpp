@@ -11,85 +11,67 @@ class TestVTUtil : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void folderLocation_data();
-    void folderLocation();
-    void plainFileIsAccepted();
-    void missingParentFailsAndRetries();
-    void keptPathIsNotLookedUpAgain();
+    void init()
+    {
+        VTUtil::forgetApplicationSupportFolder();
+        qputenv("HOME", QFile::encodeName(m_env.home()));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(m_env.dataHome()));
+        QDir(m_env.productFolder()).removeRecursively();
+    }
+
+    void folderLocation_data()
+    {
+        QTest::addColumn<QByteArray>("xdgDataHome");
+        QTest::addColumn<QByteArray>("home");
+        QTest::addColumn<QString>("expectedBase"); // relative to the test root
+
+        QTest::newRow("XDG_DATA_HOME") << QByteArray("@/data") << QByteArray("@/home") << "/data";
+        QTest::newRow("relative XDG_DATA_HOME is ignored")
+            << QByteArray("rel/data") << QByteArray("@/home") << "/home/.local/share";
+        QTest::newRow("unset XDG_DATA_HOME") << QByteArray() << QByteArray("@/home") << "/home/.local/share";
+        // Neither gives an absolute path: the private temporary folder takes their place.
+        QTest::newRow("no home at all") << QByteArray() << QByteArray() << "/runtime/vantor";
+    }
+
+    void folderLocation()
+    {
+        QFETCH(QByteArray, xdgDataHome);
+        QFETCH(QByteArray, home);
+        QFETCH(QString, expectedBase);
+        const QByteArray root = QFile::encodeName(m_env.root());
+        QDir().mkpath(m_env.root() + QStringLiteral("/data"));
+        xdgDataHome.replace('@', root);
+        home.replace('@', root);
+        xdgDataHome.isEmpty() ? qunsetenv("XDG_DATA_HOME") : qputenv("XDG_DATA_HOME", xdgDataHome);
+        home.isEmpty() ? qunsetenv("HOME") : qputenv("HOME", home);
+
+        const QString folder = VTUtil::applicationSupportFolder();
+        QCOMPARE(folder, m_env.root() + expectedBase + QStringLiteral("/Vantor"));
+        QVERIFY(QFileInfo(folder).isDir());
+        QCOMPARE(QFileInfo(folder).permissions() & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
+    }
+
+    // A folder that cannot be made yet is asked for again; one found is kept, not looked up again.
+    void missingParentFailsAndRetries()
+    {
+        const QString missing = m_env.root() + QStringLiteral("/not-yet/share");
+        qputenv("XDG_DATA_HOME", QFile::encodeName(missing));
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("cannot create the product folder")));
+        QVERIFY(VTUtil::applicationSupportFolder().isEmpty());
+        QVERIFY(!QFileInfo::exists(missing)); // no intermediate folders
+
+        QVERIFY(QDir().mkpath(missing));
+        const QString folder = missing + QStringLiteral("/Vantor");
+        QCOMPARE(VTUtil::applicationSupportFolder(), folder);
+        QVERIFY(QDir(folder).removeRecursively());
+        qputenv("XDG_DATA_HOME", "/elsewhere");
+        QCOMPARE(VTUtil::applicationSupportFolder(), folder);
+        QVERIFY(!QFileInfo::exists(folder)); // not made again
+    }
 
 private:
     TestEnvironment m_env;
 };
-
-void TestVTUtil::init()
-{
-    VTUtil::forgetApplicationSupportFolder();
-    qputenv("HOME", QFile::encodeName(m_env.home()));
-    qputenv("XDG_DATA_HOME", QFile::encodeName(m_env.dataHome()));
-    QDir(m_env.productFolder()).removeRecursively();
-}
-
-void TestVTUtil::folderLocation_data()
-{
-    QTest::addColumn<QByteArray>("xdgDataHome");
-    QTest::addColumn<QByteArray>("home");
-    QTest::addColumn<QString>("expectedBase"); // relative to the test root
-
-    QTest::newRow("XDG_DATA_HOME") << QByteArray("@/data") << QByteArray("@/home") << "/data";
-    QTest::newRow("relative XDG_DATA_HOME is ignored")
-        << QByteArray("rel/data") << QByteArray("@/home") << "/home/.local/share";
-    QTest::newRow("unset XDG_DATA_HOME") << QByteArray() << QByteArray("@/home") << "/home/.local/share";
-    // Neither gives an absolute path: the private temporary folder takes their place.
-    QTest::newRow("no home at all") << QByteArray() << QByteArray() << "/runtime/vantor";
-}
-
-void TestVTUtil::folderLocation()
-{
-    QFETCH(QByteArray, xdgDataHome);
-    QFETCH(QByteArray, home);
-    QFETCH(QString, expectedBase);
-    const QByteArray root = QFile::encodeName(m_env.root());
-    QDir().mkpath(m_env.root() + QStringLiteral("/data"));
-    xdgDataHome.replace('@', root);
-    home.replace('@', root);
-    xdgDataHome.isEmpty() ? qunsetenv("XDG_DATA_HOME") : qputenv("XDG_DATA_HOME", xdgDataHome);
-    home.isEmpty() ? qunsetenv("HOME") : qputenv("HOME", home);
-
-    const QString folder = VTUtil::applicationSupportFolder();
-    QCOMPARE(folder, m_env.root() + expectedBase + QStringLiteral("/Vantor"));
-    QVERIFY(QFileInfo(folder).isDir());
-    QCOMPARE(QFileInfo(folder).permissions() & (QFile::ReadOther | QFile::ReadGroup), QFile::Permissions());
-}
-
-void TestVTUtil::plainFileIsAccepted()
-{
-    TestEnvironment::writeFile(m_env.productFolder(), "not a folder");
-    QCOMPARE(VTUtil::applicationSupportFolder(), m_env.productFolder());
-    QVERIFY(QFileInfo(m_env.productFolder()).isFile());
-    QFile::remove(m_env.productFolder());
-}
-
-void TestVTUtil::missingParentFailsAndRetries()
-{
-    const QString missing = m_env.root() + QStringLiteral("/not-yet/share");
-    qputenv("XDG_DATA_HOME", QFile::encodeName(missing));
-    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("cannot create the product folder")));
-    QVERIFY(VTUtil::applicationSupportFolder().isEmpty());
-    QVERIFY(!QFileInfo::exists(missing)); // no intermediate folders
-
-    QVERIFY(QDir().mkpath(missing));
-    QCOMPARE(VTUtil::applicationSupportFolder(), missing + QStringLiteral("/Vantor"));
-}
-
-void TestVTUtil::keptPathIsNotLookedUpAgain()
-{
-    const QString first = VTUtil::applicationSupportFolder();
-    QVERIFY(QDir(first).removeRecursively());
-    qputenv("XDG_DATA_HOME", "/elsewhere");
-    QCOMPARE(VTUtil::applicationSupportFolder(), first);
-    QVERIFY(!QFileInfo::exists(first)); // not made again
-}
 
 QTEST_GUILESS_MAIN(TestVTUtil)
 #include "tst_vtutil.moc"

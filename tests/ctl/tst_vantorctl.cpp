@@ -4,11 +4,9 @@
 #include "LoopMount.h"
 #include "NotificationRecorder.h"
 #include "TestEnvironment.h"
-#include "common/HelperIdentity.h"
 #include "common/Notifications.h"
 #include "platform/DistributedNotificationCenter.h"
 
-#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -24,29 +22,16 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-struct Run {
-    int exitCode = -1;
-    QString err;
-};
-
 // Arguments may carry printf escapes ("\\351"): a path that is not UTF-8 cannot travel in a QString.
-Run run(const QStringList &arguments, const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
+TestEnvironment::Run run(const QStringList &arguments,
+                         const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
 {
-    QProcess ctl;
-    ctl.setProcessEnvironment(env);
-    ctl.start(QStringLiteral("bash"),
-              QStringList{QStringLiteral("-c"),
-                          QStringLiteral("a=(); for x; do a+=(\"$(printf %b \"$x\")\"); done; exec \"$0\" \"${a[@]}\""),
-                          QStringLiteral(VANTORCTL), QStringLiteral("--pane"), TestEnvironment::paneBundle()}
-                  + arguments);
-    ctl.waitForFinished(120000);
-    return {ctl.exitStatus() == QProcess::NormalExit ? ctl.exitCode() : -1,
-            QString::fromUtf8(ctl.readAllStandardError())};
-}
-
-bool helperRunning()
-{
-    return QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName());
+    const QString unescape = u"a=(); for x; do a+=(\"$(printf %b \"$x\")\"); done; exec \"$0\" \"${a[@]}\""_s;
+    return TestEnvironment::run(
+        u"bash"_s,
+        QStringList{u"-c"_s, unescape, QStringLiteral(VANTORCTL), u"--pane"_s, TestEnvironment::paneBundle()}
+            + arguments,
+        env, 120000);
 }
 
 } // namespace
@@ -56,13 +41,188 @@ class TestVantorCtl : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void cleanup();
-    void cleanupTestCase();
-    void commands_data();
-    void commands();
-    void compressesThroughTheCommandLine_data();
-    void compressesThroughTheCommandLine();
+    void initTestCase()
+    {
+        QVERIFY(QDir().mkpath(m_env.productFolder()) && QDir().mkpath(m_env.home() + u"/Documents"_s));
+        TestEnvironment::writeFile(m_env.home() + u"/notes.txt"_s, "text");
+        QCOMPARE(::mkdir(undecodableFolder().constData(), 0700), 0);
+        // The host makes the login list; the switch only edits one that exists.
+        TestEnvironment::writeFile(loginList(),
+                                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
+                                   "<key>AutoLaunchedApplicationDictionary</key><array/></dict></plist>");
+    }
+
+    void cleanup()
+    {
+        if (m_helper && m_helper->state() != QProcess::NotRunning) {
+            DistributedNotificationCenter::defaultCenter()->postNotificationName(
+                QLatin1String(Notifications::HelperShouldQuit));
+            if (!m_helper->waitForFinished(15000))
+                m_helper->kill();
+        }
+        QFile::remove(m_env.productFolder() + u"/history.db"_s);
+    }
+
+    void cleanupTestCase()
+    {
+        ::rmdir(undecodableFolder().constData()); // QDir cannot remove what it cannot name
+    }
+
+    void commands_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("setting"); // helper | no helper | no bus | damaged store
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<QStringList>("posted"); // what reached the bus, in order: "name key=value,value"
+        QTest::addColumn<QString>("active"); // afterwards in the settings and the login list, if checked
+
+        const auto row = [](const char *name, const QStringList &arguments, const QString &setting, int exitCode,
+                            const QString &message, const QStringList &posted = {}, const QString &active = {}) {
+            QTest::newRow(name) << arguments << setting << exitCode << message << posted << active;
+        };
+        const QString home = m_env.home(), docs = home + u"/Documents"_s, file = home + u"/notes.txt"_s;
+        const QString helper = u"helper"_s, notAFolder = file + u": not a folder"_s;
+        row("a file instead of a folder", {u"add"_s, file}, helper, 1, notAFolder);
+        row("a missing path", {u"add"_s, home + u"/gone"_s}, helper, 1, home + u"/gone: no such folder"_s);
+        row("a path not UTF-8", {u"add"_s, home + u"/caf\\351"_s}, helper, 1,
+            u"Vantor cannot keep the folder %1/caf%E9 compressed: its path is not valid UTF-8"_s.arg(home));
+        row("a folder and a file: the folder is sent", {u"add"_s, file, docs + u"/./"_s}, helper, 1, notAFolder,
+            {u"com.quillfen.vantor.folders foldersToAdd="_s + docs});
+        row("no helper", {u"add"_s, docs}, u"no helper"_s, 1,
+            u"the Vantor helper is not running, so nothing was sent; start it with \"vantorctl on\" and try again"_s);
+        row("no bus: add", {u"add"_s, docs}, u"no bus"_s, 1,
+            u"no session bus, so the helper cannot be asked: nothing was sent"_s);
+        row("no bus: status", {u"status"_s}, u"no bus"_s, 1,
+            u"no session bus: cannot tell whether the helper is running"_s);
+        row("remove a folder not listed", {u"remove"_s, docs}, helper, 1, docs + u": not in the list of folders"_s);
+        const QString damaged =
+            u"Vantor Database Error: the history store %1/history.db is damaged"_s.arg(m_env.productFolder());
+        row("damaged history.db: list", {u"list"_s}, u"damaged store"_s, 1, damaged);
+        row("damaged history.db: status", {u"status"_s, u"--json"_s}, u"damaged store"_s, 1, damaged);
+        row("damaged history.db: remove", {u"remove"_s, docs}, u"damaged store"_s, 1, damaged);
+        row("usage: no command", {}, helper, 2, u"no command given"_s);
+        row("usage: list --xml", {u"list"_s, u"--xml"_s}, helper, 2, u"list takes only --json"_s);
+        // The switch's order: "active" stored and the login item set before the helper is told.
+        row("on", {u"on"_s}, helper, 0, {}, {u"com.quillfen.vantor.active"_s}, u"True"_s);
+        row("off", {u"off"_s}, helper, 0, {}, {u"com.quillfen.vantor.active"_s, u"vantorHelperShouldQuit"_s},
+            u"False"_s);
+    }
+
+    void commands()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, setting);
+        QFETCH(int, exitCode);
+        QFETCH(QString, message);
+        QFETCH(QStringList, posted);
+        QFETCH(QString, active);
+
+        const QString store = m_env.productFolder() + u"/history.db"_s;
+        const QByteArray damaged = "not a database, but the user's file all the same\n";
+        if (setting == "damaged store"_L1)
+            TestEnvironment::writeFile(store, damaged);
+        // The helper replaces a damaged store when it starts, so it stays away from those rows.
+        if (setting == "helper"_L1 && !TestEnvironment::helperOwnsItsName()) {
+            m_helper = std::make_unique<QProcess>();
+            m_helper->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+            m_helper->start(TestEnvironment::helperExecutable(), {});
+            QTRY_VERIFY(TestEnvironment::helperOwnsItsName());
+        }
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        if (setting == "no bus"_L1)
+            env.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
+        NotificationRecorder recorder;
+
+        const TestEnvironment::Run result = run(arguments, env);
+        QVERIFY2(message.isEmpty() || result.err.contains(u"vantorctl: "_s + message), qPrintable(result.err));
+        QCOMPARE(result.exitCode, exitCode);
+        recorder.settle();
+        QStringList reached;
+        for (qsizetype i = 0; i < recorder.names().size(); ++i) {
+            QString notification = recorder.names().at(i);
+            if (notification == QLatin1String(Notifications::SavingsChanged)
+                || notification == QLatin1String(Notifications::FoldersRenamed))
+                continue; // the helper's own answers
+            for (const auto &[key, value] : recorder.userInfos().at(i).asKeyValueRange())
+                notification += u' ' + key + u'=' + value.toStringList().join(u',');
+            reached.append(notification);
+        }
+        QCOMPARE(reached, posted);
+        // A damaged store is reported, never replaced: it may still be worth saving.
+        if (setting == "damaged store"_L1)
+            QCOMPARE(TestEnvironment::readFile(store), damaged);
+        if (!active.isEmpty()) {
+            QVERIFY(TestEnvironment::pythonPlist(m_env.productFolder() + u"/defaults.plist"_s)
+                        .contains(u"'active': "_s + active));
+            QCOMPARE(TestEnvironment::pythonPlist(loginList()).contains(u"VantorHelper.app"_s), active == u"True"_s);
+        }
+    }
+
+    void compressesThroughTheCommandLine_data()
+    {
+        QTest::addColumn<bool>("ordinaryUser");
+        QTest::newRow("root") << false;
+        QTest::newRow("ordinary user") << true;
+    }
+
+    void compressesThroughTheCommandLine()
+    {
+        QFETCH(bool, ordinaryUser);
+        // Outside the test's own private folder, and open for others to enter.
+        QTemporaryDir dir(u"/tmp/tst_vantorctl-XXXXXX"_s);
+        QVERIFY(QFile::setPermissions(dir.path(), QFileDevice::Permissions(0x7755)));
+        LoopMount btrfs(dir.path(), u"btrfs"_s, 256);
+        if (!btrfs.mount())
+            QSKIP(qPrintable(u"no btrfs image can be mounted here: "_s + btrfs.reason()));
+        const QString home = dir.path() + u"/home"_s, folder = btrfs.mountPoint() + u"/Documents"_s;
+        // A new account: not even ~/.local/share yet.
+        QVERIFY(QDir().mkpath(home) && QDir().mkpath(folder));
+        QByteArray text;
+        for (int i = 0; text.size() < (4 << 20); ++i)
+            text += "line " + QByteArray::number(i % 977) + " of a report that compresses well\n";
+        TestEnvironment::writeFile(folder + u"/report.txt"_s, text);
+        QProcess::execute(u"sync"_s, {});
+
+        // The user's whole session: a bus of its own, the helper switched on and off by vantorctl.
+        QStringList command{
+            u"dbus-run-session"_s,         u"--"_s, QStringLiteral(VANTOR_CTL_SESSION), QStringLiteral(VANTORCTL),
+            TestEnvironment::paneBundle(), folder};
+        if (ordinaryUser) {
+            QCOMPARE(QProcess::execute(u"chown"_s, {u"-R"_s, u"65534:65534"_s, home, folder}), 0);
+            command = QStringList{u"setpriv"_s, u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s} + command;
+        }
+        QProcessEnvironment env;
+        env.insert(u"PATH"_s, qEnvironmentVariable("PATH"));
+        env.insert(u"HOME"_s, home);
+        const QString program = command.takeFirst();
+        const TestEnvironment::Run session = TestEnvironment::run(program, command, env, 180000);
+        QVERIFY2(session.exitCode == 0, qPrintable(session.err));
+
+        const QJsonObject list = QJsonDocument::fromJson(session.out.toUtf8()).object();
+        const QJsonArray folders = list.value(u"folders"_s).toArray();
+        QCOMPARE(folders.size(), 1);
+        const QJsonObject entry = folders.first().toObject();
+        QCOMPARE(entry,
+                 QJsonObject({{u"path"_s, folder},
+                              {u"status"_s, 100},
+                              {u"exists"_s, true},
+                              {u"savings"_s, entry.value(u"savings"_s)}}));
+        // The figure shown is the store's, and the disk agrees with it.
+        const qint64 savings = entry.value(u"savings"_s).toInteger();
+        QCOMPARE(list.value(u"totalSavings"_s).toInteger(), savings);
+        QCOMPARE(
+            TestEnvironment::sqlite(home + u"/.local/share/Vantor/history.db"_s, u"SELECT ZSAVINGS FROM ZHISTORY"_s),
+            QString::number(savings));
+        QProcess::execute(u"sync"_s, {});
+        // "TOTAL  3%  <disk usage>  <uncompressed>  <referenced>": what the disk holds less than the data.
+        const QString report = TestEnvironment::run(u"compsize"_s, {u"-b"_s, folder}).out;
+        const QStringList total = report.section(u"TOTAL"_s, 1).split(u' ', Qt::SkipEmptyParts);
+        QVERIFY2(total.size() >= 3 && report.contains(u"zstd"_s), qPrintable(report));
+        // The helper's zstd model, counted for what btrfs stored compressed, within 1% of the disk.
+        const qint64 freed = total.at(2).toLongLong() - total.at(1).toLongLong();
+        QVERIFY2(freed > 0 && qAbs(savings - freed) <= freed / 100, qPrintable(report));
+    }
 
 private:
     QString loginList() const { return m_env.configHome() + u"/vantor/preferences/loginwindow.plist"_s; }
@@ -71,195 +231,6 @@ private:
     TestEnvironment m_env;
     std::unique_ptr<QProcess> m_helper;
 };
-
-void TestVantorCtl::initTestCase()
-{
-    QVERIFY(QDir().mkpath(m_env.productFolder()) && QDir().mkpath(m_env.home() + u"/Documents"_s));
-    TestEnvironment::writeFile(m_env.home() + u"/notes.txt"_s, "text");
-    QCOMPARE(::mkdir(undecodableFolder().constData(), 0700), 0);
-    // The host makes the login list; the switch only edits one that exists.
-    TestEnvironment::writeFile(loginList(),
-                               "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
-                               "<key>AutoLaunchedApplicationDictionary</key><array/></dict></plist>");
-}
-
-void TestVantorCtl::cleanupTestCase()
-{
-    ::rmdir(undecodableFolder().constData()); // QDir cannot remove what it cannot name
-}
-
-void TestVantorCtl::cleanup()
-{
-    if (m_helper && m_helper->state() != QProcess::NotRunning) {
-        DistributedNotificationCenter::defaultCenter()->postNotificationName(
-            QLatin1String(Notifications::HelperShouldQuit));
-        if (!m_helper->waitForFinished(15000))
-            m_helper->kill();
-    }
-    QFile::remove(m_env.productFolder() + u"/history.db"_s);
-}
-
-void TestVantorCtl::commands_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QString>("setting"); // helper | no helper | no bus | damaged store
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QString>("message");
-    QTest::addColumn<QStringList>("posted"); // what reached the bus, in order: "name key=value,value"
-    QTest::addColumn<QString>("active"); // afterwards in the settings and the login list, if checked
-
-    const auto row = [](const char *name, const QStringList &arguments, const QString &setting, int exitCode,
-                        const QString &message, const QStringList &posted = {}, const QString &active = {}) {
-        QTest::newRow(name) << arguments << setting << exitCode << message << posted << active;
-    };
-    const QString home = m_env.home(), docs = home + u"/Documents"_s, file = home + u"/notes.txt"_s;
-    const QString helper = u"helper"_s, notAFolder = file + u": not a folder"_s;
-    row("a file instead of a folder", {u"add"_s, file}, helper, 1, notAFolder);
-    row("a missing path", {u"add"_s, home + u"/gone"_s}, helper, 1, home + u"/gone: no such folder"_s);
-    row("a path not UTF-8", {u"add"_s, home + u"/caf\\351"_s}, helper, 1,
-        u"Vantor cannot keep the folder %1/caf%E9 compressed: its path is not valid UTF-8"_s.arg(home));
-    row("a folder and a file: the folder is sent", {u"add"_s, file, docs + u"/./"_s}, helper, 1, notAFolder,
-        {u"com.quillfen.vantor.folders foldersToAdd="_s + docs});
-    row("no helper", {u"add"_s, docs}, u"no helper"_s, 1,
-        u"the Vantor helper is not running, so nothing was sent; start it with \"vantorctl on\" and try again"_s);
-    row("no bus: add", {u"add"_s, docs}, u"no bus"_s, 1,
-        u"no session bus, so the helper cannot be asked: nothing was sent"_s);
-    row("no bus: status", {u"status"_s}, u"no bus"_s, 1,
-        u"no session bus: cannot tell whether the helper is running"_s);
-    row("remove a folder not listed", {u"remove"_s, docs}, helper, 1, docs + u": not in the list of folders"_s);
-    const QString damaged =
-        u"Vantor Database Error: the history store %1/history.db is damaged"_s.arg(m_env.productFolder());
-    row("damaged history.db: list", {u"list"_s}, u"damaged store"_s, 1, damaged);
-    row("damaged history.db: status", {u"status"_s, u"--json"_s}, u"damaged store"_s, 1, damaged);
-    row("damaged history.db: remove", {u"remove"_s, docs}, u"damaged store"_s, 1, damaged);
-    row("usage: no command", {}, helper, 2, u"no command given"_s);
-    row("usage: list --xml", {u"list"_s, u"--xml"_s}, helper, 2, u"list takes only --json"_s);
-    // The switch's order: "active" stored and the login item set before the helper is told.
-    row("on", {u"on"_s}, helper, 0, {}, {u"com.quillfen.vantor.active"_s}, u"True"_s);
-    row("off", {u"off"_s}, helper, 0, {}, {u"com.quillfen.vantor.active"_s, u"vantorHelperShouldQuit"_s}, u"False"_s);
-}
-
-void TestVantorCtl::commands()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(QString, setting);
-    QFETCH(int, exitCode);
-    QFETCH(QString, message);
-    QFETCH(QStringList, posted);
-    QFETCH(QString, active);
-
-    const QString store = m_env.productFolder() + u"/history.db"_s;
-    const QByteArray damaged = "not a database, but the user's file all the same\n";
-    if (setting == QLatin1String("damaged store"))
-        TestEnvironment::writeFile(store, damaged);
-    // The helper replaces a damaged store when it starts, so it stays away from those rows.
-    if (setting == QLatin1String("helper") && !helperRunning()) {
-        m_helper = std::make_unique<QProcess>();
-        m_helper->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_helper->start(TestEnvironment::helperExecutable(), {});
-        QTRY_VERIFY(helperRunning());
-    }
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    if (setting == QLatin1String("no bus"))
-        env.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
-    NotificationRecorder recorder;
-
-    const Run result = run(arguments, env);
-    QVERIFY2(message.isEmpty() || result.err.contains(u"vantorctl: "_s + message), qPrintable(result.err));
-    QCOMPARE(result.exitCode, exitCode);
-    recorder.settle();
-    // Only what vantorctl sends; the helper answers with its own.
-    const QStringList fromHelper{QLatin1String(Notifications::SavingsChanged),
-                                 QLatin1String(Notifications::FoldersRenamed)};
-    QStringList reached;
-    for (qsizetype i = 0; i < recorder.names().size(); ++i) {
-        QString notification = recorder.names().at(i);
-        if (fromHelper.contains(notification))
-            continue;
-        const QVariantMap userInfo = recorder.userInfos().at(i);
-        for (auto it = userInfo.cbegin(); it != userInfo.cend(); ++it)
-            notification += u' ' + it.key() + u'=' + it.value().toStringList().join(u',');
-        reached.append(notification);
-    }
-    QCOMPARE(reached, posted);
-    // A damaged store is reported, never replaced: it may still be worth saving.
-    if (setting == QLatin1String("damaged store"))
-        QCOMPARE(TestEnvironment::readFile(store), damaged);
-    if (!active.isEmpty()) {
-        QVERIFY(TestEnvironment::pythonPlist(m_env.productFolder() + u"/defaults.plist"_s)
-                    .contains(u"'active': "_s + active));
-        QCOMPARE(TestEnvironment::pythonPlist(loginList()).contains(u"VantorHelper.app"_s), active == u"True"_s);
-    }
-}
-
-void TestVantorCtl::compressesThroughTheCommandLine_data()
-{
-    QTest::addColumn<bool>("ordinaryUser");
-    QTest::newRow("root") << false;
-    QTest::newRow("ordinary user") << true;
-}
-
-void TestVantorCtl::compressesThroughTheCommandLine()
-{
-    QFETCH(bool, ordinaryUser);
-    // Outside the test's own private folder, and open for others to enter.
-    QTemporaryDir dir(u"/tmp/tst_vantorctl-XXXXXX"_s);
-    QVERIFY(QFile::setPermissions(dir.path(), QFileDevice::Permissions(0x7755)));
-    LoopMount btrfs(dir.path(), u"btrfs"_s, 256);
-    if (!btrfs.mount())
-        QSKIP(qPrintable(u"no btrfs image can be mounted here: "_s + btrfs.reason()));
-    const QString home = dir.path() + u"/home"_s, folder = btrfs.mountPoint() + u"/Documents"_s;
-    // A new account: not even ~/.local/share yet.
-    QVERIFY(QDir().mkpath(home) && QDir().mkpath(folder));
-    QByteArray text;
-    for (int i = 0; text.size() < (4 << 20); ++i)
-        text += "line " + QByteArray::number(i % 977) + " of a report that compresses well\n";
-    TestEnvironment::writeFile(folder + u"/report.txt"_s, text);
-    QProcess::execute(u"sync"_s, {});
-
-    // The user's whole session: a bus of its own, the helper switched on and off by vantorctl.
-    QStringList command{
-        u"dbus-run-session"_s,         u"--"_s, QStringLiteral(VANTOR_CTL_SESSION), QStringLiteral(VANTORCTL),
-        TestEnvironment::paneBundle(), folder};
-    if (ordinaryUser) {
-        QCOMPARE(QProcess::execute(u"chown"_s, {u"-R"_s, u"65534:65534"_s, home, folder}), 0);
-        command = QStringList{u"setpriv"_s, u"--reuid=65534"_s, u"--regid=65534"_s, u"--clear-groups"_s} + command;
-    }
-    QProcessEnvironment env;
-    env.insert(u"PATH"_s, qEnvironmentVariable("PATH"));
-    env.insert(u"HOME"_s, home);
-    QProcess session;
-    session.setProcessEnvironment(env);
-    session.start(command.takeFirst(), command);
-    QVERIFY(session.waitForFinished(180000));
-    const QByteArray out = session.readAllStandardOutput();
-    QVERIFY2(session.exitCode() == 0, session.readAllStandardError().constData());
-
-    const QJsonObject list = QJsonDocument::fromJson(out).object();
-    const QJsonArray folders = list.value(u"folders"_s).toArray();
-    QCOMPARE(folders.size(), 1);
-    const QJsonObject entry = folders.first().toObject();
-    QCOMPARE(
-        entry,
-        QJsonObject(
-            {{u"path"_s, folder}, {u"status"_s, 100}, {u"exists"_s, true}, {u"savings"_s, entry.value(u"savings"_s)}}));
-    // The figure shown is the store's, and the disk agrees with it.
-    const qint64 savings = entry.value(u"savings"_s).toInteger();
-    QCOMPARE(list.value(u"totalSavings"_s).toInteger(), savings);
-    QCOMPARE(TestEnvironment::sqlite(home + u"/.local/share/Vantor/history.db"_s, u"SELECT ZSAVINGS FROM ZHISTORY"_s),
-             QString::number(savings));
-    QProcess::execute(u"sync"_s, {});
-    QProcess compsize;
-    compsize.start(u"compsize"_s, {u"-b"_s, folder});
-    QVERIFY(compsize.waitForFinished());
-    // "TOTAL  3%  <disk usage>  <uncompressed>  <referenced>": what the disk holds less than the data.
-    const QString report = QString::fromUtf8(compsize.readAllStandardOutput());
-    const QStringList total = report.section(u"TOTAL"_s, 1).split(u' ', Qt::SkipEmptyParts);
-    QVERIFY2(total.size() >= 3 && report.contains(u"zstd"_s), qPrintable(report));
-    // The helper's zstd model, counted for what btrfs stored compressed, within 1% of the disk.
-    const qint64 freed = total.at(2).toLongLong() - total.at(1).toLongLong();
-    QVERIFY2(freed > 0 && qAbs(savings - freed) <= freed / 100, qPrintable(report));
-}
 
 QTEST_GUILESS_MAIN(TestVantorCtl)
 #include "tst_vantorctl.moc"

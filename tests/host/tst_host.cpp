@@ -1,15 +1,12 @@
-#include "NotificationRecorder.h"
 #include "TestEnvironment.h"
-#include "common/HelperIdentity.h"
-#include "platform/PropertyList.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QImage>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
+
+using namespace Qt::StringLiterals;
 
 // vantor-preferences as a user starts it: a real process on the test's session bus.
 class TestHost : public QObject
@@ -17,254 +14,152 @@ class TestHost : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
-    void installedHostStartsItsPane();
-    void storedSettingsThroughStartUp_data();
-    void storedSettingsThroughStartUp();
-    void brokenPaneIsOneLineAndExitOne_data();
-    void brokenPaneIsOneLineAndExitOne();
-    void noPaneInstalledSaysSo();
-    void quitNotificationFromAnotherProcess();
-    void secondStartLaunchesNoSecondHelper();
-    void faultsAreReportedNotFatal_data();
-    void faultsAreReportedNotFatal();
-    void survivesClosedOutput();
+    void init() { m_home = std::make_unique<QTemporaryDir>(); }
+
+    void cleanup()
+    {
+        // A host with the pane leaves its helper running.
+        TestEnvironment::postWithGdbus(u"vantorHelperShouldQuit"_s);
+        QTRY_VERIFY(!TestEnvironment::helperOwnsItsName());
+    }
+
+    void installedHostStartsItsPane()
+    {
+        // Installed for this user, where the host looks first.
+        const QString prefix = m_home->path() + u"/.local"_s;
+        QCOMPARE(QProcess::execute(u"cmake"_s,
+                                   {u"--install"_s, qEnvironmentVariable("VANTOR_BUILD_DIR"), u"--prefix"_s, prefix}),
+                 0);
+        const Run run =
+            TestEnvironment::run(prefix + u"/bin/vantor-preferences"_s, {u"--screenshot"_s, png()}, environment());
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.out.trimmed(), u"vantor-preferences: wrote %1"_s.arg(png()));
+        QImage image(png());
+        QVERIFY(image.width() >= 700 && image.height() >= 400);
+
+        // The pane ran, and its first run is done.
+        QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()),
+                 u"{'active': True, 'checkUpdates': True, 'firstRun': False, "
+                 "'folderAliases': [], 'runAtLogin': True, 'visible': True}"_s);
+    }
+
+    void brokenPaneIsOneLineAndExitOne_data()
+    {
+        QTest::addColumn<QString>("layout");
+        for (const char *layout : {"missing", "empty", "garbage", "nolib", "notpane"})
+            QTest::newRow(layout) << QString::fromLatin1(layout);
+    }
+
+    void brokenPaneIsOneLineAndExitOne()
+    {
+        QFETCH(QString, layout);
+        const QString pane = m_home->path() + u"/Broken.prefPane"_s, info = pane + u"/Contents/Info.plist"_s;
+        if (layout != "missing"_L1)
+            QDir().mkpath(pane + u"/Contents/Linux"_s);
+        if (layout == "garbage"_L1)
+            TestEnvironment::writeFile(info, "<plist><dict><key>");
+        if (layout == "nolib"_L1 || layout == "notpane"_L1)
+            QFile::copy(TestEnvironment::paneBundle() + u"/Contents/Info.plist"_s, info);
+        if (layout == "notpane"_L1)
+            QFile::copy(QStringLiteral(VANTOR_COMMON_LIBRARY_FILE), pane + u"/Contents/Linux/libVantorPref.so"_s);
+
+        const Run run = runHost({u"--pane"_s, pane}, environment());
+        QCOMPARE(run.exitCode, 1);
+        const QStringList lines = run.err.split(u'\n', Qt::SkipEmptyParts).filter(u"vantor.host:"_s);
+        QCOMPARE(lines.size(), 1);
+        QVERIFY2(lines.first().startsWith(u"vantor.host: cannot load the pane %1: "_s.arg(pane)),
+                 qPrintable(lines.first()));
+    }
+
+    void quitNotificationFromAnotherProcess()
+    {
+        QProcess host;
+        host.setProcessEnvironment(environment());
+        host.start(TestEnvironment::hostExecutable(), {u"--pane"_s, TestEnvironment::paneBundle()});
+        QVERIFY(TestEnvironment::waitForObserver(u"com.quillfen.vantor.quit"_s));
+        QCOMPARE(TestEnvironment::postWithGdbus(u"com.quillfen.vantor.quit"_s), 0);
+        QVERIFY(host.waitForFinished(20000));
+        QCOMPARE(host.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(host.exitCode(), 0);
+    }
+
+    void secondStartLaunchesNoSecondHelper()
+    {
+        const auto helpers = [] { return TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()); };
+        QCOMPARE(screenshot(environment()).exitCode, 0);
+        QTRY_COMPARE(helpers().size(), 1);
+        const QMap<int, QList<QByteArray>> first = helpers();
+        // Started by its clean path, holding nothing of the host's: a host run through a pipe
+        // would otherwise wait for the helper to end.
+        QCOMPARE(first.first().first(), QFile::encodeName(TestEnvironment::helperExecutable()));
+        for (int fd : {0, 1})
+            QCOMPARE(QFileInfo(u"/proc/%1/fd/%2"_s.arg(first.firstKey()).arg(fd)).symLinkTarget(), u"/dev/null"_s);
+        QCOMPARE(screenshot(environment()).exitCode, 0);
+        QTest::qWait(500);
+        QCOMPARE(helpers().keys(), first.keys());
+    }
+
+    // The window is still drawn, with one clear line for what is wrong.
+    void faultsAreReportedNotFatal_data()
+    {
+        QTest::addColumn<QString>("expectedLine"); // the row's name is the fault
+        QTest::addColumn<int>("times");
+        QTest::newRow("no session bus") << "vantor.platform: no D-Bus session bus (" << 1;
+        QTest::newRow("data folder cannot be made")
+            << "vantor.common: Could not write preferences to file: (null)" << 3;
+        QTest::newRow("no pane installed") << "no Vantor pane is installed" << 1;
+    }
+
+    void faultsAreReportedNotFatal()
+    {
+        const QLatin1StringView fault(QTest::currentDataTag());
+        QFETCH(QString, expectedLine);
+        QFETCH(int, times);
+        QProcessEnvironment env = environment();
+        if (fault == "no session bus"_L1)
+            env.insert(u"DBUS_SESSION_BUS_ADDRESS"_s, u"unix:path=/nonexistent/bus"_s);
+        if (fault == "data folder cannot be made"_L1) {
+            TestEnvironment::writeFile(m_home->path() + u"/file"_s, "x");
+            env.insert(u"XDG_DATA_HOME"_s, m_home->path() + u"/file/share"_s);
+        }
+        const Run run = fault == "no pane installed"_L1 ? runHost({u"--screenshot"_s, png()}, env) : screenshot(env);
+        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(run.err.count(expectedLine), times);
+        QVERIFY(QFile::exists(png()));
+    }
+
+    // Started by a program that has gone (as before a relaunch): its output is a pipe nobody reads.
+    void survivesClosedOutput()
+    {
+        const QString command = u"set -o pipefail; \"$0\" --screenshot \"$1\" 2>&1 | true"_s;
+        const QStringList arguments{u"-c"_s, command, TestEnvironment::hostExecutable(), png()};
+        QCOMPARE(TestEnvironment::run(u"bash"_s, arguments, environment()).exitCode, 0);
+    }
 
 private:
-    struct Run {
-        int exitCode = -1;
-        QString out;
-        QString err;
-    };
-    QProcessEnvironment environment() const;
-    Run runHost(const QStringList &args, const QProcessEnvironment &env,
-                const QString &host = TestEnvironment::hostExecutable());
+    QProcessEnvironment environment() const
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(u"HOME"_s, m_home->path());
+        for (const char *var : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_RUNTIME_DIR"})
+            env.remove(QLatin1String(var));
+        env.insert(u"QT_QPA_PLATFORM"_s, u"offscreen"_s);
+        return env;
+    }
+
+    using Run = TestEnvironment::Run;
+    Run runHost(const QStringList &args, const QProcessEnvironment &env) const
+    {
+        return TestEnvironment::run(TestEnvironment::hostExecutable(), args, env);
+    }
+    QString png() const { return m_home->path() + u"/x.png"_s; }
     Run screenshot(const QProcessEnvironment &env)
     {
-        return runHost({QStringLiteral("--pane"), TestEnvironment::paneBundle(), QStringLiteral("--screenshot"),
-                        m_home->path() + QStringLiteral("/x.png")},
-                       env);
+        return runHost({u"--pane"_s, TestEnvironment::paneBundle(), u"--screenshot"_s, png()}, env);
     }
-    QString defaultsFile() const { return m_home->path() + QStringLiteral("/.local/share/Vantor/defaults.plist"); }
-    static bool helperOwnsItsName()
-    {
-        return QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName());
-    }
-
+    QString defaultsFile() const { return m_home->path() + u"/.local/share/Vantor/defaults.plist"_s; }
     std::unique_ptr<QTemporaryDir> m_home;
-    const QString m_allDefaults = QStringLiteral("{'active': True, 'checkUpdates': True, 'firstRun': False, "
-                                                 "'folderAliases': [], 'runAtLogin': True, 'visible': True}");
 };
-
-void TestHost::init()
-{
-    m_home = std::make_unique<QTemporaryDir>();
-}
-
-void TestHost::cleanup()
-{
-    // A host with the pane leaves its helper running.
-    TestEnvironment::postWithGdbus(QStringLiteral("vantorHelperShouldQuit"));
-    QTRY_VERIFY(!helperOwnsItsName());
-}
-
-QProcessEnvironment TestHost::environment() const
-{
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("HOME"), m_home->path());
-    for (const char *var : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_RUNTIME_DIR"})
-        env.remove(QLatin1String(var));
-    env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    return env;
-}
-
-TestHost::Run TestHost::runHost(const QStringList &args, const QProcessEnvironment &env, const QString &program)
-{
-    QProcess host;
-    host.setProcessEnvironment(env);
-    host.start(program, args);
-    if (!host.waitForFinished(60000))
-        host.kill();
-    return {host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1,
-            QString::fromUtf8(host.readAllStandardOutput()), QString::fromUtf8(host.readAllStandardError())};
-}
-
-void TestHost::installedHostStartsItsPane()
-{
-    // Installed for this user, where the host looks first.
-    const QString prefix = m_home->path() + QStringLiteral("/.local");
-    QCOMPARE(QProcess::execute(QStringLiteral("cmake"),
-                               {QStringLiteral("--install"), qEnvironmentVariable("VANTOR_BUILD_DIR"),
-                                QStringLiteral("--prefix"), prefix}),
-             0);
-    NotificationRecorder recorder;
-    const QString png = m_home->path() + QStringLiteral("/x.png");
-    const Run run = runHost({QStringLiteral("--screenshot"), png}, environment(),
-                            prefix + QStringLiteral("/bin/vantor-preferences"));
-    QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out.trimmed(), QStringLiteral("vantor-preferences: wrote %1").arg(png));
-    QImage image(png);
-    QVERIFY(image.width() >= 700 && image.height() >= 400);
-
-    recorder.settle();
-    QCOMPARE(recorder.names(),
-             QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
-    QCOMPARE(recorder.userInfos().first().value(QStringLiteral("version")).toString(), QStringLiteral("1.0.0"));
-    QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()), m_allDefaults);
-}
-
-void TestHost::storedSettingsThroughStartUp_data()
-{
-    QTest::addColumn<QByteArray>("contents");
-    QTest::addColumn<QString>("after");
-    QTest::addColumn<QString>("updateNotification");
-
-    const QByteArray inactive = PropertyList::toXml(QVariantMap{{QStringLiteral("active"), false}});
-    QTest::newRow("only active") << inactive << "{'active': False, 'checkUpdates': True, 'firstRun': False}"
-                                 << "vantorHelperEnableUpdates";
-    QTest::newRow("updates off") << PropertyList::toXml(
-        QVariantMap{{QStringLiteral("checkUpdates"), false}, {QStringLiteral("firstRun"), false}})
-                                 << "{'checkUpdates': False, 'firstRun': False}"
-                                 << "vantorHelperDisableUpdates";
-    QTest::newRow("empty dictionary") << PropertyList::toXml(QVariantMap()) << m_allDefaults
-                                      << "vantorHelperEnableUpdates";
-    QTest::newRow("truncated") << inactive.left(60) << m_allDefaults << "vantorHelperEnableUpdates";
-}
-
-void TestHost::storedSettingsThroughStartUp()
-{
-    QFETCH(QByteArray, contents);
-    QFETCH(QString, after);
-    QFETCH(QString, updateNotification);
-    TestEnvironment::writeFile(defaultsFile(), contents);
-    NotificationRecorder recorder;
-    QCOMPARE(screenshot(environment()).exitCode, 0);
-    QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()), after);
-    recorder.settle();
-    QCOMPARE(recorder.names().value(1), updateNotification);
-}
-
-void TestHost::brokenPaneIsOneLineAndExitOne_data()
-{
-    QTest::addColumn<QString>("layout");
-    QTest::newRow("missing") << "missing";
-    QTest::newRow("no Info.plist") << "empty";
-    QTest::newRow("Info.plist is garbage") << "garbage";
-    QTest::newRow("library missing") << "nolib";
-    QTest::newRow("library is not a pane") << "notpane";
-}
-
-void TestHost::brokenPaneIsOneLineAndExitOne()
-{
-    QFETCH(QString, layout);
-    const QString pane = m_home->path() + QStringLiteral("/Broken.prefPane");
-    const QString info = pane + QStringLiteral("/Contents/Info.plist");
-    if (layout != QLatin1String("missing"))
-        QDir().mkpath(pane + QStringLiteral("/Contents/Linux"));
-    if (layout == QLatin1String("garbage"))
-        TestEnvironment::writeFile(info, "<plist><dict><key>");
-    if (layout == QLatin1String("nolib") || layout == QLatin1String("notpane"))
-        QFile::copy(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"), info);
-    if (layout == QLatin1String("notpane"))
-        QFile::copy(QStringLiteral(VANTOR_COMMON_LIBRARY_FILE),
-                    pane + QStringLiteral("/Contents/Linux/libVantorPref.so"));
-
-    const Run run = runHost({QStringLiteral("--pane"), pane}, environment());
-    QCOMPARE(run.exitCode, 1);
-    const QStringList lines = run.err.split(u'\n', Qt::SkipEmptyParts).filter(QStringLiteral("vantor.host:"));
-    QCOMPARE(lines.size(), 1);
-    QVERIFY2(lines.first().startsWith(QStringLiteral("vantor.host: cannot load the pane %1: ").arg(pane)),
-             qPrintable(lines.first()));
-}
-
-void TestHost::noPaneInstalledSaysSo()
-{
-    const Run run =
-        runHost({QStringLiteral("--screenshot"), m_home->path() + QStringLiteral("/none.png")}, environment());
-    QCOMPARE(run.exitCode, 0);
-    QVERIFY2(run.err.contains(QStringLiteral("no Vantor pane is installed")), qPrintable(run.err));
-    QVERIFY(QFile::exists(m_home->path() + QStringLiteral("/none.png")));
-    // Nothing of the pane ran.
-    QVERIFY(!QFile::exists(defaultsFile()));
-}
-
-void TestHost::quitNotificationFromAnotherProcess()
-{
-    NotificationRecorder recorder;
-    QProcess host;
-    host.setProcessEnvironment(environment());
-    host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--pane"), TestEnvironment::paneBundle()});
-    QVERIFY(recorder.waitFor(QStringLiteral("vantorHelperEnableUpdates"), 30000));
-    recorder.settle(500); // the pane's subscriptions follow its last start-up post
-    QCOMPARE(TestEnvironment::postWithGdbus(QStringLiteral("com.quillfen.vantor.quit")), 0);
-    QVERIFY(host.waitForFinished(20000));
-    QCOMPARE(host.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(host.exitCode(), 0);
-}
-
-void TestHost::secondStartLaunchesNoSecondHelper()
-{
-    const auto helpers = [] { return TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).keys(); };
-    QCOMPARE(screenshot(environment()).exitCode, 0);
-    QTRY_COMPARE(helpers().size(), 1);
-    const QList<int> first = helpers();
-    // Started by its clean path, holding nothing of the host's: a host run through a pipe
-    // would otherwise wait for the helper to end.
-    QCOMPARE(TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()).first().first(),
-             QFile::encodeName(TestEnvironment::helperExecutable()));
-    for (int fd : {0, 1})
-        QCOMPARE(QFileInfo(QStringLiteral("/proc/%1/fd/%2").arg(first.first()).arg(fd)).symLinkTarget(),
-                 QStringLiteral("/dev/null"));
-    QCOMPARE(screenshot(environment()).exitCode, 0);
-    QTest::qWait(500);
-    QCOMPARE(helpers(), first);
-}
-
-void TestHost::faultsAreReportedNotFatal_data()
-{
-    QTest::addColumn<QString>("fault");
-    QTest::addColumn<QString>("expectedLine");
-    QTest::newRow("no session bus") << "nobus"
-                                    << "vantor.platform: no D-Bus session bus (";
-    QTest::newRow("data folder cannot be made") << "blocked"
-                                                << "vantor.common: Could not write preferences to file: (null)";
-    QTest::newRow("plain file named Vantor")
-        << "vantorfile"
-        << "vantor.common: Could not write preferences to file: @/.local/share/Vantor/defaults.plist";
-}
-
-void TestHost::faultsAreReportedNotFatal()
-{
-    QFETCH(QString, fault);
-    QFETCH(QString, expectedLine);
-    expectedLine.replace(u'@', m_home->path());
-    QProcessEnvironment env = environment();
-    if (fault == QLatin1String("nobus"))
-        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), QStringLiteral("unix:path=/nonexistent/bus"));
-    if (fault == QLatin1String("blocked")) {
-        TestEnvironment::writeFile(m_home->path() + QStringLiteral("/file"), "x");
-        env.insert(QStringLiteral("XDG_DATA_HOME"), m_home->path() + QStringLiteral("/file/share"));
-    }
-    if (fault == QLatin1String("vantorfile"))
-        TestEnvironment::writeFile(m_home->path() + QStringLiteral("/.local/share/Vantor"), "x");
-
-    const Run run = screenshot(env);
-    QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.err.count(expectedLine), fault == QLatin1String("nobus") ? 1 : 3);
-}
-
-// Started by a program that has gone (as before a relaunch): its output is a pipe nobody reads.
-void TestHost::survivesClosedOutput()
-{
-    QProcess shell;
-    shell.setProcessEnvironment(environment());
-    shell.start(QStringLiteral("bash"),
-                {QStringLiteral("-c"), QStringLiteral("set -o pipefail; \"$0\" --screenshot \"$1\" 2>&1 | true"),
-                 TestEnvironment::hostExecutable(), m_home->path() + QStringLiteral("/x.png")});
-    QVERIFY(shell.waitForFinished(60000));
-    QCOMPARE(shell.exitCode(), 0);
-}
 
 QTEST_GUILESS_MAIN(TestHost)
 #include "tst_host.moc"

@@ -4,16 +4,18 @@
 #include <QApplication>
 #include <QTest>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 // Records the lifecycle calls the host makes.
 class RecordingPane : public PreferencePane
 {
 public:
-    QString mainNibName() const override { return QStringLiteral("Recording"); }
-    void mainViewDidLoad() override { calls << QStringLiteral("load"); }
-    void didSelect() override { calls << QStringLiteral("select"); }
-    void didUnselect() override { calls << QStringLiteral("unselect"); }
+    QString mainNibName() const override { return u"Recording"_s; }
+    void mainViewDidLoad() override { calls << u"load"_s; }
+    void didSelect() override { calls << u"select"_s; }
+    void didUnselect() override { calls << u"unselect"_s; }
     QStringList calls;
 
 protected:
@@ -27,47 +29,37 @@ class TestHostWindow : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void lifecycleFollowsTheWindow_data();
-    void lifecycleFollowsTheWindow();
-};
+    void lifecycleFollowsTheWindow_data()
+    {
+        QTest::addColumn<QString>("calls"); // the row's name is what is done to the window
+        QTest::newRow("show") << "load select";
+        QTest::newRow("hide") << "load select unselect";
+        QTest::newRow("minimise") << "load select unselect";
+        QTest::newRow("restore") << "load select unselect select";
+        QTest::newRow("show twice") << "load select";
+    }
 
-void TestHostWindow::lifecycleFollowsTheWindow_data()
-{
-    QTest::addColumn<QString>("action");
-    QTest::addColumn<QStringList>("calls");
-    QTest::newRow("shown") << "show" << QStringList{QStringLiteral("load"), QStringLiteral("select")};
-    QTest::newRow("hidden") << "hide"
-                            << QStringList{QStringLiteral("load"), QStringLiteral("select"),
-                                           QStringLiteral("unselect")};
-    QTest::newRow("minimised") << "minimise"
-                               << QStringList{QStringLiteral("load"), QStringLiteral("select"),
-                                              QStringLiteral("unselect")};
-    QTest::newRow("restored") << "restore"
-                              << QStringList{QStringLiteral("load"), QStringLiteral("select"),
-                                             QStringLiteral("unselect"), QStringLiteral("select")};
-    QTest::newRow("shown twice") << "show twice" << QStringList{QStringLiteral("load"), QStringLiteral("select")};
-}
-
-void TestHostWindow::lifecycleFollowsTheWindow()
-{
-    QFETCH(QString, action);
-    QFETCH(QStringList, calls);
-    RecordingPane pane;
-    HostWindow window;
-    pane.initWithBundle(nullptr, &window);
-    window.showPane(&pane);
-    QCOMPARE(pane.calls, QStringList{QStringLiteral("load")}); // loaded once, before it is shown
-    window.show();
-    if (action == QLatin1String("show twice"))
+    void lifecycleFollowsTheWindow()
+    {
+        const QLatin1StringView action(QTest::currentDataTag());
+        QFETCH(QString, calls);
+        RecordingPane pane;
+        HostWindow window;
+        pane.initWithBundle(nullptr, &window);
+        window.showPane(&pane);
+        QCOMPARE(pane.calls, QStringList{u"load"_s}); // loaded once, before it is shown
         window.show();
-    if (action == QLatin1String("hide"))
-        window.hide();
-    if (action == QLatin1String("minimise") || action == QLatin1String("restore"))
-        window.setWindowState(Qt::WindowMinimized);
-    if (action == QLatin1String("restore"))
-        window.setWindowState(Qt::WindowNoState);
-    QCOMPARE(pane.calls, calls);
-}
+        if (action == "show twice"_L1)
+            window.show();
+        if (action == "hide"_L1)
+            window.hide();
+        if (action == "minimise"_L1 || action == "restore"_L1)
+            window.setWindowState(Qt::WindowMinimized);
+        if (action == "restore"_L1)
+            window.setWindowState(Qt::WindowNoState);
+        QCOMPARE(pane.calls.join(u' '), calls);
+    }
+};
 
 QTEST_MAIN(TestHostWindow)
 #include "tst_hostwindow.moc"

@@ -5,8 +5,9 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QProcess>
 #include <QTest>
+
+using namespace Qt::StringLiterals;
 
 // The login window of this system end to end: the host prepares a new user, the session's
 // autostart runner (dex) starts the agent, the agent starts the applications.
@@ -16,91 +17,60 @@ class TestLoginItems : public QObject
 
 private:
     TestEnvironment m_env;
-    QString markers() const { return m_env.root() + QStringLiteral("/markers"); }
-    QString listFile() const { return PreferencesDomain(QStringLiteral("loginwindow")).filePath(); }
+    QString markers() const { return m_env.root() + u"/markers"_s; }
 
     // An application bundle whose program notes its pid and display platform on start.
     QString makeApp(const QString &name)
     {
-        const QString app = m_env.root() + QStringLiteral("/apps/") + name + QStringLiteral(".app");
-        QDir().mkpath(app + QStringLiteral("/Contents/MacOS"));
-        PropertyList::writeFile(app + QStringLiteral("/Contents/Info.plist"),
-                                QVariantMap{{QStringLiteral("CFBundleExecutable"), name},
-                                            {QStringLiteral("CFBundleIdentifier"), QStringLiteral("test.") + name}});
-        const QString exe = app + QStringLiteral("/Contents/MacOS/") + name;
-        const QString marker = markers() + u'/' + name;
+        const QString app = m_env.root() + u"/apps/"_s + name + u".app"_s;
+        const QString exe = app + u"/Contents/MacOS/"_s + name, marker = markers() + u'/' + name;
         TestEnvironment::writeFile(
             exe,
-            QStringLiteral("#!/bin/sh\necho \"$$ ${QT_QPA_PLATFORM:-none}\" > '%1.tmp' && mv '%1.tmp' '%1'\n")
-                .arg(marker)
-                .toUtf8());
-        QFile::setPermissions(exe,
-                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                                  | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+            u"#!/bin/sh\necho \"$$ ${QT_QPA_PLATFORM:-none}\" > '%1.tmp' && mv '%1.tmp' '%1'\n"_s.arg(marker).toUtf8());
+        QFile::setPermissions(exe, QFile::Permissions(0x7555));
+        PropertyList::writeFile(
+            app + u"/Contents/Info.plist"_s,
+            QVariantMap{{u"CFBundleExecutable"_s, name}, {u"CFBundleIdentifier"_s, u"test."_s + name}});
         return app;
     }
 
-    QByteArray marker(const QString &name)
+    QList<QByteArray> marker(const QString &name)
     {
         const QString path = markers() + u'/' + name;
         if (!QTest::qWaitFor([&] { return QFileInfo::exists(path); }, 10000))
             return {};
-        return TestEnvironment::readFile(path).trimmed();
+        return TestEnvironment::readFile(path).trimmed().split(' ');
     }
 
 private Q_SLOTS:
-    // Every case starts as a new user the host has just prepared.
-    void init()
+    void newUserGetsAgentThatOpensTheList()
     {
-        QDir(m_env.root() + QStringLiteral("/apps")).removeRecursively();
-        QDir(markers()).removeRecursively();
-        QDir().mkpath(markers());
-        QFile::remove(listFile());
-        QFile::remove(m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop"));
-        QProcess host;
-        host.start(TestEnvironment::hostExecutable(),
-                   {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
-        QVERIFY(host.waitForFinished(60000));
-    }
-
-    void newUserGetsAgentAndEmptyList()
-    {
-        QVERIFY(QFileInfo::exists(m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop")));
-        QCOMPARE(TestEnvironment::pythonPlist(listFile()), QStringLiteral("{'AutoLaunchedApplicationDictionary': []}"));
-
+        QVERIFY(QDir().mkpath(markers()));
+        const QStringList arguments{u"--screenshot"_s, m_env.root() + u"/shot.png"_s};
+        QCOMPARE(TestEnvironment::run(TestEnvironment::hostExecutable(), arguments).exitCode, 0);
+        QVERIFY(QFileInfo::exists(m_env.configHome() + u"/autostart/vantor-login-items.desktop"_s));
+        const QString listFile = PreferencesDomain(u"loginwindow"_s).filePath();
+        QCOMPARE(TestEnvironment::pythonPlist(listFile), u"{'AutoLaunchedApplicationDictionary': []}"_s);
         QVERIFY(m_env.runAutostart());
         QTest::qWait(300);
         QCOMPARE(QDir(markers()).entryList(QDir::Files), QStringList());
-    }
 
-    void listOpensInOrder()
-    {
-        const QString first = makeApp(QStringLiteral("First"));
-        const QString moved = makeApp(QStringLiteral("Moved"));
-        const QString hidden = makeApp(QStringLiteral("Hidden"));
+        const QString first = makeApp(u"First"_s), moved = makeApp(u"Moved"_s), hidden = makeApp(u"Hidden"_s);
         const QByteArray movedAlias = BDAlias::aliasWithPath(moved)->aliasData();
-        const QString movedNow = m_env.root() + QStringLiteral("/apps/elsewhere/Moved.app");
+        const QString movedNow = m_env.root() + u"/apps/elsewhere/Moved.app"_s;
         QDir().mkpath(QFileInfo(movedNow).path());
         QVERIFY(QDir().rename(moved, movedNow));
         const QVariantList list{
-            QVariantMap{{QStringLiteral("Path"), first}, {QStringLiteral("Hide"), false}},
-            QVariantMap{{QStringLiteral("Path"), moved},
-                        {QStringLiteral("AliasData"), movedAlias},
-                        {QStringLiteral("Hide"), false}},
-            QVariantMap{{QStringLiteral("Path"), m_env.root() + QStringLiteral("/apps/Gone.app")},
-                        {QStringLiteral("Hide"), false}},
-            QVariantMap{{QStringLiteral("Path"), hidden}, {QStringLiteral("Hide"), true}},
+            QVariantMap{{u"Path"_s, first}, {u"Hide"_s, false}},
+            QVariantMap{{u"Path"_s, moved}, {u"AliasData"_s, movedAlias}, {u"Hide"_s, false}},
+            QVariantMap{{u"Path"_s, m_env.root() + u"/apps/Gone.app"_s}, {u"Hide"_s, false}},
+            QVariantMap{{u"Path"_s, hidden}, {u"Hide"_s, true}},
         };
-        QVERIFY(PropertyList::writeFile(listFile(),
-                                        QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), list}}));
+        QVERIFY(PropertyList::writeFile(listFile, QVariantMap{{u"AutoLaunchedApplicationDictionary"_s, list}}));
 
         QVERIFY(m_env.runAutostart());
-        const QList<QByteArray> a = marker(QStringLiteral("First")).split(' ');
-        const QList<QByteArray> b = marker(QStringLiteral("Moved")).split(' ');
-        const QList<QByteArray> c = marker(QStringLiteral("Hidden")).split(' ');
-        QCOMPARE(a.size(), 2);
-        QCOMPARE(b.size(), 2);
-        QCOMPARE(c.size(), 2);
+        const QList<QByteArray> a = marker(u"First"_s), b = marker(u"Moved"_s), c = marker(u"Hidden"_s);
+        QVERIFY(a.size() == 2 && b.size() == 2 && c.size() == 2);
         // Started one after another, so their process ids rise in list order.
         QVERIFY(a[0].toInt() < b[0].toInt());
         QVERIFY(b[0].toInt() < c[0].toInt());

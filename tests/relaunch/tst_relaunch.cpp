@@ -3,39 +3,24 @@
 #include "platform/DistributedNotificationCenter.h"
 #include "common/HelperIdentity.h"
 #include "common/Notifications.h"
-#include "NotificationRecorder.h"
 #include "TestEnvironment.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QFileInfo>
 #include <QProcess>
 #include <QScopeGuard>
 #include <QTest>
 
-#include <climits>
 #include <csignal>
 #include <unistd.h>
+
+using namespace Qt::StringLiterals;
 
 namespace {
 
 QString relaunchTool()
 {
     return HelperIdentity::relaunchToolPath(HelperIdentity::applicationPathInPane(TestEnvironment::paneBundle()));
-}
-
-QList<int> processesWithToken(const QByteArray &token, const QString &executable = {})
-{
-    return TestEnvironment::processesWithEnvironment(token, executable).keys();
-}
-
-// A script of the test's own that the tool may start.
-QString script(const QString &path, const QByteArray &text)
-{
-    TestEnvironment::writeFile(path, "#!/bin/sh\n" + text);
-    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    return path;
 }
 
 } // namespace
@@ -45,166 +30,131 @@ class TestRelaunch : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void badArguments_data();
-    void badArguments();
-    void startsAgainAsItWas();
-    void survivesClosedOutput();
-    void hostComesBackAfterUpdate_data();
-    void hostComesBackAfterUpdate();
+    void badArguments_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::newRow("none") << QStringList{} << 2;
+        QTest::newRow("no pid") << QStringList{u"/bin/true"_s} << 2;
+        QTest::newRow("pid not a number") << QStringList{u"/bin/true"_s, u"12x"_s} << 2;
+        QTest::newRow("pid negative") << QStringList{u"/bin/true"_s, u"-5"_s} << 2;
+        QTest::newRow("application missing") << QStringList{m_env.root() + u"/nothing"_s, u"1"_s} << 1;
+    }
+
+    void badArguments()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        const TestEnvironment::Run tool = TestEnvironment::run(relaunchTool(), arguments);
+        QCOMPARE(tool.exitCode, exitCode);
+        QVERIFY(!tool.err.trimmed().isEmpty());
+    }
+
+    void startsAgainAsItWas()
+    {
+        // A stand-in application: the first run waits a moment; the second writes to its output,
+        // a pipe whose reader (the tool's starter) has gone by then, and records how it was started.
+        const QString marker = m_env.root() + u"/first-run"_s, record = m_env.root() + u"/second-run"_s;
+        const QString script = m_env.root() + u"/app.sh"_s;
+        TestEnvironment::writeFile(script,
+                                   "if [ -e \"$MARKER\" ]; then sleep 0.5; echo out; echo err >&2\n"
+                                   "  echo \"$* $FLAVOUR $(pwd)\" > \"$RECORD\"; exit 0; fi\n"
+                                   "touch \"$MARKER\"; sleep 0.5\n");
+        QProcess app;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(u"MARKER"_s, marker);
+        env.insert(u"RECORD"_s, record);
+        env.insert(u"FLAVOUR"_s, u"mint"_s);
+        app.setProcessEnvironment(env);
+        app.setWorkingDirectory(m_env.home());
+        app.start(u"/bin/sh"_s, {script, u"one"_s, u"two words"_s});
+        QVERIFY(app.waitForStarted());
+        QTRY_VERIFY(QFileInfo::exists(marker));
+        // The tool's pipes are closed when it returns, before the application writes.
+        QCOMPARE(TestEnvironment::run(relaunchTool(), {u"/bin/sh"_s, QString::number(app.processId())}).exitCode, 0);
+        QVERIFY(app.state() == QProcess::NotRunning || app.waitForFinished(1000));
+        QTRY_COMPARE(TestEnvironment::readFile(record),
+                     QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
+    }
+
+    void hostComesBackAfterUpdate_data()
+    {
+        QTest::addColumn<bool>("sharedTmp");
+        QTest::newRow("planted in $TMPDIR") << false;
+        QTest::newRow("planted in /tmp by another user") << true;
+    }
+
+    void hostComesBackAfterUpdate()
+    {
+        // No runtime folder: the private temporary folder is then made under $TMPDIR (or /tmp).
+        // A file planted in that shared folder itself under the tool's name must never run.
+        QFETCH(bool, sharedTmp);
+        const QString tmpBase = sharedTmp ? u"/tmp"_s : m_env.root() + u"/tmp"_s;
+        const QString planted = tmpBase + u"/relaunch"_s, plantedRan = m_env.root() + u"/planted-ran"_s;
+        if (sharedTmp && QFileInfo::exists(planted))
+            QSKIP("/tmp/relaunch already exists on this machine");
+        TestEnvironment::writeFile(planted, "#!/bin/sh\ntouch '" + QFile::encodeName(plantedRan) + "'\n");
+        QFile::setPermissions(planted, QFile::Permissions(0x7777));
+        if (sharedTmp && ::geteuid() == 0)
+            QVERIFY(::chown(QFile::encodeName(planted).constData(), 65534, 65534) == 0); // another user's
+        auto removePlanted = qScopeGuard([&] {
+            if (sharedTmp)
+                QFile::remove(planted);
+        });
+
+        QByteArray token;
+        QProcessEnvironment env = TestEnvironment::markedEnvironment(&token);
+        env.remove(u"XDG_RUNTIME_DIR"_s);
+        if (sharedTmp)
+            env.remove(u"TMPDIR"_s);
+        QProcess host;
+        host.setProcessEnvironment(env);
+        host.start(TestEnvironment::hostExecutable(), {u"--pane"_s, TestEnvironment::paneBundle()});
+        QVERIFY(host.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(TestEnvironment::helperOwnsItsName(), 30000);
+        // The pane subscribes to the quit last, after its start-up posts.
+        QVERIFY(TestEnvironment::waitForObserver(QLatin1String(Notifications::Quit)));
+
+        // Only copies made from here on are this host's (other tests may use /tmp meanwhile).
+        const QStringList copiesBefore = QDir(tmpBase).entryList({u"vantor-*"_s}, QDir::Dirs);
+        auto *center = DistributedNotificationCenter::defaultCenter();
+        center->postNotificationName(QLatin1String(Notifications::RestartingAfterUpdate));
+        center->postNotificationName(QLatin1String(Notifications::Quit));
+        QVERIFY(host.waitForFinished(30000));
+        QStringList copies = QDir(tmpBase).entryList({u"vantor-*"_s}, QDir::Dirs);
+        for (const QString &old : copiesBefore)
+            copies.removeAll(old);
+
+        // Back as it was started, though it had gone before the tool could look at it.
+        QMap<int, QList<QByteArray>> again;
+        QTRY_VERIFY_WITH_TIMEOUT(
+            !(again = TestEnvironment::processesWithEnvironment(token, TestEnvironment::hostExecutable())).isEmpty(),
+            30000);
+        QCOMPARE(again.size(), 1);
+        QVERIFY(again.firstKey() != int(host.processId()));
+        QCOMPARE(again.first().mid(1), (QList<QByteArray>{"--pane", QFile::encodeName(TestEnvironment::paneBundle())}));
+        QVERIFY(!QFileInfo::exists(plantedRan));
+        QCOMPARE(copies.size(), 1);
+        QVERIFY(QFileInfo(tmpBase + u'/' + copies.first() + u"/relaunch"_s).isExecutable());
+        if (sharedTmp)
+            QDir(tmpBase + u'/' + copies.first()).removeRecursively();
+
+        // The new host is nobody's child here: end it, and the helper, by hand. The new host may
+        // still be starting and launch a helper meanwhile, so end whatever is there until none is.
+        auto endAll = [&] {
+            const QList<int> pids = TestEnvironment::processesWithEnvironment(token).keys();
+            for (int pid : pids)
+                ::kill(pid, SIGTERM);
+            return pids.isEmpty();
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(endAll(), 30000);
+        center->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+        QTRY_VERIFY_WITH_TIMEOUT(!TestEnvironment::helperOwnsItsName(), 30000);
+    }
 
 private:
     TestEnvironment m_env;
 };
-
-void TestRelaunch::badArguments_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<int>("exitCode");
-    QTest::newRow("none") << QStringList{} << 2;
-    QTest::newRow("no pid") << QStringList{QStringLiteral("/bin/true")} << 2;
-    QTest::newRow("pid not a number") << QStringList{QStringLiteral("/bin/true"), QStringLiteral("12x")} << 2;
-    QTest::newRow("pid negative") << QStringList{QStringLiteral("/bin/true"), QStringLiteral("-5")} << 2;
-    QTest::newRow("application missing") << QStringList{m_env.root() + QStringLiteral("/nothing"), QStringLiteral("1")}
-                                         << 1;
-}
-
-void TestRelaunch::badArguments()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(int, exitCode);
-    QProcess tool;
-    tool.start(relaunchTool(), arguments);
-    QVERIFY(tool.waitForFinished(5000));
-    QCOMPARE(tool.exitCode(), exitCode);
-    QVERIFY(!tool.readAllStandardError().trimmed().isEmpty());
-}
-
-void TestRelaunch::startsAgainAsItWas()
-{
-    // A stand-in application: the first run waits a moment; the second records how it was started.
-    const QString marker = m_env.root() + QStringLiteral("/first-run");
-    const QString record = m_env.root() + QStringLiteral("/second-run");
-    const QString script = m_env.root() + QStringLiteral("/app.sh");
-    TestEnvironment::writeFile(script,
-                               "if [ -e \"$MARKER\" ]; then echo \"$* $FLAVOUR $(pwd)\" > \"$RECORD\"; exit 0; fi\n"
-                               "touch \"$MARKER\"; sleep 0.5\n");
-    QProcess app;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("MARKER"), marker);
-    env.insert(QStringLiteral("RECORD"), record);
-    env.insert(QStringLiteral("FLAVOUR"), QStringLiteral("mint"));
-    app.setProcessEnvironment(env);
-    app.setWorkingDirectory(m_env.home());
-    app.start(QStringLiteral("/bin/sh"), {script, QStringLiteral("one"), QStringLiteral("two words")});
-    QVERIFY(app.waitForStarted());
-    QTRY_VERIFY(QFileInfo::exists(marker));
-
-    QProcess tool;
-    tool.start(relaunchTool(), {QStringLiteral("/bin/sh"), QString::number(app.processId())});
-    QVERIFY(tool.waitForFinished(10000));
-    QCOMPARE(tool.exitCode(), 0);
-    QVERIFY(app.state() == QProcess::NotRunning || app.waitForFinished(1000));
-    QTRY_COMPARE(TestEnvironment::readFile(record),
-                 QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
-}
-
-// The ended process's output was a pipe whose reader has gone too; the application started
-// again writes to its output and must live on.
-void TestRelaunch::survivesClosedOutput()
-{
-    const QString record = m_env.root() + QStringLiteral("/after-output");
-    const QString talker =
-        script(m_env.root() + QStringLiteral("/talker.sh"),
-               "sleep 0.5\necho one line >&2\necho out\necho alive > '" + QFile::encodeName(record) + "'\n");
-    {
-        QProcess tool;
-        // A process id that has already ended: the application starts at once.
-        tool.start(relaunchTool(), {talker, QString::number(INT_MAX)});
-        QVERIFY(tool.waitForFinished(5000));
-        QCOMPARE(tool.exitCode(), 0);
-    } // the tool's pipes are closed here, before the application writes
-    QTRY_COMPARE(TestEnvironment::readFile(record), QByteArray("alive\n"));
-}
-
-void TestRelaunch::hostComesBackAfterUpdate_data()
-{
-    QTest::addColumn<bool>("sharedTmp");
-    QTest::newRow("planted in $TMPDIR") << false;
-    QTest::newRow("planted in /tmp by another user") << true;
-}
-
-void TestRelaunch::hostComesBackAfterUpdate()
-{
-    // No runtime folder: the private temporary folder is then made under $TMPDIR (or /tmp).
-    // A file planted in that shared folder itself under the tool's name must never run.
-    QFETCH(bool, sharedTmp);
-    const QString tmpBase = sharedTmp ? QStringLiteral("/tmp") : m_env.root() + QStringLiteral("/tmp");
-    const QString planted = tmpBase + QStringLiteral("/relaunch");
-    if (sharedTmp && QFileInfo::exists(planted))
-        QSKIP("/tmp/relaunch already exists on this machine");
-    const QString plantedRan = m_env.root() + QStringLiteral("/planted-ran");
-    script(planted, "touch '" + QFile::encodeName(plantedRan) + "'\n");
-    QFile::setPermissions(planted,
-                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther | QFile::ExeOther
-                              | QFile::WriteOther);
-    if (sharedTmp && ::geteuid() == 0)
-        QVERIFY(::chown(QFile::encodeName(planted).constData(), 65534, 65534) == 0); // another user's
-    auto removePlanted = qScopeGuard([&] {
-        if (sharedTmp)
-            QFile::remove(planted);
-    });
-    const QStringList copiesBefore = QDir(tmpBase).entryList({QStringLiteral("vantor-*")}, QDir::Dirs);
-
-    QByteArray token;
-    QProcessEnvironment env = TestEnvironment::markedEnvironment(&token);
-    env.remove(QStringLiteral("XDG_RUNTIME_DIR"));
-    if (sharedTmp)
-        env.remove(QStringLiteral("TMPDIR"));
-    NotificationRecorder recorder;
-    QProcess host;
-    host.setProcessEnvironment(env);
-    host.start(TestEnvironment::hostExecutable(), {QStringLiteral("--pane"), TestEnvironment::paneBundle()});
-    QVERIFY(host.waitForStarted());
-    QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-    QTRY_VERIFY_WITH_TIMEOUT(bus->isServiceRegistered(HelperIdentity::busName()).value(), 10000);
-    // The host subscribes right after its last start-up post.
-    QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperEnableUpdates), 20000));
-    recorder.settle(500);
-
-    auto *center = DistributedNotificationCenter::defaultCenter();
-    center->postNotificationName(QLatin1String(Notifications::RestartingAfterUpdate));
-    center->postNotificationName(QLatin1String(Notifications::Quit));
-    QVERIFY(host.waitForFinished(10000));
-
-    // Back as it was started, though it had gone before the tool could look at it.
-    QMap<int, QList<QByteArray>> again;
-    QTRY_VERIFY_WITH_TIMEOUT(
-        !(again = TestEnvironment::processesWithEnvironment(token, TestEnvironment::hostExecutable())).isEmpty(),
-        30000);
-    QCOMPARE(again.size(), 1);
-    QVERIFY(again.firstKey() != int(host.processId()));
-    QCOMPARE(again.first().mid(1), (QList<QByteArray>{"--pane", QFile::encodeName(TestEnvironment::paneBundle())}));
-    QVERIFY(!QFileInfo::exists(plantedRan));
-    QStringList copies = QDir(tmpBase).entryList({QStringLiteral("vantor-*")}, QDir::Dirs);
-    for (const QString &old : copiesBefore)
-        copies.removeAll(old);
-    QCOMPARE(copies.size(), 1);
-    QVERIFY(QFileInfo(tmpBase + u'/' + copies.first() + QStringLiteral("/relaunch")).isExecutable());
-    if (sharedTmp)
-        QDir(tmpBase + u'/' + copies.first()).removeRecursively();
-
-    // The new host is nobody's child here: end it, and the helper, by hand. The new host may
-    // still be starting and launch a helper meanwhile, so end whatever is there until none is.
-    auto endAll = [&] {
-        const QList<int> pids = processesWithToken(token);
-        for (int pid : pids)
-            ::kill(pid, SIGTERM);
-        return pids.isEmpty();
-    };
-    QTRY_VERIFY_WITH_TIMEOUT(endAll(), 10000);
-    center->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
-    QTRY_VERIFY(!bus->isServiceRegistered(HelperIdentity::busName()).value());
-}
 
 QTEST_MAIN(TestRelaunch)
 #include "tst_relaunch.moc"

@@ -2,10 +2,14 @@
 #include "common/HelperIdentity.h"
 
 #include <QCoreApplication>
+#include <QDBusArgument>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QTest>
 #include <QUuid>
 
 TestEnvironment::TestEnvironment()
@@ -71,6 +75,44 @@ int TestEnvironment::postWithGdbus(const QString &name, const QString &userInfo)
                               QStringLiteral("/com/quillfen/vantor"), QStringLiteral("--signal"),
                               QStringLiteral("com.quillfen.vantor.DistributedNotification.Post"),
                               QStringLiteral("'%1'").arg(name), userInfo});
+}
+
+bool TestEnvironment::waitForObserver(const QString &name, int timeoutMs)
+{
+    QDBusInterface stats(QStringLiteral("org.freedesktop.DBus"), QStringLiteral("/org/freedesktop/DBus"),
+                         QStringLiteral("org.freedesktop.DBus.Debug.Stats"));
+    const QString rule = QStringLiteral("arg0='%1'").arg(name);
+    return QTest::qWaitFor(
+        [&] {
+            const QDBusMessage reply = stats.call(QStringLiteral("GetAllMatchRules"));
+            const auto rules = qdbus_cast<QMap<QString, QStringList>>(reply.arguments().value(0));
+            for (const QStringList &ofOne : rules) {
+                if (!ofOne.filter(rule).isEmpty())
+                    return true;
+            }
+            return false;
+        },
+        timeoutMs);
+}
+
+bool TestEnvironment::helperOwnsItsName()
+{
+    return QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName());
+}
+
+TestEnvironment::Run TestEnvironment::run(const QString &program, const QStringList &arguments,
+                                          const QProcessEnvironment &env, int timeoutMs)
+{
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(program, arguments);
+    const bool ended = process.waitForFinished(timeoutMs); // false too when it did not start
+    if (!ended) {
+        process.kill();
+        process.waitForFinished();
+    }
+    return {ended && process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError())};
 }
 
 QMap<int, QList<QByteArray>> TestEnvironment::processesWithEnvironment(const QByteArray &entry,

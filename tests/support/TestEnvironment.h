@@ -35,6 +35,19 @@ public:
     // Posts a distributed notification from another process (gdbus, a third-party sender);
     // userInfo is in GVariant text form. Returns gdbus's exit code.
     static int postWithGdbus(const QString &name, const QString &userInfo = QStringLiteral("@a{sv} {}"));
+    // Waits until another process on the bus observes that notification: one that subscribes
+    // after its last start-up post cannot be told ready by that post.
+    static bool waitForObserver(const QString &name, int timeoutMs = 30000);
+    static bool helperOwnsItsName();
+
+    // A program run to its end: its exit code (-1 when it crashed or ran out of time) and output.
+    struct Run {
+        int exitCode = -1;
+        QString out;
+        QString err;
+    };
+    static Run run(const QString &program, const QStringList &arguments,
+                   const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment(), int timeoutMs = 60000);
 
     // Live (not zombie) processes other than this one whose environment holds entry
     // ("NAME=value"), running executable when one is given, each with its arguments. They
