@@ -54,12 +54,12 @@ private Q_SLOTS:
 
     void cleanup()
     {
-        if (m_helper && m_helper->state() != QProcess::NotRunning) {
+        if (TestEnvironment::helperOwnsItsName()) {
             DistributedNotificationCenter::defaultCenter()->postNotificationName(
                 QLatin1String(Notifications::HelperShouldQuit));
-            if (!m_helper->waitForFinished(15000))
-                m_helper->kill();
+            QTRY_VERIFY_WITH_TIMEOUT(!TestEnvironment::helperOwnsItsName(), 15000);
         }
+        m_helper.reset();
         QFile::remove(m_env.productFolder() + u"/history.db"_s);
     }
 
@@ -103,8 +103,9 @@ private Q_SLOTS:
         row("damaged history.db: remove", {u"remove"_s, docs}, u"damaged store"_s, 1, damaged);
         row("usage: no command", {}, helper, 2, u"no command given"_s);
         row("usage: list --xml", {u"list"_s, u"--xml"_s}, helper, 2, u"list takes only --json"_s);
-        // The switch's order: "active" stored and the login item set before the helper is told.
-        row("on", {u"on"_s}, helper, 0, {}, {u"com.quillfen.vantor.active"_s}, u"True"_s);
+        // The switch's order: "active" stored and the login item set before the helper is told;
+        // "on" starts a helper and returns once it listens.
+        row("on", {u"on"_s}, u"no helper"_s, 0, {}, {u"com.quillfen.vantor.active"_s}, u"True"_s);
         row("off", {u"off"_s}, helper, 0, {}, {u"com.quillfen.vantor.active"_s, u"vantorHelperShouldQuit"_s},
             u"False"_s);
     }
@@ -137,6 +138,8 @@ private Q_SLOTS:
         const TestEnvironment::Run result = run(arguments, env);
         QVERIFY2(message.isEmpty() || result.err.contains(u"vantorctl: "_s + message), qPrintable(result.err));
         QCOMPARE(result.exitCode, exitCode);
+        if (active == "True"_L1) // "vantorctl on && vantorctl add DIR": the helper listens already
+            QVERIFY(TestEnvironment::helperOwnsItsName());
         recorder.settle();
         QStringList reached;
         for (qsizetype i = 0; i < recorder.names().size(); ++i) {
