@@ -1,3 +1,4 @@
+#include "RecordingAlerts.h"
 #include "TestEnvironment.h"
 #include "common/VTUtil.h"
 
@@ -5,6 +6,8 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 #include <QTest>
+
+using namespace Qt::StringLiterals;
 
 class TestVTUtil : public QObject
 {
@@ -67,6 +70,26 @@ private Q_SLOTS:
         qputenv("XDG_DATA_HOME", "/elsewhere");
         QCOMPARE(VTUtil::applicationSupportFolder(), folder);
         QVERIFY(!QFileInfo::exists(folder)); // not made again
+    }
+
+    // This process's main bundle (the test's folder) carries no model: every request for the
+    // store fails with the error, and no store is made.
+    void missingModelFailsEveryRequest()
+    {
+        RecordingAlerts alerts;
+        QVERIFY(!VTUtil::applicationSupportFolder().isEmpty());
+        for (int request = 1; request <= 2; ++request) {
+            QTest::ignoreMessage(QtCriticalMsg, QRegularExpression(u"Managed object model is nil"_s));
+            QTest::ignoreMessage(QtWarningMsg, "VTUtil:persistentStoreCoordinator No model to generate a store from");
+            QVERIFY(!VTUtil::managedObjectContext());
+            QCOMPARE(alerts.errors.size(), request);
+        }
+        const PresentableError &error = alerts.errors.first();
+        QCOMPARE(error.domain, u"com.quillfen.vantor.error"_s);
+        QCOMPARE(error.code, 9999);
+        QCOMPARE(error.localizedDescription, u"Failed to initialize the store"_s);
+        QCOMPARE(error.failureReason, u"There was an error building up the data file."_s);
+        QVERIFY(!QFileInfo::exists(m_env.productFolder() + u"/history.db"_s));
     }
 
 private:

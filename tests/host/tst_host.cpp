@@ -1,14 +1,27 @@
+// vantor-preferences as a user starts it, a real process on the test's session bus: the
+// installed host, faults it reports, the relaunch tool and the host coming back after an
+// update, and the login items it prepares, started by the session's autostart runner (dex).
+#include "common/BDAlias.h"
+#include "common/HelperIdentity.h"
+#include "common/Notifications.h"
+#include "platform/DistributedNotificationCenter.h"
+#include "platform/PreferencesDomain.h"
+#include "platform/PropertyList.h"
 #include "TestEnvironment.h"
 
 #include <QDir>
+#include <QFileInfo>
 #include <QImage>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
+#include <unistd.h>
+
 using namespace Qt::StringLiterals;
 
-// vantor-preferences as a user starts it: a real process on the test's session bus.
 class TestHost : public QObject
 {
     Q_OBJECT
@@ -136,6 +149,163 @@ private Q_SLOTS:
         QCOMPARE(TestEnvironment::run(u"bash"_s, arguments, environment()).exitCode, 0);
     }
 
+    void badArguments_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::newRow("none") << QStringList{} << 2;
+        QTest::newRow("no pid") << QStringList{u"/bin/true"_s} << 2;
+        QTest::newRow("pid not a number") << QStringList{u"/bin/true"_s, u"12x"_s} << 2;
+        QTest::newRow("pid negative") << QStringList{u"/bin/true"_s, u"-5"_s} << 2;
+        QTest::newRow("application missing") << QStringList{m_env.root() + u"/nothing"_s, u"1"_s} << 1;
+    }
+
+    void badArguments()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        const TestEnvironment::Run tool = TestEnvironment::run(relaunchTool(), arguments);
+        QCOMPARE(tool.exitCode, exitCode);
+        QVERIFY(!tool.err.trimmed().isEmpty());
+    }
+
+    void startsAgainAsItWas()
+    {
+        // A stand-in application: the first run waits a moment; the second writes to its output,
+        // a pipe whose reader (the tool's starter) has gone by then, and records how it was started.
+        const QString marker = m_env.root() + u"/first-run"_s, record = m_env.root() + u"/second-run"_s;
+        const QString script = m_env.root() + u"/app.sh"_s;
+        TestEnvironment::writeFile(script,
+                                   "if [ -e \"$MARKER\" ]; then sleep 0.5; echo out; echo err >&2\n"
+                                   "  echo \"$* $FLAVOUR $(pwd)\" > \"$RECORD\"; exit 0; fi\n"
+                                   "touch \"$MARKER\"; sleep 0.5\n");
+        QProcess app;
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(u"MARKER"_s, marker);
+        env.insert(u"RECORD"_s, record);
+        env.insert(u"FLAVOUR"_s, u"mint"_s);
+        app.setProcessEnvironment(env);
+        app.setWorkingDirectory(m_env.home());
+        app.start(u"/bin/sh"_s, {script, u"one"_s, u"two words"_s});
+        QVERIFY(app.waitForStarted());
+        QTRY_VERIFY(QFileInfo::exists(marker));
+        // The tool's pipes are closed when it returns, before the application writes.
+        QCOMPARE(TestEnvironment::run(relaunchTool(), {u"/bin/sh"_s, QString::number(app.processId())}).exitCode, 0);
+        QVERIFY(app.state() == QProcess::NotRunning || app.waitForFinished(1000));
+        QTRY_COMPARE(TestEnvironment::readFile(record),
+                     QByteArray("one two words mint " + QFile::encodeName(m_env.home()) + '\n'));
+    }
+
+    void hostComesBackAfterUpdate_data()
+    {
+        QTest::addColumn<bool>("sharedTmp");
+        QTest::newRow("planted in $TMPDIR") << false;
+        QTest::newRow("planted in /tmp by another user") << true;
+    }
+
+    void hostComesBackAfterUpdate()
+    {
+        // No runtime folder: the private temporary folder is then made under $TMPDIR (or /tmp).
+        // A file planted in that shared folder itself under the tool's name must never run.
+        QFETCH(bool, sharedTmp);
+        const QString tmpBase = sharedTmp ? u"/tmp"_s : m_env.root() + u"/tmp"_s;
+        const QString planted = tmpBase + u"/relaunch"_s, plantedRan = m_env.root() + u"/planted-ran"_s;
+        if (sharedTmp && QFileInfo::exists(planted))
+            QSKIP("/tmp/relaunch already exists on this machine");
+        TestEnvironment::writeFile(planted, "#!/bin/sh\ntouch '" + QFile::encodeName(plantedRan) + "'\n");
+        QFile::setPermissions(planted, QFile::Permissions(0x7777));
+        if (sharedTmp && ::geteuid() == 0)
+            QVERIFY(::chown(QFile::encodeName(planted).constData(), 65534, 65534) == 0); // another user's
+        auto removePlanted = qScopeGuard([&] {
+            if (sharedTmp)
+                QFile::remove(planted);
+        });
+
+        QByteArray token;
+        QProcessEnvironment env = TestEnvironment::markedEnvironment(&token);
+        env.remove(u"XDG_RUNTIME_DIR"_s);
+        if (sharedTmp)
+            env.remove(u"TMPDIR"_s);
+        QProcess host;
+        host.setProcessEnvironment(env);
+        host.start(TestEnvironment::hostExecutable(), {u"--pane"_s, TestEnvironment::paneBundle()});
+        QVERIFY(host.waitForStarted());
+        QTRY_VERIFY_WITH_TIMEOUT(TestEnvironment::helperOwnsItsName(), 30000);
+        // The pane subscribes to the quit last, after its start-up posts.
+        QVERIFY(TestEnvironment::waitForObserver(QLatin1String(Notifications::Quit)));
+
+        // Only copies made from here on are this host's (other tests may use /tmp meanwhile).
+        const QStringList copiesBefore = QDir(tmpBase).entryList({u"vantor-*"_s}, QDir::Dirs);
+        auto *center = DistributedNotificationCenter::defaultCenter();
+        center->postNotificationName(QLatin1String(Notifications::RestartingAfterUpdate));
+        center->postNotificationName(QLatin1String(Notifications::Quit));
+        QVERIFY(host.waitForFinished(30000));
+        QStringList copies = QDir(tmpBase).entryList({u"vantor-*"_s}, QDir::Dirs);
+        for (const QString &old : copiesBefore)
+            copies.removeAll(old);
+
+        // Back as it was started, though it had gone before the tool could look at it.
+        QMap<int, QList<QByteArray>> again;
+        QTRY_VERIFY_WITH_TIMEOUT(
+            !(again = TestEnvironment::processesWithEnvironment(token, TestEnvironment::hostExecutable())).isEmpty(),
+            30000);
+        QCOMPARE(again.size(), 1);
+        QVERIFY(again.firstKey() != int(host.processId()));
+        QCOMPARE(again.first().mid(1), (QList<QByteArray>{"--pane", QFile::encodeName(TestEnvironment::paneBundle())}));
+        QVERIFY(!QFileInfo::exists(plantedRan));
+        QCOMPARE(copies.size(), 1);
+        QVERIFY(QFileInfo(tmpBase + u'/' + copies.first() + u"/relaunch"_s).isExecutable());
+        if (sharedTmp)
+            QDir(tmpBase + u'/' + copies.first()).removeRecursively();
+
+        // The new host is nobody's child here: end it, and the helper, by hand. The new host may
+        // still be starting and launch a helper meanwhile, so end whatever is there until none is.
+        auto endAll = [&] {
+            const QList<int> pids = TestEnvironment::processesWithEnvironment(token).keys();
+            for (int pid : pids)
+                ::kill(pid, SIGTERM);
+            return pids.isEmpty();
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(endAll(), 30000);
+        center->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
+        QTRY_VERIFY_WITH_TIMEOUT(!TestEnvironment::helperOwnsItsName(), 30000);
+    }
+
+    void newUserGetsAgentThatOpensTheList()
+    {
+        QVERIFY(QDir().mkpath(markers()));
+        const QStringList arguments{u"--screenshot"_s, m_env.root() + u"/shot.png"_s};
+        QCOMPARE(TestEnvironment::run(TestEnvironment::hostExecutable(), arguments).exitCode, 0);
+        QVERIFY(QFileInfo::exists(m_env.configHome() + u"/autostart/vantor-login-items.desktop"_s));
+        const QString listFile = PreferencesDomain(u"loginwindow"_s).filePath();
+        QCOMPARE(TestEnvironment::pythonPlist(listFile), u"{'AutoLaunchedApplicationDictionary': []}"_s);
+        QVERIFY(m_env.runAutostart());
+        QTest::qWait(300);
+        QCOMPARE(QDir(markers()).entryList(QDir::Files), QStringList());
+
+        const QString first = makeApp(u"First"_s), moved = makeApp(u"Moved"_s), hidden = makeApp(u"Hidden"_s);
+        const QByteArray movedAlias = BDAlias::aliasWithPath(moved)->aliasData();
+        const QString movedNow = m_env.root() + u"/apps/elsewhere/Moved.app"_s;
+        QDir().mkpath(QFileInfo(movedNow).path());
+        QVERIFY(QDir().rename(moved, movedNow));
+        const QVariantList list{
+            QVariantMap{{u"Path"_s, first}, {u"Hide"_s, false}},
+            QVariantMap{{u"Path"_s, moved}, {u"AliasData"_s, movedAlias}, {u"Hide"_s, false}},
+            QVariantMap{{u"Path"_s, m_env.root() + u"/apps/Gone.app"_s}, {u"Hide"_s, false}},
+            QVariantMap{{u"Path"_s, hidden}, {u"Hide"_s, true}},
+        };
+        QVERIFY(PropertyList::writeFile(listFile, QVariantMap{{u"AutoLaunchedApplicationDictionary"_s, list}}));
+
+        QVERIFY(m_env.runAutostart());
+        const QList<QByteArray> a = marker(u"First"_s), b = marker(u"Moved"_s), c = marker(u"Hidden"_s);
+        QVERIFY(a.size() == 2 && b.size() == 2 && c.size() == 2);
+        // Started one after another, so their process ids rise in list order.
+        QVERIFY(a[0].toInt() < b[0].toInt());
+        QVERIFY(b[0].toInt() < c[0].toInt());
+        QCOMPARE(a[1], QByteArray("none"));
+        QCOMPARE(c[1], QByteArray("offscreen"));
+    }
+
 private:
     QProcessEnvironment environment() const
     {
@@ -158,6 +328,36 @@ private:
         return runHost({u"--pane"_s, TestEnvironment::paneBundle(), u"--screenshot"_s, png()}, env);
     }
     QString defaultsFile() const { return m_home->path() + u"/.local/share/Vantor/defaults.plist"_s; }
+    static QString relaunchTool()
+    {
+        return HelperIdentity::relaunchToolPath(HelperIdentity::applicationPathInPane(TestEnvironment::paneBundle()));
+    }
+    QString markers() const { return m_env.root() + u"/markers"_s; }
+
+    // An application bundle whose program notes its pid and display platform on start.
+    QString makeApp(const QString &name)
+    {
+        const QString app = m_env.root() + u"/apps/"_s + name + u".app"_s;
+        const QString exe = app + u"/Contents/MacOS/"_s + name, marker = markers() + u'/' + name;
+        TestEnvironment::writeFile(
+            exe,
+            u"#!/bin/sh\necho \"$$ ${QT_QPA_PLATFORM:-none}\" > '%1.tmp' && mv '%1.tmp' '%1'\n"_s.arg(marker).toUtf8());
+        QFile::setPermissions(exe, QFile::Permissions(0x7555));
+        PropertyList::writeFile(
+            app + u"/Contents/Info.plist"_s,
+            QVariantMap{{u"CFBundleExecutable"_s, name}, {u"CFBundleIdentifier"_s, u"test."_s + name}});
+        return app;
+    }
+
+    QList<QByteArray> marker(const QString &name)
+    {
+        const QString path = markers() + u'/' + name;
+        if (!QTest::qWaitFor([&] { return QFileInfo::exists(path); }, 10000))
+            return {};
+        return TestEnvironment::readFile(path).trimmed().split(' ');
+    }
+
+    TestEnvironment m_env;
     std::unique_ptr<QTemporaryDir> m_home;
 };
 
