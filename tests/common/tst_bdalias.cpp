@@ -1,7 +1,6 @@
 #include "common/AliasRecord.h"
 #include "common/AliasResolver.h"
 #include "common/BDAlias.h"
-#include "common/FSRef.h"
 #include "TestEnvironment.h"
 
 #include <QDir>

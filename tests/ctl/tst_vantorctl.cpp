@@ -6,6 +6,7 @@
 #include "TestEnvironment.h"
 #include "common/Notifications.h"
 #include "platform/DistributedNotificationCenter.h"
+#include "platform/PropertyList.h"
 
 #include <QDir>
 #include <QJsonArray>
@@ -47,9 +48,8 @@ private Q_SLOTS:
         TestEnvironment::writeFile(m_env.home() + u"/notes.txt"_s, "text");
         QCOMPARE(::mkdir(undecodableFolder().constData(), 0700), 0);
         // The host makes the login list; the switch only edits one that exists.
-        TestEnvironment::writeFile(loginList(),
-                                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
-                                   "<key>AutoLaunchedApplicationDictionary</key><array/></dict></plist>");
+        TestEnvironment::writeFile(
+            loginList(), PropertyList::toXml(QVariantMap{{u"AutoLaunchedApplicationDictionary"_s, QVariantList()}}));
     }
 
     void cleanup()
