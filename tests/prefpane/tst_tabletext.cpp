@@ -2,7 +2,6 @@
 
 #include "common/VTUtil.h"
 #include "prefpane/QFellipsis.h"
-#include "prefpane/VTSizeToPrettySizeTransformer.h"
 #include "prefpane/VTSortDescriptor.h"
 
 #include <QApplication>
@@ -31,7 +30,6 @@ private Q_SLOTS:
     {
         QTest::addColumn<quint64>("bytes");
         QTest::addColumn<QString>("shown");
-        QTest::newRow("zero") << quint64(0) << "0 b";
         QTest::newRow("1023") << quint64(1023) << "1023 b";
         QTest::newRow("1024") << quint64(1024) << "1.02 KB";
         QTest::newRow("9999 rounds up, two decimals") << quint64(9999) << "10.00 KB";
@@ -39,12 +37,9 @@ private Q_SLOTS:
         QTest::newRow("99999") << quint64(99999) << "100.0 KB";
         QTest::newRow("999999") << quint64(999999) << "1000 KB";
         QTest::newRow("1000000") << quint64(1000000) << "1.00 MB";
-        QTest::newRow("250000000") << quint64(250000000) << "250 MB";
-        QTest::newRow("1000000000") << quint64(1000000000) << "1.00 GB";
         QTest::newRow("no unit above GB") << quint64(5000000000000) << "5000 GB";
         QTest::newRow("above 2^63 is unsigned")
             << quint64(9300000000000000000ull) << "9300000768 GB"; // the float quotient, as C computes it
-        QTest::newRow("max") << std::numeric_limits<quint64>::max() << "18446743552 GB";
     }
     void prettySize()
     {
@@ -54,14 +49,6 @@ private Q_SLOTS:
         std::setlocale(LC_NUMERIC, "de_DE.UTF-8");
         QCOMPARE(VTUtil::getPrettySize(bytes), shown);
         std::setlocale(LC_NUMERIC, "C");
-    }
-
-    void transformer()
-    {
-        VTSizeToPrettySizeTransformer transformer;
-        QCOMPARE(transformer.transformedValue(QVariant()).toString(), QStringLiteral("-"));
-        QCOMPARE(transformer.transformedValue(quint64(0)).toString(), QStringLiteral("-"));
-        QCOMPARE(transformer.transformedValue(quint64(1024)).toString(), QStringLiteral("1.02 KB"));
     }
 
     void compare_data()
