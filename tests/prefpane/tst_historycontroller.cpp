@@ -102,25 +102,6 @@ private Q_SLOTS:
         QVERIFY(arranged->flags(arranged->index(1, 0)) & Qt::ItemIsSelectable);
     }
 
-    void removeFoldersPostsTheSelectionInArrangedOrder()
-    {
-        NotificationRecorder recorder;
-        auto *arranged = controller()->foldersArrayController();
-        arranged->setSelectionIndexes({});
-        controller()->tableviewRemoveSelectedRowIndexes(&m_table, {0, 1});
-        recorder.settle();
-        QCOMPARE(recorder.count(QStringLiteral("com.quillfen.vantor.folders")), 0);
-
-        m_table.sortByColumn(0, Qt::DescendingOrder); // Music, Documents
-        arranged->setSelectionIndexes({0, 1});
-        controller()->tableviewRemoveSelectedRowIndexes(&m_table, {});
-        QVERIFY(recorder.waitFor(QStringLiteral("com.quillfen.vantor.folders")));
-        QCOMPARE(recorder.userInfos().last().value(QStringLiteral("foldersToRemove")).toStringList(),
-                 (QStringList{QStringLiteral("/home/u/Music"), QStringLiteral("/home/u/Documents")}));
-        QVERIFY(arranged->selectionIndexes().isEmpty());
-        QCOMPARE(arranged->rowCount(), 3); // rows stay until the helper has acted
-    }
-
     void addFolders_data()
     {
         QTest::addColumn<QStringList>("paths");
