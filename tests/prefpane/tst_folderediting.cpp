@@ -11,7 +11,6 @@
 #include <QDropEvent>
 #include <QMimeData>
 #include <QPushButton>
-#include <QStandardItemModel>
 #include <QTest>
 #include <QTimer>
 
@@ -212,18 +211,6 @@ private Q_SLOTS:
         if (!removed.isEmpty())
             QVERIFY(controller()->foldersArrayController()->selectionIndexes().isEmpty());
         QCOMPARE(table()->model()->rowCount(), 4); // rows stay until the helper has acted
-    }
-
-    void deleteWithoutDelegateBeeps()
-    {
-        QFTableView plain;
-        QStandardItemModel model(2, 1);
-        plain.setModel(&model);
-        plain.selectRow(0);
-        m_alerts.clear();
-        QKeyEvent event(QEvent::KeyPress, Qt::Key_Delete, Qt::NoModifier);
-        QApplication::sendEvent(&plain, &event);
-        QCOMPARE(m_alerts.beeps, 1);
     }
 
     void chooser_data()

@@ -157,21 +157,16 @@ private Q_SLOTS:
         recorder.settle();
         QCOMPARE(recorder.count(QLatin1String(Notifications::Active)), active == wasActive ? 0 : 1);
         QTRY_COMPARE(pane.toggleActiveButton->geometry(), placed(active));
-    }
 
-    void helperEndingChangesNothing()
-    {
-        VantorPref &pane = makePane(0755);
-        VTDefaultsController::sharedDefaultsController()->setHelperActive(true);
-        pane.didSelect();
-        QCOMPARE(m_workspace->launches.size(), 1);
-
-        NotificationRecorder recorder;
-        m_workspace->running.first()->markTerminated();
-        recorder.settle();
-        QVERIFY(recorder.names().isEmpty());
-        QCOMPARE(m_workspace->launches.size(), 1);
-        QCOMPARE(pane.toggleActiveButton->isChecked(), true);
+        // The helper it started ending later changes nothing and starts nothing.
+        if (!helperRunning) {
+            recorder.clear();
+            m_workspace->running.first()->markTerminated();
+            recorder.settle();
+            QVERIFY(recorder.names().isEmpty());
+            QCOMPARE(m_workspace->launches.size(), 1);
+            QCOMPARE(pane.toggleActiveButton->isChecked(), active);
+        }
     }
 };
 
