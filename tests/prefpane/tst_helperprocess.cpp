@@ -90,17 +90,6 @@ private Q_SLOTS:
         QTRY_VERIFY(helperProcesses().isEmpty());
     }
 
-    void launchesOneHelper()
-    {
-        const uint owner = nameOwnerPid();
-        QCOMPARE(helperProcesses(), QList<int>{int(owner)});
-        pane().didSelect();
-        pane().launchHelper();
-        QTest::qWait(300);
-        QCOMPARE(helperProcesses(), QList<int>{int(owner)});
-        QCOMPARE(nameOwnerPid(), owner);
-    }
-
     void secondHelperLeavesTheFirst()
     {
         const uint owner = nameOwnerPid();

@@ -110,15 +110,11 @@ private Q_SLOTS:
         QTest::newRow("first replacement fits") << "abcdefgh" << 70.f << "abcd...";
         QTest::newRow("several steps") << "abcdefgh" << 50.f << "ab...";
         QTest::newRow("lone CR is re-inserted") << "abc\rdef" << 50.f << "abc\rdef";
-        QTest::newRow("LF stays in its line") << "abc\ndef" << 50.f << "abc\n\rdef";
-        QTest::newRow("CR LF stays in its line") << "abc\r\ndef" << 50.f << "abc\r\n\rdef";
-        QTest::newRow("line separator") << QStringLiteral("abc\u2028def") << 50.f << QStringLiteral("abc\u2028\rdef");
-        QTest::newRow("paragraph separator")
-            << QStringLiteral("abc\u2029def") << 50.f << QStringLiteral("abc\u2029\rdef");
-        QTest::newRow("next line") << QStringLiteral("abc\u0085def") << 50.f << QStringLiteral("abc\u0085\rdef");
+        QTest::newRow("each terminator stays in its line")
+            << QStringLiteral("abc\ndef\r\nghi\u2028jkl\u2029mno\u0085pqr") << 50.f
+            << QStringLiteral("abc\n\rdef\r\n\rghi\u2028\rjkl\u2029\rmno\u0085\rpqr");
         QTest::newRow("exact line kept, neighbour cut") << "abcde\nabcdefgh" << 50.f << "abcde\n\rab...";
         QTest::newRow("cannot fit stops at ellipsis") << "abcdef" << 10.f << "...";
-        QTest::newRow("short line too wide") << "ab" << 10.f << "...";
         QTest::newRow("trailing CR") << "abc\r" << 20.f << "...";
         QTest::newRow("empty, negative width") << "" << -5.f << "";
     }
