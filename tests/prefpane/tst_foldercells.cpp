@@ -7,12 +7,9 @@
 
 #include <QApplication>
 #include <QFontDatabase>
-#include <QFontMetricsF>
 #include <QPainter>
 #include <QTemporaryDir>
 #include <QTest>
-
-#include <cmath>
 
 namespace {
 
@@ -72,17 +69,13 @@ private:
 
     enum Cell { Folder, Path, Status, Savings };
 
-    QImage render(QFTableCell &cell, const QVariant &value, QStyle::State state, bool on, QSize size = {200, 28})
+    QImage render(QFTableCell &cell, Cell column, const QVariant &value, QStyle::State state, QSize size = {200, 28})
     {
         m_model.setRows({{{QStringLiteral("sortID"), 0},
                           {QStringLiteral("folder"), value},
                           {QStringLiteral("path"), value},
                           {QStringLiteral("status"), value},
                           {QStringLiteral("savings"), value}}});
-        const int column = qobject_cast<VTFoldersCell *>(&cell) ? 0
-            : qobject_cast<VTPathCell *>(&cell)                 ? 1
-            : qobject_cast<VTStatusCell *>(&cell)               ? 2
-                                                                : 3;
         QImage image(size, QImage::Format_ARGB32);
         image.fill(kBackground);
         QPainter painter(&image);
@@ -90,7 +83,7 @@ private:
         option.rect = QRect(QPoint(0, 0), size);
         option.state = state;
         option.palette = m_palette;
-        option.checkState = on ? Qt::Checked : Qt::Unchecked;
+        option.checkState = Qt::Checked; // the helper is on
         cell.paint(&painter, option, m_model.index(0, column));
         return image;
     }
@@ -128,7 +121,7 @@ private Q_SLOTS:
         QFETCH(QList<QPoint>, filled);
         QFETCH(QList<QPoint>, empty);
         VTStatusCell cell;
-        const QImage image = render(cell, percent, QStyle::State_Enabled, true, {56, 28});
+        const QImage image = render(cell, Status, percent, QStyle::State_Enabled, {56, 28});
         const QPoint centre(28, 14);
         // The outline is there whatever the progress: its top and bottom.
         QVERIFY(!near(image.pixelColor(centre + QPoint(0, -8)), kBackground, 10));
@@ -180,7 +173,7 @@ private Q_SLOTS:
         VTSavingsCell savings;
         QFTableCell *cells[] = {&folders, &paths, &status, &savings};
         const QVariant value = cellKind == Status ? QVariant(100u) : cellKind == Savings ? QVariant(5000) : path;
-        const QImage image = render(*cells[cellKind], value, QStyle::State(state), true);
+        const QImage image = render(*cells[cellKind], Cell(cellKind), value, QStyle::State(state));
         QCOMPARE(inkBox(image, isRed).width() > 2, red);
         // At x = 4: the folder's own icon; what names nothing, and the summary row, get the generic one.
         const QColor icon = existing && state ? Qt::magenta : Qt::green;
@@ -190,39 +183,6 @@ private Q_SLOTS:
             QVERIFY(inkBox(image).isEmpty());
         else if (state == 0)
             QVERIFY(inkBox(image, [](QColor c) { return near(c, QColor(128, 128, 128), 40); }).width() > 2);
-    }
-
-    // Centred by the text's advance; "OFF" deliberately placed by its width, then 4 down.
-    void textPlace_data()
-    {
-        QTest::addColumn<bool>("status");
-        QTest::addColumn<QVariant>("value");
-        QTest::addColumn<QString>("shown");
-        QTest::addColumn<QSize>("size");
-        QTest::newRow("OFF") << true << QVariant(40u) << "OFF" << QSize(56, 40);
-        QTest::newRow("no savings") << false << QVariant(0LL) << "-" << QSize(80, 28);
-        QTest::newRow("1024") << false << QVariant(1024LL) << "1.02 KB" << QSize(80, 28);
-    }
-    void textPlace()
-    {
-        QFETCH(bool, status);
-        QFETCH(QVariant, value);
-        QFETCH(QString, shown);
-        QFETCH(QSize, size);
-        VTStatusCell off;
-        VTSavingsCell savings;
-        const QImage image =
-            render(status ? static_cast<QFTableCell &>(off) : savings, value, QStyle::State_Enabled, !status, size);
-        const QFontMetricsF metrics(QFTableCell::cellFont());
-        const qreal tw = metrics.horizontalAdvance(shown);
-        const QRect ink = inkBox(image);
-        QVERIFY2(std::abs(ink.left() - std::floor((size.width() - tw) / 2)) <= 2,
-                 qPrintable(QString::number(ink.left())));
-        QVERIFY(ink.width() <= tw + 1);
-        // The capitals start at cap height below the top.
-        const qreal top = std::floor((size.height() - tw) / 2) + 4 + metrics.ascent() - metrics.capHeight();
-        if (status)
-            QVERIFY2(std::abs(ink.top() - top) <= 1.5, qPrintable(QString::number(ink.top())));
     }
 };
 

@@ -1,6 +1,5 @@
 // The pane driven as the host drives it, on a real session bus: the settings tab, the
-// notifications it answers and the bubbles of its icon. What start-up posts is the host
-// suite's.
+// notifications it answers and the bubbles of its icon. Start-up posts are the host suite's.
 
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
@@ -19,6 +18,8 @@
 
 #include <optional>
 
+using namespace Qt::StringLiterals;
+
 class TestVantorPref : public QObject
 {
     Q_OBJECT
@@ -32,6 +33,7 @@ private:
         return pane().mainView()->findChild<T *>(QLatin1String(name));
     }
     QList<BubbleLayer *> bubbles() { return pane().iconLayer()->findChildren<BubbleLayer *>(); }
+    static QAbstractAnimation *fade(BubbleLayer *bubble) { return bubble->animationForKey(u"opacity"_s); }
     // A point of the layer in the icon's y-up coordinates.
     QPointF iconPoint(const QPointF &p) { return {p.x(), pane().iconLayer()->height() - p.y()}; }
 
@@ -48,7 +50,7 @@ private Q_SLOTS:
         store()->setVisible(false);
         m_ui.emplace();
         pane().mainViewDidLoad();
-        QCOMPARE(pane().versionNumberTextField->text(), QStringLiteral("1.0.0"));
+        QCOMPARE(pane().versionNumberTextField->text(), u"1.0.0"_s);
     }
 
     void init() { pane().tabView->setCurrentWidget(child<QWidget>("settingsTab")); }
@@ -60,8 +62,8 @@ private Q_SLOTS:
         store()->setHelperActive(store()->helperActive());
         store()->setAutorunAtLogin(store()->autorunAtLogin());
         // Observed only in the pane's own context.
-        pane().observeValueForKeyPath(QStringLiteral("visible"), store(), {}, nullptr);
-        pane().observeValueForKeyPath(QStringLiteral("helperActive"), store(), {}, &pane());
+        pane().observeValueForKeyPath(u"visible"_s, store(), {}, nullptr);
+        pane().observeValueForKeyPath(u"helperActive"_s, store(), {}, &pane());
         recorder.settle();
         QCOMPARE(recorder.names(), QStringList{QLatin1String(Notifications::Visible)});
         store()->setVisible(!store()->visible());
@@ -70,48 +72,43 @@ private Q_SLOTS:
     void showHistoryBringsFirstTab()
     {
         QVERIFY(pane().tabView->currentIndex() != 0);
-        DistributedNotificationCenter::defaultCenter()->postNotificationName(QStringLiteral("showHistory"));
+        DistributedNotificationCenter::defaultCenter()->postNotificationName(u"showHistory"_s);
         QTRY_COMPARE(pane().tabView->currentIndex(), 0);
     }
 
+    // The file's keys and the notifications of the store are the store suite's.
     void boxesGoThroughTheStore_data()
     {
         QTest::addColumn<QString>("box");
         QTest::addColumn<QString>("property");
         QTest::addColumn<bool>("stored"); // as the file was before the pane loaded
-        QTest::addColumn<QString>("notification"); // posted when the box is switched on
-        QTest::addColumn<QString>("offNotification");
+        QTest::addColumn<QString>("notification"); // posted when the box is switched on and off
         QTest::newRow("visible") << "visibleCheckBox"
-                                 << "visible" << false << Notifications::Visible << Notifications::Visible;
+                                 << "visible" << false << Notifications::Visible;
         QTest::newRow("checkUpdates") << "checkUpdatesCheckBox"
-                                      << "checkForUpdates" << true << Notifications::HelperEnableUpdates
-                                      << Notifications::HelperDisableUpdates;
+                                      << "checkForUpdates" << true << QString();
         QTest::newRow("runAtLogin") << "runAtLoginCheckBox"
-                                    << "autorunAtLogin" << true << QString() << QString();
+                                    << "autorunAtLogin" << true << QString();
     }
-
-    // How the store writes its file is the store's own suite.
     void boxesGoThroughTheStore()
     {
         QFETCH(QString, box);
         QFETCH(QString, property);
         QFETCH(bool, stored);
         QFETCH(QString, notification);
-        QFETCH(QString, offNotification);
         QCheckBox *checkBox = child<QCheckBox>(qPrintable(box));
-        QCOMPARE(checkBox->isChecked(), stored); // this function leaves it so
-
+        QCOMPARE(store()->property(qPrintable(property)).toBool(), stored); // this function leaves it so
+        QCOMPARE(checkBox->isChecked(), stored);
         for (const bool on : {!stored, stored}) {
             NotificationRecorder recorder;
             // On the box itself: a wide check box takes clicks only on its box and label.
             QTest::mouseClick(checkBox, Qt::LeftButton, {}, QPoint(8, checkBox->height() / 2));
+            QCOMPARE(checkBox->isChecked(), on);
             QCOMPARE(store()->property(qPrintable(property)).toBool(), on);
             recorder.settle();
-            const QString expected = on ? notification : offNotification;
-            if (!expected.isEmpty())
-                QCOMPARE(recorder.count(expected), 1);
+            if (!notification.isEmpty())
+                QCOMPARE(recorder.count(notification), 1);
         }
-
         // A change made elsewhere shows in the box.
         for (const bool value : {!stored, stored}) {
             QVERIFY(store()->setProperty(qPrintable(property), value));
@@ -126,12 +123,8 @@ private Q_SLOTS:
         QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldCheckForUpdates)));
         recorder.settle();
         QCOMPARE(recorder.count(QLatin1String(Notifications::HelperShouldCheckForUpdates)), 1);
-
-        m_workspace.openedURLs.clear();
         QTest::mouseClick(child<QPushButton>("helpButton"), Qt::LeftButton);
         QCOMPARE(m_workspace.openedURLs, QList<QUrl>{VantorPref::faqAddress()});
-
-        // What the sheet does is the uninstall suite's.
         QTest::mouseClick(child<QPushButton>("uninstallButton"), Qt::LeftButton);
         QVERIFY(pane().uninstallSheet->isVisible());
         pane().cancelSheet(nullptr);
@@ -145,24 +138,24 @@ private Q_SLOTS:
         QCOMPARE(bubble->size(), QSize(20, 20));
         QCOMPARE(iconPoint(bubble->position()), QPointF(100, 35));
         QCOMPARE(bubble->presentationOpacity(), 0.0); // invisible until animated
-        QTRY_VERIFY(bubble->animationForKey(QStringLiteral("opacity")));
+        QTRY_VERIFY(fade(bubble));
         // Shown at once, not only once the fade begins.
         QCOMPARE(bubble->presentationOpacity(), 1.0);
         QTRY_COMPARE(bubbles().size(), 0);
     }
 
-    void interruptedBubbleStays()
+    void eachBubbleEndsByItsOwnAnimation()
     {
         pane().addBubble();
         pane().addBubble();
         const QList<BubbleLayer *> both = bubbles();
-        QTRY_VERIFY(both[0]->animationForKey(QStringLiteral("opacity"))
-                    && both[1]->animationForKey(QStringLiteral("opacity")));
-        both[0]->animationForKey(QStringLiteral("opacity"))->stop();
+        QCOMPARE(both.size(), 2);
+        QTRY_VERIFY(fade(both[0]) && fade(both[1]));
         // The second's end removes only the second, whatever the order.
-        pane().animationDidStop(both[1]->animationForKey(QStringLiteral("opacity")), true);
+        pane().animationDidStop(fade(both[1]), true);
         QCOMPARE(bubbles(), QList<BubbleLayer *>{both[0]});
-        // The interrupted one is back in its model state, and stays.
+        // Interrupted, the first stays, faded out.
+        fade(both[0])->stop();
         QTest::qWait(400);
         QCOMPARE(bubbles(), QList<BubbleLayer *>{both[0]});
         QCOMPARE(both[0]->presentationOpacity(), 0.0);
@@ -170,7 +163,7 @@ private Q_SLOTS:
         QTRY_COMPARE(bubbles().size(), 0);
     }
 
-    void pathGeometry_data()
+    void pathAndFade_data()
     {
         QTest::addColumn<qreal>("progress");
         QTest::addColumn<QPointF>("expected");
@@ -179,10 +172,10 @@ private Q_SLOTS:
         QTest::newRow("arc passes lower right") << 0.25 << QPointF(100 + 15 * M_SQRT1_2, 50 - 15 * M_SQRT1_2) << 1.0;
         QTest::newRow("arc ends right of centre") << 0.5 << QPointF(115, 50) << 1.0;
         QTest::newRow("line midway, fade begins") << 0.75 << QPointF(117.5, 92.5) << 1.0;
+        QTest::newRow("fading") << 0.875 << QPointF(118.75, 113.75) << 0.5067;
         QTest::newRow("end") << 1.0 << QPointF(120, 135) << 0.0;
     }
-
-    void pathGeometry()
+    void pathAndFade()
     {
         QFETCH(qreal, progress);
         QFETCH(QPointF, expected);
@@ -192,13 +185,12 @@ private Q_SLOTS:
         const QPointF at = static_cast<PathAnimation *>(animation.get())->pointAt(progress);
         const QPointF p = iconPoint(at);
         // The arc is drawn as a cubic curve: a quarter circle is met to within a hundredth.
-        QVERIFY2(QLineF(p, expected).length() < 0.05, qPrintable(QStringLiteral("(%1, %2)").arg(p.x()).arg(p.y())));
+        QVERIFY2(QLineF(p, expected).length() < 0.05, qPrintable(u"(%1, %2)"_s.arg(p.x()).arg(p.y())));
         // The whole bubble is on its layer: nothing clipped.
         QVERIFY(QRectF(pane().iconLayer()->rect()).contains(QRectF(at - QPointF(10, 10), QSizeF(20, 20))));
-
-        std::unique_ptr<QVariantAnimation> fade(pane().opacityAnimation());
-        fade->setCurrentTime(int(progress * 300));
-        QCOMPARE(fade->currentValue().toReal(), opacity);
+        std::unique_ptr<QVariantAnimation> fading(pane().opacityAnimation());
+        fading->setCurrentTime(int(progress * 300));
+        QVERIFY(qAbs(fading->currentValue().toReal() - opacity) < 0.001);
     }
 };
 
