@@ -24,27 +24,19 @@ const QString kFolders = QStringLiteral("com.quillfen.vantor.folders");
 class AnsweringChooser : public FolderChooser
 {
 public:
-    AnsweringChooser(QObject *parent, int code, QList<QByteArray> paths)
-        : FolderChooser(parent)
-        , m_code(code)
-        , m_paths(std::move(paths))
-    {
-    }
-
+    using FolderChooser::FolderChooser;
     void beginSheetForDirectory(QWidget *window, const QString &directory, std::function<void(int)> done) override
     {
         shownOn = window;
         startedIn = directory;
-        setFilenames(m_code == OK ? m_paths : QList<QByteArray>());
-        QTimer::singleShot(0, this, [done, code = m_code] { done(code); });
+        setFilenames(code == OK ? paths : QList<QByteArray>());
+        QTimer::singleShot(0, this, [done] { done(code); });
     }
 
+    static inline int code = 0;
+    static inline QList<QByteArray> paths;
     static inline QWidget *shownOn = nullptr;
     static inline QString startedIn;
-
-private:
-    int m_code;
-    QList<QByteArray> m_paths;
 };
 
 QMimeData *uriList(const QList<QByteArray> &paths)
@@ -229,7 +221,9 @@ private Q_SLOTS:
         QFETCH(int, code);
         QFETCH(QList<QByteArray>, chosen);
         QFETCH(QStringList, added);
-        FolderChooser::setFactory([&](QObject *parent) { return new AnsweringChooser(parent, code, chosen); });
+        AnsweringChooser::code = code;
+        AnsweringChooser::paths = chosen;
+        FolderChooser::setFactory([](QObject *parent) { return new AnsweringChooser(parent); });
         if (chosen.contains(m_undecodable))
             QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("path is not valid UTF-8")));
         auto *button = m_pane.mainView()->findChild<QPushButton *>(QStringLiteral("addFolderButton"));
