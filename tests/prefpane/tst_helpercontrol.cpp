@@ -91,11 +91,9 @@ private Q_SLOTS:
         pane.launchHelper();
         QCOMPARE(m_alerts->sheets.size(), sheets);
         QCOMPARE(m_workspace->launches.size(), mode ? 2 : 0);
-        if (mode) {
+        if (mode)
             QCOMPARE(m_workspace->launches.first().toLocalFile(),
                      HelperIdentity::applicationPathInPane(pane.bundle()->bundlePath()) + u'/');
-            QCOMPARE(m_workspace->launchOptions.first(), Workspace::LaunchOptions(Workspace::LaunchAsync));
-        }
         if (sheets) {
             QCOMPARE(m_alerts->sheetWindows.first(), &m_ui->window);
             QCOMPARE(m_alerts->sheets.first().messageText, QStringLiteral("Permissions Issue"));
@@ -128,20 +126,14 @@ private Q_SLOTS:
         VantorPref &pane = makePane(0755, helperRunning);
         VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
         store->setHelperActive(wasActive);
-        const auto placed = [&pane](bool on) {
-            return QRect(on ? 142 : 89, pane.toggleActiveButton->parentWidget()->height() - 86 - 25, 40, 25);
-        };
 
         NotificationRecorder recorder;
         if (how == QLatin1String("select")) {
             pane.didSelect();
             QCOMPARE(m_ui->host.activations, QList<bool>{false});
-            // Placed at once, without sliding.
-            QCOMPARE(pane.toggleActiveButton->geometry(), placed(wasActive));
         } else {
             pane.toggleActiveButton->setChecked(wasActive);
             pane.setActiveButton(wasActive, false);
-            QCOMPARE(pane.toggleActiveButton->geometry(), placed(wasActive));
             QPushButton other;
             if (how == QLatin1String("switch"))
                 QTest::mouseClick(pane.toggleActiveButton, Qt::LeftButton);
@@ -156,7 +148,6 @@ private Q_SLOTS:
         QCOMPARE(ProcessInfo::processInfo()->suddenTerminationDisableCount(), 0);
         recorder.settle();
         QCOMPARE(recorder.count(QLatin1String(Notifications::Active)), active == wasActive ? 0 : 1);
-        QTRY_COMPARE(pane.toggleActiveButton->geometry(), placed(active));
 
         // The helper it started ending later changes nothing and starts nothing.
         if (!helperRunning) {

@@ -7,18 +7,17 @@
 #include <QObject>
 
 // A workspace that starts nothing: it records launches and reports as running whatever the
-// test says, or what it "launched". Installs itself as the shared one for its lifetime.
+// test says, or the helper it "launched". Installs itself as the shared one for its lifetime.
 class FakeWorkspace : public QObject, public Workspace
 {
 public:
     FakeWorkspace() { Workspace::setShared(this); }
     ~FakeWorkspace() override { Workspace::setShared(nullptr); }
 
-    RunningApplication *launchApplicationAtURL(const QUrl &url, LaunchOptions options, QString *) override
+    RunningApplication *launchApplicationAtURL(const QUrl &url, LaunchOptions, QString *) override
     {
         launches.append(url);
-        launchOptions.append(options);
-        auto *app = new RunningApplication(launchedIdentifier, 40000 + pid_t(launches.size()), this);
+        auto *app = new RunningApplication(HelperIdentity::bundleIdentifier(), 40000 + pid_t(launches.size()), this);
         running.append(app);
         return app;
     }
@@ -37,10 +36,7 @@ public:
         return true;
     }
 
-    // The identifier a launch registers as running (one fake application per launch).
-    QString launchedIdentifier = HelperIdentity::bundleIdentifier();
     QList<QUrl> launches;
-    QList<Workspace::LaunchOptions> launchOptions;
     QList<QUrl> openedURLs;
     QList<RunningApplication *> running;
 };
