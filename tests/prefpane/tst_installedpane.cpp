@@ -1,4 +1,5 @@
-// Uninstalling an installed copy of the pane with the real workspace, helper and relaunch tool.
+// An installed copy of the pane with the real workspace, the real helper process on the test's
+// own bus and the relaunch tool: the helper's control, leaving the pane and uninstalling.
 
 #include "NotificationRecorder.h"
 #include "PaneFixture.h"
@@ -7,7 +8,9 @@
 #include "common/Notifications.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "platform/FileManager.h"
+#include "common/VTDefaultsController.h"
 #include "platform/PreferencesDomain.h"
+#include "platform/RunningApplication.h"
 #include "platform/Workspace.h"
 
 #include <QDBusConnection>
@@ -29,9 +32,22 @@ namespace {
 
 const QString kListKey = u"AutoLaunchedApplicationDictionary"_s;
 
+uint nameOwnerPid()
+{
+    const QDBusReply<uint> pid = QDBusConnection::sessionBus().interface()->servicePid(HelperIdentity::busName());
+    return pid.isValid() ? pid.value() : 0;
+}
+
 bool helperOwnsItsName()
 {
-    return QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName()).value();
+    return nameOwnerPid() != 0;
+}
+
+void writeLoginList(const QVariantList &items)
+{
+    PreferencesDomain loginWindow(u"loginwindow"_s);
+    loginWindow.setValue(kListKey, items);
+    QVERIFY(loginWindow.synchronize());
 }
 
 // Every entry under root with what a change would alter, as find(1) sees it.
@@ -56,7 +72,7 @@ void setLocked(const QString &folder, bool locked)
 
 } // namespace
 
-class TestUninstall : public QObject
+class TestInstalledPane : public QObject
 {
     Q_OBJECT
 
@@ -73,9 +89,20 @@ private:
         return QFileInfo::exists(installedBundle())
             || QProcess::execute(u"cp"_s, {u"-a"_s, TestEnvironment::paneBundle(), installedBundle()}) == 0;
     }
+    QList<int> helperProcesses() const
+    {
+        return TestEnvironment::processesOnThisBus(
+                   HelperIdentity::executablePath(HelperIdentity::applicationPathInPane(installedBundle())))
+            .keys();
+    }
+    QString helperLog() const
+    {
+        return QString::fromUtf8(TestEnvironment::readFile(m_env.home() + u"/.local/state/vantor/VantorHelper.log"_s));
+    }
+    VantorPref &pane() { return m_ui->pane; }
     bool textShown(const char *name)
     {
-        return m_ui->pane.uninstallSheet->findChild<QLabel *>(QLatin1String(name))->isVisible();
+        return pane().uninstallSheet->findChild<QLabel *>(QLatin1String(name))->isVisible();
     }
 
     TestEnvironment m_env;
@@ -88,8 +115,8 @@ private Q_SLOTS:
         QDir().mkpath(QFileInfo(installedBundle()).path());
         QVERIFY(install());
         m_ui.emplace(installedBundle());
-        m_ui->pane.mainViewDidLoad();
-        m_ui->pane.didSelect();
+        pane().mainViewDidLoad();
+        pane().didSelect();
     }
 
     void init()
@@ -102,7 +129,7 @@ private Q_SLOTS:
         QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::busName()).isEmpty()
                     || helperOwnsItsName());
         if (!helperOwnsItsName())
-            m_ui->pane.launchHelper();
+            pane().launchHelper();
         QTRY_VERIFY(helperOwnsItsName());
         QFile::remove(relaunchCopy());
     }
@@ -116,8 +143,8 @@ private Q_SLOTS:
                 ::kill(pid, SIGTERM);
             QTRY_VERIFY(TestEnvironment::processesOnThisBus(tool).isEmpty());
         }
-        if (m_ui->pane.restartSheet->isVisible())
-            m_ui->pane.cancelSheet(nullptr);
+        if (pane().restartSheet->isVisible())
+            pane().cancelSheet(nullptr);
     }
 
     void cleanupTestCase()
@@ -127,12 +154,74 @@ private Q_SLOTS:
         QTRY_VERIFY(!helperOwnsItsName());
     }
 
+    void secondHelperLeavesTheFirst()
+    {
+        const uint owner = nameOwnerPid();
+        QProcess second;
+        second.start(TestEnvironment::helperExecutable(), {});
+        QVERIFY(second.waitForFinished(5000));
+        QCOMPARE(second.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(nameOwnerPid(), owner);
+        QVERIFY(helperLog().contains(u"another helper owns "_s + HelperIdentity::busName()));
+    }
+
+    // Starting it from the login list is the login-items suites'.
+    void switchReachesHelper()
+    {
+        writeLoginList({});
+        VTDefaultsController::sharedDefaultsController()->setHelperActive(false);
+        pane().didSelect();
+        const qsizetype logged = helperLog().size();
+
+        // The helper reads the settings file when told: it must find the new value there.
+        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
+        QTRY_VERIFY(helperLog().mid(logged).contains(u"com.quillfen.vantor.active: settings active=true"_s));
+        QVERIFY(pane().autorunAtLogin());
+        pane().checkForUpdates(nullptr);
+        QTRY_VERIFY(helperLog().mid(logged).contains(QLatin1String(Notifications::HelperShouldCheckForUpdates)));
+        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
+        QTRY_VERIFY(helperLog().mid(logged).contains(u"com.quillfen.vantor.active: settings active=false"_s));
+        QVERIFY(!pane().autorunAtLogin());
+    }
+
+    void leavingThePane()
+    {
+        VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
+        NotificationRecorder recorder;
+        const QList<RunningApplication *> running =
+            Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::busName());
+        QCOMPARE(running.size(), 1);
+        const int pid = running.first()->processIdentifier();
+        bool terminated = false;
+        connect(running.first(), &RunningApplication::terminatedChanged, this, [&terminated] { terminated = true; });
+
+        // Active: left running, nothing sent.
+        store->setHelperActive(true);
+        pane().didUnselect();
+        recorder.settle();
+        QCOMPARE(recorder.count(QLatin1String(Notifications::HelperShouldQuit)), 0);
+        QCOMPARE(helperProcesses(), QList<int>{pid});
+
+        // Inactive: asked to quit, and it does; its process is gone, not a zombie.
+        store->setHelperActive(false);
+        pane().didUnselect();
+        QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldQuit)));
+        QTRY_VERIFY(terminated);
+        QVERIFY(!QFileInfo::exists(u"/proc/%1"_s.arg(pid)));
+        QVERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::busName()).isEmpty());
+
+        // Selecting the pane again brings it back.
+        pane().didSelect();
+        QTRY_VERIFY(helperOwnsItsName());
+        QCOMPARE(helperProcesses().size(), 1);
+    }
+
     void cancellingChangesNothing()
     {
         const QString skip = m_env.home() + u"/.local/state"_s; // the helper's own log
         const QByteArray before = snapshot(m_env.root(), skip);
-        m_ui->pane.confirmUninstall(nullptr);
-        QWidget *sheet = m_ui->pane.uninstallSheet;
+        pane().confirmUninstall(nullptr);
+        QWidget *sheet = pane().uninstallSheet;
         QVERIFY(sheet->isVisible());
         QTest::mouseClick(button(sheet, "cancelUninstallButton"), Qt::LeftButton);
         QVERIFY(!sheet->isVisible());
@@ -141,9 +230,9 @@ private Q_SLOTS:
         QVERIFY(helperOwnsItsName());
 
         // The window is free for the next sheet.
-        m_ui->pane.confirmUninstall(nullptr);
+        pane().confirmUninstall(nullptr);
         QVERIFY(sheet->isVisible());
-        m_ui->pane.cancelSheetAction(nullptr);
+        pane().cancelSheetAction(nullptr);
         QVERIFY(!sheet->isVisible());
     }
 
@@ -166,13 +255,10 @@ private Q_SLOTS:
         QFETCH(bool, systemWide);
         QFile::remove(loginList());
         const QVariantList others{QVariantMap{{u"Path"_s, u"/opt/Other.app"_s}}};
-        if (hasList) {
-            PreferencesDomain loginWindow(u"loginwindow"_s);
-            loginWindow.setValue(kListKey, others);
-            QVERIFY(loginWindow.synchronize());
-        }
-        m_ui->pane.setAutorunAtLogin(loginItem);
-        QCOMPARE(m_ui->pane.autorunAtLogin(), loginItem);
+        if (hasList)
+            writeLoginList(others);
+        pane().setAutorunAtLogin(loginItem);
+        QCOMPARE(pane().autorunAtLogin(), loginItem);
         const QByteArray before = snapshot(QFileInfo(loginList()).path());
         if (systemWide)
             setLocked(QFileInfo(installedBundle()).path(), true);
@@ -185,10 +271,10 @@ private Q_SLOTS:
                            QFileInfo::exists(relaunchCopy()), helperOwnsItsName()};
         });
         NotificationRecorder recorder;
-        m_ui->pane.confirmUninstall(nullptr);
+        pane().confirmUninstall(nullptr);
         QCOMPARE(textShown("uninstallText"), !systemWide);
         QCOMPARE(textShown("systemUninstallText"), systemWide);
-        QTest::mouseClick(button(m_ui->pane.uninstallSheet, "confirmUninstallButton"), Qt::LeftButton);
+        QTest::mouseClick(button(pane().uninstallSheet, "confirmUninstallButton"), Qt::LeftButton);
         disconnect(watch);
 
         QCOMPARE(atLoginItem, (loginItem ? QList<bool>{true, false, true} : QList<bool>()));
@@ -216,8 +302,8 @@ private Q_SLOTS:
         QTRY_VERIFY(!helperOwnsItsName());
         QCOMPARE(QFileInfo::exists(installedBundle() + u"/Contents/Info.plist"_s), systemWide);
 
-        QWidget *restartSheet = m_ui->pane.restartSheet;
-        QVERIFY(!m_ui->pane.uninstallSheet->isVisible());
+        QWidget *restartSheet = pane().restartSheet;
+        QVERIFY(!pane().uninstallSheet->isVisible());
         QVERIFY(restartSheet->isVisible());
         QCOMPARE(restartSheet->parentWidget(), &m_ui->window);
         QCOMPARE(restartSheet->windowModality(), Qt::WindowModal);
@@ -229,5 +315,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_MAIN(TestUninstall)
-#include "tst_uninstall.moc"
+QTEST_MAIN(TestInstalledPane)
+#include "tst_installedpane.moc"
