@@ -1,18 +1,60 @@
-#include "prefpane/ArrayController.h"
-#include "platform/Bundle.h"
-#include "prefpane/HistoryArrayModel.h"
+// The history as the pane shows and edits it: a real store another program writes, the real
+// bus, real drop data and a chooser that answers like a person.
+
 #include "NotificationRecorder.h"
-#include "prefpane/QFTableView.h"
+#include "PaneFixture.h"
 #include "RecordingAlerts.h"
-#include "TestEnvironment.h"
-#include "prefpane/VTHistoryController.h"
 #include "common/VTUtil.h"
+#include "gui/FolderChooser.h"
+#include "prefpane/ArrayController.h"
+#include "prefpane/QFTableView.h"
+#include "prefpane/VTHistoryController.h"
 
 #include <QApplication>
+#include <QDir>
+#include <QDropEvent>
 #include <QFileInfo>
+#include <QMimeData>
 #include <QProcess>
+#include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
+
+#include <sys/stat.h>
+
+namespace {
+
+// Answers like a person at the chooser would.
+class AnsweringChooser : public FolderChooser
+{
+public:
+    using FolderChooser::FolderChooser;
+    void beginSheetForDirectory(QWidget *window, const QString &directory, std::function<void(int)> done) override
+    {
+        shownOn = window;
+        startedIn = directory;
+        setFilenames(code == OK ? paths : QList<QByteArray>());
+        QTimer::singleShot(0, this, [done] { done(code); });
+    }
+
+    static inline int code = 0;
+    static inline QList<QByteArray> paths;
+    static inline QWidget *shownOn = nullptr;
+    static inline QString startedIn;
+};
+
+QMimeData *uriList(const QList<QByteArray> &paths)
+{
+    auto *mime = new QMimeData;
+    QByteArray list;
+    for (const QByteArray &path : paths)
+        list += "file://" + path.toPercentEncoding("/") + "\r\n";
+    mime->setData(QStringLiteral("text/uri-list"), list);
+    return mime;
+}
+
+} // namespace
 
 class TestHistoryController : public QObject
 {
@@ -21,8 +63,11 @@ class TestHistoryController : public QObject
 private:
     TestEnvironment m_env;
     RecordingAlerts m_alerts;
-    QFTableView m_table;
+    PaneFixture m_ui;
+    QByteArray m_dirA, m_dirB, m_file, m_undecodable;
 
+    static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
+    QFTableView *table() const { return m_ui.pane.foldersTableView; }
     QString sqlite(const QString &sql) const
     {
         return TestEnvironment::sqlite(m_env.productFolder() + QStringLiteral("/history.db"), sql);
@@ -36,16 +81,33 @@ private:
         QVERIFY(spy.wait(5000));
     }
 
-    static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
+    // What an action posts to the helper about folders: empty when nothing, a count when more than once.
+    QVariantMap postOf(const std::function<void()> &action)
+    {
+        const QString folders = QStringLiteral("com.quillfen.vantor.folders");
+        NotificationRecorder recorder;
+        action();
+        QTest::qWait(50);
+        recorder.settle();
+        if (recorder.count(folders) == 1)
+            return recorder.userInfos().at(recorder.names().indexOf(folders));
+        return recorder.count(folders) ? QVariantMap{{QStringLiteral("count"), recorder.count(folders)}}
+                                       : QVariantMap();
+    }
 
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(Bundle::bundleWithPath(TestEnvironment::paneBundle()));
-        QVERIFY(VTHistoryController::create());
         QVERIFY(controller()->managedObjectContext());
-        controller()->awakeFromNib(&m_table);
-        QCOMPARE(m_table.model(), controller()->foldersArrayController());
+        const QByteArray base = QFile::encodeName(m_env.home());
+        m_dirA = base + "/Photos";
+        m_dirB = base + "/Música";
+        m_file = base + "/notes.txt";
+        m_undecodable = base + "/bad\xff";
+        QVERIFY(QDir().mkpath(QFile::decodeName(m_dirA)));
+        QVERIFY(QDir().mkpath(QFile::decodeName(m_dirB)));
+        TestEnvironment::writeFile(QFile::decodeName(m_file), "x");
+        QCOMPARE(::mkdir(m_undecodable.constData(), 0700), 0);
     }
 
     // Every case starts from the same three records, shown through another program's notification.
@@ -64,7 +126,7 @@ private Q_SLOTS:
     // Where the summary row sorts is the sort descriptor's suite.
     void recordsFromAnotherProcess()
     {
-        m_table.sortByColumn(0, Qt::DescendingOrder); // Music, Documents, Other
+        table()->sortByColumn(0, Qt::DescendingOrder); // Music, Documents, Other
         QCOMPARE(controller()->totalSavings(), quint64(3053));
         QCOMPARE(controller()->previousSavings(), quint64(5));
         auto *arranged = controller()->foldersArrayController();
@@ -115,12 +177,10 @@ private Q_SLOTS:
         QFETCH(QStringList, paths);
         QFETCH(QStringList, posted);
         QFETCH(int, sheets);
-        NotificationRecorder recorder;
-        m_alerts.clear();
-        controller()->addFolders(paths);
-        QVERIFY(m_alerts.sheets.isEmpty()); // the sheet comes a moment later
-        QTest::qWait(100);
-        recorder.settle();
+        const QVariantMap post = postOf([&] {
+            controller()->addFolders(paths);
+            QVERIFY(m_alerts.sheets.isEmpty()); // the sheet comes a moment later
+        });
         QCOMPARE(m_alerts.sheets.size(), sheets);
         if (sheets) {
             QCOMPARE(m_alerts.sheets.first().messageText, QStringLiteral("Filtered out folders"));
@@ -128,11 +188,133 @@ private Q_SLOTS:
                      QStringLiteral("Some of the folders you tried to add, were located in volumes different than "
                                     "main, and were removed."));
         }
-        QCOMPARE(recorder.count(QStringLiteral("com.quillfen.vantor.folders")), posted.isEmpty() ? 0 : 1);
-        if (!posted.isEmpty())
-            QCOMPARE(recorder.userInfos().first().value(QStringLiteral("foldersToAdd")).toStringList(), posted);
+        QCOMPARE(post.value(QStringLiteral("foldersToAdd")).toStringList(), posted);
     }
 
+    void drops_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("paths");
+        QTest::addColumn<int>("validated"); // Qt::DropAction
+        QTest::addColumn<bool>("accepted");
+        QTest::addColumn<QStringList>("added");
+
+        QTest::newRow("two folders and a file")
+            << QList<QByteArray>{m_dirA, m_file, m_dirB} << int(Qt::CopyAction) << true
+            << QStringList{QFile::decodeName(m_dirA), QFile::decodeName(m_dirB)};
+        QTest::newRow("only files") << QList<QByteArray>{m_file} << int(Qt::IgnoreAction) << false << QStringList();
+        QTest::newRow("missing folder") << QList<QByteArray>{m_dirA + "-gone"} << int(Qt::IgnoreAction) << false
+                                        << QStringList();
+        QTest::newRow("no file paths") << QList<QByteArray>() << int(Qt::IgnoreAction) << false << QStringList();
+        // The drop happens, so the refusal can be told.
+        QTest::newRow("path not UTF-8") << QList<QByteArray>{m_undecodable} << int(Qt::CopyAction) << false
+                                        << QStringList();
+        QTest::newRow("UTF-8 folder kept beside it") << QList<QByteArray>{m_undecodable, m_dirB} << int(Qt::CopyAction)
+                                                     << true << QStringList{QFile::decodeName(m_dirB)};
+    }
+    void drops()
+    {
+        QFETCH(QList<QByteArray>, paths);
+        QFETCH(int, validated);
+        QFETCH(bool, accepted);
+        QFETCH(QStringList, added);
+        std::unique_ptr<QMimeData> mime(uriList(paths));
+        if (paths.isEmpty())
+            mime->setText(QStringLiteral("just text"));
+        if (paths.contains(m_undecodable))
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("path is not valid UTF-8")));
+
+        // Proposed between the second and third rows.
+        QDragMoveEvent move(QPoint(10, 10), Qt::CopyAction | Qt::MoveAction, mime.get(), Qt::LeftButton, {});
+        table()->setDropRow(2, QFTableViewDataSource::DropAbove);
+        QCOMPARE(int(m_ui.pane.tableViewValidateDrop(table(), &move, 2, QFTableViewDataSource::DropAbove)), validated);
+        if (validated != Qt::IgnoreAction) {
+            QCOMPARE(table()->dropRow(), -1);
+            QCOMPARE(table()->dropOperation(), QFTableViewDataSource::DropOn);
+        }
+
+        QDropEvent drop(QPointF(10, 10), Qt::CopyAction, mime.get(), Qt::LeftButton, {});
+        bool result = false;
+        const QVariantMap posted = postOf([&] { result = m_ui.pane.tableViewAcceptDrop(table(), &drop, 2, {}); });
+        QCOMPARE(result, accepted);
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
+    }
+
+    void deleteKeys_data()
+    {
+        QTest::addColumn<QList<int>>("selected");
+        QTest::addColumn<int>("key");
+        QTest::addColumn<int>("modifiers");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("beeps");
+        QTest::addColumn<QStringList>("removed");
+        const QString music = QStringLiteral("/home/u/Music"), documents = QStringLiteral("/home/u/Documents");
+        QTest::newRow("nothing selected") << QList<int>() << int(Qt::Key_Delete) << 0 << "\x7f" << 1 << QStringList();
+        // Sorted by name, so the arranged order is not the stored one.
+        QTest::newRow("both selected") << QList<int>{0, 1} << int(Qt::Key_Delete) << 0 << "\x7f" << 0
+                                       << QStringList{documents, music};
+        QTest::newRow("backspace") << QList<int>{1} << int(Qt::Key_Backspace) << 0 << "\b" << 0 << QStringList{music};
+        // With modifiers the text may be empty: the key decides.
+        QTest::newRow("modified, empty text")
+            << QList<int>{1} << int(Qt::Key_Backspace) << int(Qt::ControlModifier | Qt::ShiftModifier) << "" << 0
+            << QStringList{music};
+        QTest::newRow("other key") << QList<int>{1} << int(Qt::Key_A) << 0 << "a" << 0 << QStringList();
+        QTest::newRow("remove button") << QList<int>{0} << -1 << 0 << "" << 0 << QStringList{documents};
+        QTest::newRow("no key, empty text") << QList<int>{1} << 0 << 0 << "" << 0 << QStringList();
+    }
+    void deleteKeys()
+    {
+        QFETCH(QList<int>, selected);
+        QFETCH(int, key);
+        QFETCH(int, modifiers);
+        QFETCH(QString, text);
+        QFETCH(int, beeps);
+        QFETCH(QStringList, removed);
+        table()->sortByColumn(0, Qt::AscendingOrder);
+        controller()->foldersArrayController()->setSelectionIndexes(selected);
+        auto *button = m_ui.pane.mainView()->findChild<QPushButton *>(QStringLiteral("removeFolderButton"));
+        const QVariantMap posted = postOf([&] {
+            if (key < 0) {
+                button->click();
+            } else {
+                QKeyEvent event(QEvent::KeyPress, key, Qt::KeyboardModifiers(modifiers), text);
+                QApplication::sendEvent(table(), &event);
+            }
+        });
+        QCOMPARE(m_alerts.beeps, beeps);
+        QCOMPARE(posted.value(QStringLiteral("foldersToRemove")).toStringList(), removed);
+        if (!removed.isEmpty())
+            QVERIFY(controller()->foldersArrayController()->selectionIndexes().isEmpty());
+        QCOMPARE(table()->model()->rowCount(), 3); // rows stay until the helper has acted
+    }
+
+    void chooser_data()
+    {
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QList<QByteArray>>("chosen");
+        QTest::addColumn<QStringList>("added");
+        QTest::newRow("cancelled") << 0 << QList<QByteArray>{m_dirA} << QStringList();
+        QTest::newRow("two, duplicates kept")
+            << 1 << QList<QByteArray>{m_dirB, m_dirA, m_dirB}
+            << QStringList{QFile::decodeName(m_dirB), QFile::decodeName(m_dirA), QFile::decodeName(m_dirB)};
+        QTest::newRow("path not UTF-8 refused") << 1 << QList<QByteArray>{m_undecodable} << QStringList();
+    }
+    void chooser()
+    {
+        QFETCH(int, code);
+        QFETCH(QList<QByteArray>, chosen);
+        QFETCH(QStringList, added);
+        AnsweringChooser::code = code;
+        AnsweringChooser::paths = chosen;
+        FolderChooser::setFactory([](QObject *parent) { return new AnsweringChooser(parent); });
+        if (chosen.contains(m_undecodable))
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("path is not valid UTF-8")));
+        auto *button = m_ui.pane.mainView()->findChild<QPushButton *>(QStringLiteral("addFolderButton"));
+        const QVariantMap posted = postOf([button] { button->click(); });
+        FolderChooser::setFactory({});
+        QCOMPARE(AnsweringChooser::shownOn, table()->window());
+        QCOMPARE(AnsweringChooser::startedIn, QDir::homePath());
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
+    }
     // A damaged store is replaced (the damaged-history suite); a busy one is not damaged.
     void storeAnotherProcessIsWritingIsKept()
     {
