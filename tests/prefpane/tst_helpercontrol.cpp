@@ -1,24 +1,36 @@
 // The pane's helper control against a fake workspace: what is launched, when the
-// permissions sheet appears, and what the switch stores, moves and posts.
+// permissions sheet appears, what the switch stores and posts, and the helper's login item.
 
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
 #include "PaneFixture.h"
 #include "RecordingAlerts.h"
+#include "common/BDAlias.h"
 #include "common/HelperIdentity.h"
 #include "common/Notifications.h"
 #include "common/VTDefaultsController.h"
 #include "common/VTPreferenceCommunicator.h"
+#include "platform/PreferencesDomain.h"
 #include "platform/ProcessInfo.h"
+#include "platform/PropertyList.h"
 #include "platform/RunningApplication.h"
 
 #include <QDir>
 #include <QPushButton>
-#include <QTemporaryDir>
+#include <QSignalSpy>
 #include <QTest>
 
 #include <optional>
 #include <sys/stat.h>
+
+namespace {
+
+QVariantMap app(const QString &path)
+{
+    return {{QStringLiteral("Path"), path}, {QStringLiteral("Hide"), false}};
+}
+
+} // namespace
 
 class TestHelperControl : public QObject
 {
@@ -29,7 +41,7 @@ private:
     // mode is 0. A helper is running already when running is set.
     VantorPref &makePane(unsigned mode, bool running = false)
     {
-        const QString path = m_bundles.path() + QStringLiteral("/%1/Vantor.prefPane").arg(++m_bundleCount);
+        const QString path = bundle(mode);
         QDir().mkpath(path + QStringLiteral("/Contents/Resources"));
         QFile::copy(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"),
                     path + QStringLiteral("/Contents/Info.plist"));
@@ -43,13 +55,29 @@ private:
         m_ui.emplace(path);
         return m_ui->pane;
     }
+    QString bundle(unsigned mode) const { return m_env.root() + QStringLiteral("/%1/Vantor.prefPane").arg(mode, 0, 8); }
+
+    QString listFile() const { return PreferencesDomain(QStringLiteral("loginwindow")).filePath(); }
+    void writeList(const QVariantList &items)
+    {
+        QDir().mkpath(QFileInfo(listFile()).path());
+        QVERIFY(PropertyList::writeFile(listFile(),
+                                        QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), items}}));
+    }
+    QVariantList list() const
+    {
+        return PreferencesDomain(QStringLiteral("loginwindow"))
+            .copyValue(QStringLiteral("AutoLaunchedApplicationDictionary"))
+            .toList();
+    }
 
     TestEnvironment m_env;
-    QTemporaryDir m_bundles;
-    int m_bundleCount = 0;
     std::optional<FakeWorkspace> m_workspace;
     std::optional<RecordingAlerts> m_alerts;
     std::optional<PaneFixture> m_ui;
+    const QString m_helper = HelperIdentity::applicationPathInPane(bundle(0755));
+    const QVariantMap m_mail = app(QStringLiteral("/usr/lib/Mail.app"));
+    const QVariantMap m_notes = app(QStringLiteral("/opt/Notes.app"));
 
 private Q_SLOTS:
     void initTestCase()
@@ -64,6 +92,7 @@ private Q_SLOTS:
         VantorPref::forgetHelperPermissionsWarning();
         m_workspace.emplace();
         m_alerts.emplace();
+        QFile::remove(listFile());
     }
 
     void cleanup()
@@ -158,6 +187,103 @@ private Q_SLOTS:
             QCOMPARE(m_workspace->launches.size(), 1);
             QCOMPARE(pane.toggleActiveButton->isChecked(), active);
         }
+    }
+
+    void regenerateLeavesOneFreshEntry()
+    {
+        writeList({app(QStringLiteral("/old/place/VantorHelper.app")), m_mail, app(m_helper)});
+        VantorPref &p = makePane(0755);
+        p.regenerateAutologinItem();
+        const QVariantList items = list();
+        QCOMPARE(items.size(), 2);
+        QCOMPARE(items[0].toMap(), m_mail);
+        QCOMPARE(items[1].toMap().value(QStringLiteral("Path")).toString(), m_helper);
+        QVERIFY(items[1].toMap().contains(QStringLiteral("AliasData")));
+
+        // No helper entry: start-up adds nothing.
+        writeList({m_mail});
+        p.regenerateAutologinItem();
+        QCOMPARE(list(), QVariantList({m_mail}));
+    }
+
+    // Entries are compared without their alias data, which is checked on its own.
+    void setWritesOnlyAChange_data()
+    {
+        QTest::addColumn<bool>("withList");
+        QTest::addColumn<QVariantList>("before");
+        QTest::addColumn<bool>("withHelper");
+        QTest::addColumn<bool>("value");
+        QTest::addColumn<QVariantList>("after");
+        QTest::addColumn<int>("changes");
+        const QVariantMap old = app(QStringLiteral("/old/place/VantorHelper.app")), helper = app(m_helper);
+        QTest::newRow("on appends after others")
+            << true << QVariantList{m_mail, m_notes} << true << true << QVariantList{m_mail, m_notes, helper} << 1;
+        QTest::newRow("off removes every helper entry") << true << QVariantList{old, m_mail, helper, m_notes} << true
+                                                        << false << QVariantList{m_mail, m_notes} << 1;
+        QTest::newRow("other name, same ending") << true << QVariantList{app(QStringLiteral("/a/NotVantorHelper.app"))}
+                                                 << true << false << QVariantList{} << 1;
+        const QVariantList others{app(QStringLiteral("/a/VantorHelper.app.bak")),
+                                  QVariantMap{{QStringLiteral("Hide"), true}}};
+        QTest::newRow("backup copy and no path are not the helper") << true << others << true << false << others << 0;
+        QTest::newRow("no helper inside: an empty entry")
+            << true << QVariantList{m_mail} << false << true << QVariantList{m_mail, QVariantMap()} << 1;
+        QTest::newRow("on already") << true << QVariantList{m_mail, helper} << true << true
+                                    << QVariantList{m_mail, helper} << 0;
+        QTest::newRow("off already") << true << QVariantList{m_mail} << true << false << QVariantList{m_mail} << 0;
+        QTest::newRow("no list stays absent") << false << QVariantList() << true << true << QVariantList() << 0;
+    }
+    void setWritesOnlyAChange()
+    {
+        QFETCH(bool, withList);
+        QFETCH(QVariantList, before);
+        QFETCH(bool, withHelper);
+        QFETCH(bool, value);
+        QFETCH(QVariantList, after);
+        QFETCH(int, changes);
+        if (withList)
+            writeList(before);
+        const auto inode = [this] {
+            struct stat st = {};
+            ::stat(QFile::encodeName(listFile()).constData(), &st);
+            return st.st_ino;
+        };
+        const ino_t was = inode();
+        VantorPref &p = makePane(withHelper ? 0755 : 0);
+        QCOMPARE(p.autorunAtLogin(), changes ? !value : value && withList);
+        QSignalSpy changed(&p, &VantorPref::autorunAtLoginChanged);
+        p.setAutorunAtLogin(value);
+        QVariantList items = list();
+        for (QVariant &item : items) {
+            QVariantMap entry = item.toMap();
+            if (entry.contains(QStringLiteral("AliasData")))
+                QCOMPARE(BDAlias(entry.take(QStringLiteral("AliasData")).toByteArray()).fullPath(),
+                         QDir(m_helper).canonicalPath());
+            item = entry;
+        }
+        QCOMPARE(items, after);
+        QCOMPARE(p.autorunAtLogin(), withList && value && withHelper);
+        QCOMPARE(QFileInfo::exists(listFile()), withList);
+        if (!withList)
+            return;
+        QCOMPARE(changed.count(), changes);
+        if (!changes) // an atomic write would have made a new file
+            QCOMPARE(inode(), was);
+    }
+
+    void storeDrivesLoginItem()
+    {
+        writeList({m_mail});
+        VantorPref &p = makePane(0755);
+        p.mainViewDidLoad();
+        VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
+        store->setAutorunAtLogin(true);
+        QVERIFY(p.autorunAtLogin());
+        QCOMPARE(list().size(), 2);
+        store->setAutorunAtLogin(false);
+        QCOMPARE(list(), QVariantList({m_mail}));
+        // One way only: the pane's setter leaves the store alone.
+        p.setAutorunAtLogin(true);
+        QVERIFY(!store->autorunAtLogin());
     }
 };
 
