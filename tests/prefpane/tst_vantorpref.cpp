@@ -1,5 +1,6 @@
 // The pane driven as the host drives it, on a real session bus: the settings tab, the
-// notifications it answers and the bubbles of its icon. Start-up posts are the host suite's.
+// notifications it answers, the bubbles of its icon, and the history as it shows and edits
+// it, from a real store another program writes. Start-up posts are the host suite's.
 
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
@@ -7,18 +8,65 @@
 #include "RecordingAlerts.h"
 #include "common/Notifications.h"
 #include "common/VTDefaultsController.h"
+#include "common/VTUtil.h"
+#include "gui/FolderChooser.h"
 #include "platform/DistributedNotificationCenter.h"
+#include "prefpane/ArrayController.h"
 #include "prefpane/BubbleLayer.h"
+#include "prefpane/QFTableView.h"
+#include "prefpane/VTHistoryController.h"
 
+#include <QApplication>
 #include <QCheckBox>
+#include <QDir>
+#include <QDropEvent>
+#include <QFileInfo>
 #include <QLabel>
+#include <QMimeData>
+#include <QProcess>
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QTabWidget>
 #include <QTest>
+#include <QTimer>
 
 #include <optional>
+#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
+
+namespace {
+
+// Answers like a person at the chooser would.
+class AnsweringChooser : public FolderChooser
+{
+public:
+    using FolderChooser::FolderChooser;
+    void beginSheetForDirectory(QWidget *window, const QString &directory, std::function<void(int)> done) override
+    {
+        shownOn = window;
+        startedIn = directory;
+        setFilenames(code == OK ? paths : QList<QByteArray>());
+        QTimer::singleShot(0, this, [done] { done(code); });
+    }
+
+    static inline int code = 0;
+    static inline QList<QByteArray> paths;
+    static inline QWidget *shownOn = nullptr;
+    static inline QString startedIn;
+};
+
+QMimeData *uriList(const QList<QByteArray> &paths)
+{
+    auto *mime = new QMimeData;
+    QByteArray list;
+    for (const QByteArray &path : paths)
+        list += "file://" + path.toPercentEncoding("/") + "\r\n";
+    mime->setData(QStringLiteral("text/uri-list"), list);
+    return mime;
+}
+
+} // namespace
 
 class TestVantorPref : public QObject
 {
@@ -41,6 +89,36 @@ private:
     RecordingAlerts m_alerts;
     FakeWorkspace m_workspace;
     std::optional<PaneFixture> m_ui;
+    QByteArray m_dirA, m_dirB, m_file, m_undecodable;
+
+    static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
+    QFTableView *table() { return pane().foldersTableView; }
+    QString sqlite(const QString &sql) const
+    {
+        return TestEnvironment::sqlite(m_env.productFolder() + QStringLiteral("/history.db"), sql);
+    }
+
+    // Another program tells the pane that savings changed.
+    void refreshFromAnotherProgram()
+    {
+        QSignalSpy spy(controller(), &VTHistoryController::totalSavingsChanged);
+        TestEnvironment::postWithGdbus(QStringLiteral("vantorSavingsChanged"), QStringLiteral("{'from': <'gdbus'>}"));
+        QVERIFY(spy.wait(5000));
+    }
+
+    // What an action posts to the helper about folders: empty when nothing, a count when more than once.
+    QVariantMap postOf(const std::function<void()> &action)
+    {
+        const QString folders = QStringLiteral("com.quillfen.vantor.folders");
+        NotificationRecorder recorder;
+        action();
+        QTest::qWait(50);
+        recorder.settle();
+        if (recorder.count(folders) == 1)
+            return recorder.userInfos().at(recorder.names().indexOf(folders));
+        return recorder.count(folders) ? QVariantMap{{QStringLiteral("count"), recorder.count(folders)}}
+                                       : QVariantMap();
+    }
 
 private Q_SLOTS:
     void initTestCase()
@@ -51,9 +129,31 @@ private Q_SLOTS:
         m_ui.emplace();
         pane().mainViewDidLoad();
         QCOMPARE(pane().versionNumberTextField->text(), u"1.0.0"_s);
+        const QByteArray base = QFile::encodeName(m_env.home());
+        m_dirA = base + "/Photos";
+        m_dirB = base + "/Música";
+        m_file = base + "/notes.txt";
+        m_undecodable = base + "/bad\xff";
+        QVERIFY(QDir().mkpath(QFile::decodeName(m_dirA)));
+        QVERIFY(QDir().mkpath(QFile::decodeName(m_dirB)));
+        TestEnvironment::writeFile(QFile::decodeName(m_file), "x");
+        QCOMPARE(::mkdir(m_undecodable.constData(), 0700), 0);
     }
 
-    void init() { pane().tabView->setCurrentWidget(child<QWidget>("settingsTab")); }
+    // Every case starts on the settings tab, with the same three records shown through another
+    // program's notification.
+    void init()
+    {
+        pane().tabView->setCurrentWidget(child<QWidget>("settingsTab"));
+        sqlite(QStringLiteral("DELETE FROM ZHISTORY;"));
+        controller()->updatePreviousSavings();
+        controller()->foldersArrayController()->setSelectionIndexes({});
+        sqlite(QStringLiteral("INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) VALUES "
+                              "('/home/u/Music', 40, 1000, 1), ('/home/u/Documents', 100, 2048, 1), "
+                              "('/home/u/Old', 100, 5, 0);"));
+        refreshFromAnotherProgram();
+        m_alerts.clear();
+    }
 
     void visibleChangePostsOnce()
     {
@@ -191,6 +291,218 @@ private Q_SLOTS:
         std::unique_ptr<QVariantAnimation> fading(pane().opacityAnimation());
         fading->setCurrentTime(int(progress * 300));
         QVERIFY(qAbs(fading->currentValue().toReal() - opacity) < 0.001);
+    }
+
+    // Where the summary row sorts is the sort descriptor's suite.
+    void recordsFromAnotherProcess()
+    {
+        table()->sortByColumn(0, Qt::DescendingOrder); // Music, Documents, Other
+        QCOMPARE(controller()->totalSavings(), quint64(3053));
+        QCOMPARE(controller()->previousSavings(), quint64(5));
+        auto *arranged = controller()->foldersArrayController();
+        const QList<QVariantMap> rows = arranged->arrangedObjects();
+        QCOMPARE(rows.size(), 3);
+        QCOMPARE(rows.at(0).value(QStringLiteral("folder")).toString(), QStringLiteral("/home/u/Music"));
+        QCOMPARE(rows.at(0).value(QStringLiteral("savings")).toULongLong(), quint64(1000));
+        QCOMPARE(rows.last(), controller()->historyEntryForSavings(5));
+        // The summary row is disabled and cannot be selected; folder rows can.
+        QCOMPARE(arranged->flags(arranged->index(2, 0)) & (Qt::ItemIsSelectable | Qt::ItemIsEnabled), Qt::NoItemFlags);
+
+        // The selection survives a refresh that keeps the count.
+        arranged->setSelectionIndexes({1});
+        // -1 as stored is 2^64 - 1: with the other 1005 bytes the total wraps to 1004.
+        sqlite(QStringLiteral("UPDATE ZHISTORY SET ZSAVINGS = -1 WHERE ZFOLDER = '/home/u/Documents';"));
+        refreshFromAnotherProgram();
+        QCOMPARE(controller()->totalSavings(), quint64(1004));
+        QCOMPARE(arranged->selectionIndexes(), QList<int>{1});
+
+        // The summary row goes: the count changes and the selection is not restored.
+        sqlite(QStringLiteral("UPDATE ZHISTORY SET ZSAVINGS = 0 WHERE ZENABLED = 0;"));
+        refreshFromAnotherProgram();
+        QCOMPARE(arranged->rowCount(), 2);
+        QVERIFY(arranged->selectionIndexes().isEmpty());
+        // With no previous savings the last row is an ordinary, selectable row.
+        QVERIFY(arranged->flags(arranged->index(1, 0)) & Qt::ItemIsSelectable);
+    }
+
+    void addFolders_data()
+    {
+        QTest::addColumn<QStringList>("paths");
+        QTest::addColumn<QStringList>("posted"); // empty: nothing posted
+        QTest::addColumn<int>("sheets");
+        QTest::newRow("empty") << QStringList() << QStringList() << 0;
+        QTest::newRow("only volumes") << QStringList{QStringLiteral("/Volumes/Disk/a"), QStringLiteral("/Volumes/B")}
+                                      << QStringList() << 1;
+        QTest::newRow("mix keeps order and duplicates")
+            << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/Volumes/Disk/x"), QStringLiteral("/home/u/a"),
+                           QStringLiteral("/home/u/b"), QStringLiteral("/Volumes")}
+            << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/home/u/a"), QStringLiteral("/home/u/b"),
+                           QStringLiteral("/Volumes")}
+            << 1;
+        QTest::newRow("case-sensitive prefix")
+            << QStringList{QStringLiteral("/volumes/x")} << QStringList{QStringLiteral("/volumes/x")} << 0;
+    }
+    void addFolders()
+    {
+        QFETCH(QStringList, paths);
+        QFETCH(QStringList, posted);
+        QFETCH(int, sheets);
+        const QVariantMap post = postOf([&] {
+            controller()->addFolders(paths);
+            QVERIFY(m_alerts.sheets.isEmpty()); // the sheet comes a moment later
+        });
+        QCOMPARE(m_alerts.sheets.size(), sheets);
+        if (sheets) {
+            QCOMPARE(m_alerts.sheets.first().messageText, QStringLiteral("Filtered out folders"));
+            QCOMPARE(m_alerts.sheets.first().informativeText,
+                     QStringLiteral("Some of the folders you tried to add, were located in volumes different than "
+                                    "main, and were removed."));
+        }
+        QCOMPARE(post.value(QStringLiteral("foldersToAdd")).toStringList(), posted);
+    }
+
+    void drops_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("paths");
+        QTest::addColumn<int>("validated"); // Qt::DropAction
+        QTest::addColumn<bool>("accepted");
+        QTest::addColumn<QStringList>("added");
+
+        QTest::newRow("two folders and a file")
+            << QList<QByteArray>{m_dirA, m_file, m_dirB} << int(Qt::CopyAction) << true
+            << QStringList{QFile::decodeName(m_dirA), QFile::decodeName(m_dirB)};
+        QTest::newRow("only files") << QList<QByteArray>{m_file} << int(Qt::IgnoreAction) << false << QStringList();
+        QTest::newRow("missing folder") << QList<QByteArray>{m_dirA + "-gone"} << int(Qt::IgnoreAction) << false
+                                        << QStringList();
+        QTest::newRow("no file paths") << QList<QByteArray>() << int(Qt::IgnoreAction) << false << QStringList();
+        // The drop happens, so the refusal can be told.
+        QTest::newRow("path not UTF-8") << QList<QByteArray>{m_undecodable} << int(Qt::CopyAction) << false
+                                        << QStringList();
+        QTest::newRow("UTF-8 folder kept beside it") << QList<QByteArray>{m_undecodable, m_dirB} << int(Qt::CopyAction)
+                                                     << true << QStringList{QFile::decodeName(m_dirB)};
+    }
+    void drops()
+    {
+        QFETCH(QList<QByteArray>, paths);
+        QFETCH(int, validated);
+        QFETCH(bool, accepted);
+        QFETCH(QStringList, added);
+        std::unique_ptr<QMimeData> mime(uriList(paths));
+        if (paths.isEmpty())
+            mime->setText(QStringLiteral("just text"));
+        if (paths.contains(m_undecodable))
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("path is not valid UTF-8")));
+
+        // Proposed between the second and third rows.
+        QDragMoveEvent move(QPoint(10, 10), Qt::CopyAction | Qt::MoveAction, mime.get(), Qt::LeftButton, {});
+        table()->setDropRow(2, QFTableViewDataSource::DropAbove);
+        QCOMPARE(int(pane().tableViewValidateDrop(table(), &move, 2, QFTableViewDataSource::DropAbove)), validated);
+        if (validated != Qt::IgnoreAction) {
+            QCOMPARE(table()->dropRow(), -1);
+            QCOMPARE(table()->dropOperation(), QFTableViewDataSource::DropOn);
+        }
+
+        QDropEvent drop(QPointF(10, 10), Qt::CopyAction, mime.get(), Qt::LeftButton, {});
+        bool result = false;
+        const QVariantMap posted = postOf([&] { result = pane().tableViewAcceptDrop(table(), &drop, 2, {}); });
+        QCOMPARE(result, accepted);
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
+    }
+
+    void deleteKeys_data()
+    {
+        QTest::addColumn<QList<int>>("selected");
+        QTest::addColumn<int>("key");
+        QTest::addColumn<int>("modifiers");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("beeps");
+        QTest::addColumn<QStringList>("removed");
+        const QString music = QStringLiteral("/home/u/Music"), documents = QStringLiteral("/home/u/Documents");
+        QTest::newRow("nothing selected") << QList<int>() << int(Qt::Key_Delete) << 0 << "\x7f" << 1 << QStringList();
+        // Sorted by name, so the arranged order is not the stored one.
+        QTest::newRow("both selected") << QList<int>{0, 1} << int(Qt::Key_Delete) << 0 << "\x7f" << 0
+                                       << QStringList{documents, music};
+        QTest::newRow("backspace") << QList<int>{1} << int(Qt::Key_Backspace) << 0 << "\b" << 0 << QStringList{music};
+        // With modifiers the text may be empty: the key decides.
+        QTest::newRow("modified, empty text")
+            << QList<int>{1} << int(Qt::Key_Backspace) << int(Qt::ControlModifier | Qt::ShiftModifier) << "" << 0
+            << QStringList{music};
+        QTest::newRow("other key") << QList<int>{1} << int(Qt::Key_A) << 0 << "a" << 0 << QStringList();
+        QTest::newRow("remove button") << QList<int>{0} << -1 << 0 << "" << 0 << QStringList{documents};
+        QTest::newRow("no key, empty text") << QList<int>{1} << 0 << 0 << "" << 0 << QStringList();
+    }
+    void deleteKeys()
+    {
+        QFETCH(QList<int>, selected);
+        QFETCH(int, key);
+        QFETCH(int, modifiers);
+        QFETCH(QString, text);
+        QFETCH(int, beeps);
+        QFETCH(QStringList, removed);
+        table()->sortByColumn(0, Qt::AscendingOrder);
+        controller()->foldersArrayController()->setSelectionIndexes(selected);
+        auto *button = pane().mainView()->findChild<QPushButton *>(QStringLiteral("removeFolderButton"));
+        const QVariantMap posted = postOf([&] {
+            if (key < 0) {
+                button->click();
+            } else {
+                QKeyEvent event(QEvent::KeyPress, key, Qt::KeyboardModifiers(modifiers), text);
+                QApplication::sendEvent(table(), &event);
+            }
+        });
+        QCOMPARE(m_alerts.beeps, beeps);
+        QCOMPARE(posted.value(QStringLiteral("foldersToRemove")).toStringList(), removed);
+        if (!removed.isEmpty())
+            QVERIFY(controller()->foldersArrayController()->selectionIndexes().isEmpty());
+        QCOMPARE(table()->model()->rowCount(), 3); // rows stay until the helper has acted
+    }
+
+    void chooser_data()
+    {
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QList<QByteArray>>("chosen");
+        QTest::addColumn<QStringList>("added");
+        QTest::newRow("cancelled") << 0 << QList<QByteArray>{m_dirA} << QStringList();
+        QTest::newRow("two, duplicates kept")
+            << 1 << QList<QByteArray>{m_dirB, m_dirA, m_dirB}
+            << QStringList{QFile::decodeName(m_dirB), QFile::decodeName(m_dirA), QFile::decodeName(m_dirB)};
+        QTest::newRow("path not UTF-8 refused") << 1 << QList<QByteArray>{m_undecodable} << QStringList();
+    }
+    void chooser()
+    {
+        QFETCH(int, code);
+        QFETCH(QList<QByteArray>, chosen);
+        QFETCH(QStringList, added);
+        AnsweringChooser::code = code;
+        AnsweringChooser::paths = chosen;
+        FolderChooser::setFactory([](QObject *parent) { return new AnsweringChooser(parent); });
+        if (chosen.contains(m_undecodable))
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("path is not valid UTF-8")));
+        auto *button = pane().mainView()->findChild<QPushButton *>(QStringLiteral("addFolderButton"));
+        const QVariantMap posted = postOf([button] { button->click(); });
+        FolderChooser::setFactory({});
+        QCOMPARE(AnsweringChooser::shownOn, table()->window());
+        QCOMPARE(AnsweringChooser::startedIn, QDir::homePath());
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
+    }
+    // A damaged store is replaced (the damaged-history suite); a busy one is not damaged.
+    void storeAnotherProcessIsWritingIsKept()
+    {
+        // Beside the controller's store, which stays open.
+        const QString path = m_env.productFolder() + QStringLiteral("/other.db");
+        TestEnvironment::sqlite(path, QStringLiteral("CREATE TABLE t(x);"));
+        QProcess writer;
+        writer.start(
+            QStringLiteral("python3"),
+            {QStringLiteral("-c"),
+             QStringLiteral("import sqlite3, sys, time; c = sqlite3.connect(sys.argv[1], isolation_level=None); "
+                            "c.execute('BEGIN EXCLUSIVE'); print(flush=True); time.sleep(1); c.execute('COMMIT')"),
+             path});
+        QVERIFY(writer.waitForReadyRead(10000));
+        QVERIFY(VTUtil::ensureIntegrityOfDatabaseAtPath(path));
+        QVERIFY(m_alerts.modals.isEmpty());
+        QVERIFY(QFileInfo::exists(path));
+        writer.waitForFinished();
     }
 };
 
