@@ -82,7 +82,6 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(!TestEnvironment::paneBundle().isEmpty());
         VTDefaultsController::create();
         VTPreferenceCommunicator::create();
     }

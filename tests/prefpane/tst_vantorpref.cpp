@@ -441,7 +441,7 @@ private Q_SLOTS:
         QFETCH(QStringList, removed);
         table()->sortByColumn(0, Qt::AscendingOrder);
         controller()->foldersArrayController()->setSelectionIndexes(selected);
-        auto *button = pane().mainView()->findChild<QPushButton *>(QStringLiteral("removeFolderButton"));
+        auto *button = child<QPushButton>("removeFolderButton");
         const QVariantMap posted = postOf([&] {
             if (key < 0) {
                 button->click();
@@ -478,7 +478,7 @@ private Q_SLOTS:
         FolderChooser::setFactory([](QObject *parent) { return new AnsweringChooser(parent); });
         if (chosen.contains(m_undecodable))
             QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("path is not valid UTF-8")));
-        auto *button = pane().mainView()->findChild<QPushButton *>(QStringLiteral("addFolderButton"));
+        auto *button = child<QPushButton>("addFolderButton");
         const QVariantMap posted = postOf([button] { button->click(); });
         FolderChooser::setFactory({});
         QCOMPARE(AnsweringChooser::shownOn, table()->window());
