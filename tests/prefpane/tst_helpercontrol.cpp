@@ -188,23 +188,6 @@ private Q_SLOTS:
         }
     }
 
-    void regenerateLeavesOneFreshEntry()
-    {
-        writeList({app(QStringLiteral("/old/place/VantorHelper.app")), m_mail, app(m_helper)});
-        VantorPref &p = makePane(0755);
-        p.regenerateAutologinItem();
-        const QVariantList items = list();
-        QCOMPARE(items.size(), 2);
-        QCOMPARE(items[0].toMap(), m_mail);
-        QCOMPARE(items[1].toMap().value(QStringLiteral("Path")).toString(), m_helper);
-        QVERIFY(items[1].toMap().contains(QStringLiteral("AliasData")));
-
-        // No helper entry: start-up adds nothing.
-        writeList({m_mail});
-        p.regenerateAutologinItem();
-        QCOMPARE(list(), QVariantList({m_mail}));
-    }
-
     // Entries are compared without their alias data, which is checked on its own.
     void setWritesOnlyAChange_data()
     {
@@ -269,11 +252,21 @@ private Q_SLOTS:
             QCOMPARE(inode(), was);
     }
 
-    void storeDrivesLoginItem()
+    // Start-up leaves one fresh entry if there was one, and adds none; then the store drives it.
+    void startUpAndStoreDriveLoginItem()
     {
-        writeList({m_mail});
+        writeList({app(QStringLiteral("/old/place/VantorHelper.app")), m_mail, app(m_helper)});
         VantorPref &p = makePane(0755);
         p.mainViewDidLoad();
+        const QVariantList items = list();
+        QCOMPARE(items.size(), 2);
+        QCOMPARE(items[0].toMap(), m_mail);
+        QCOMPARE(items[1].toMap().value(QStringLiteral("Path")).toString(), m_helper);
+        QVERIFY(items[1].toMap().contains(QStringLiteral("AliasData")));
+        writeList({m_mail});
+        p.regenerateAutologinItem();
+        QCOMPARE(list(), QVariantList({m_mail}));
+
         VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
         store->setAutorunAtLogin(true);
         QVERIFY(p.autorunAtLogin());
