@@ -161,7 +161,6 @@ private Q_SLOTS:
             QCOMPARE(m_ui->host.activations, QList<bool>{false});
         } else {
             pane.toggleActiveButton->setChecked(wasActive);
-            pane.setActiveButton(wasActive, false);
             QPushButton other;
             if (how == QLatin1String("switch"))
                 QTest::mouseClick(pane.toggleActiveButton, Qt::LeftButton);

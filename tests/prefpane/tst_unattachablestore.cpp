@@ -5,12 +5,9 @@
 #include "TestEnvironment.h"
 #include "common/VTUtil.h"
 #include "platform/Bundle.h"
-#include "prefpane/ArrayController.h"
 #include "prefpane/HistoryArrayModel.h"
 #include "prefpane/VTHistoryController.h"
 
-#include <QApplication>
-#include <QFile>
 #include <QFileInfo>
 #include <QTest>
 
