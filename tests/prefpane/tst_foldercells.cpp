@@ -1,18 +1,20 @@
+#include "common/VTUtil.h"
 #include "prefpane/HistoryArrayModel.h"
+#include "prefpane/QFellipsis.h"
 #include "prefpane/QFTableCell.h"
 #include "prefpane/VTFoldersCell.h"
 #include "prefpane/VTPathCell.h"
 #include "prefpane/VTSavingsCell.h"
+#include "prefpane/VTSortDescriptor.h"
 #include "prefpane/VTStatusCell.h"
 
 #include <QApplication>
 #include <QFontDatabase>
-#include <QFontMetricsF>
 #include <QPainter>
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <cmath>
+#include <clocale>
 
 namespace {
 
@@ -59,18 +61,19 @@ QRect inkBox(
     return box;
 }
 
-int count(const QImage &image, const std::function<bool(QColor)> &test)
+// Ten points a character; line terminators take no room.
+qreal tenPerCharacter(QStringView text)
 {
-    int n = 0;
-    for (int y = 0; y < image.height(); ++y)
-        for (int x = 0; x < image.width(); ++x)
-            n += test(image.pixelColor(x, y)) ? 1 : 0;
-    return n;
+    qreal w = 0;
+    for (QChar c : text)
+        w += (c == u'\n' || c == u'\r' || c == QChar(0x2028) || c == QChar(0x2029) || c == QChar(0x0085)) ? 0 : 10;
+    return w;
 }
 
 } // namespace
 
-// The folder table's cells drawn offscreen with a pinned font, palette and icons.
+// The folder table's cells drawn offscreen with a pinned font, palette and icons; what it
+// shows as text: sizes, their order, and names shortened to fit.
 class TestFolderCells : public QObject
 {
     Q_OBJECT
@@ -81,17 +84,13 @@ private:
 
     enum Cell { Folder, Path, Status, Savings };
 
-    QImage render(QFTableCell &cell, const QVariant &value, QStyle::State state, bool on, QSize size = {200, 28})
+    QImage render(QFTableCell &cell, Cell column, const QVariant &value, QStyle::State state, QSize size = {200, 28})
     {
         m_model.setRows({{{QStringLiteral("sortID"), 0},
                           {QStringLiteral("folder"), value},
                           {QStringLiteral("path"), value},
                           {QStringLiteral("status"), value},
                           {QStringLiteral("savings"), value}}});
-        const int column = qobject_cast<VTFoldersCell *>(&cell) ? 0
-            : qobject_cast<VTPathCell *>(&cell)                 ? 1
-            : qobject_cast<VTStatusCell *>(&cell)               ? 2
-                                                                : 3;
         QImage image(size, QImage::Format_ARGB32);
         image.fill(kBackground);
         QPainter painter(&image);
@@ -99,7 +98,7 @@ private:
         option.rect = QRect(QPoint(0, 0), size);
         option.state = state;
         option.palette = m_palette;
-        option.checkState = on ? Qt::Checked : Qt::Unchecked;
+        option.checkState = Qt::Checked; // the helper is on
         cell.paint(&painter, option, m_model.index(0, column));
         return image;
     }
@@ -110,9 +109,6 @@ private Q_SLOTS:
         QVERIFY(QFontDatabase::addApplicationFont(QStringLiteral("/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"))
                 >= 0);
         QApplication::setFont(QFont(QStringLiteral("DejaVu Sans")));
-        QVERIFY(QFTableCell::cellFont().family() == QStringLiteral("DejaVu Sans")
-                || QFTableCell::cellFont().family() == QStringLiteral("Lucida Grande"));
-        QCOMPARE(QFTableCell::cellFont().pixelSize(), 11);
         m_palette.setColor(QPalette::Highlight, kBlue);
         m_palette.setColor(QPalette::HighlightedText, Qt::white);
         m_palette.setColor(QPalette::Text, Qt::black);
@@ -140,7 +136,7 @@ private Q_SLOTS:
         QFETCH(QList<QPoint>, filled);
         QFETCH(QList<QPoint>, empty);
         VTStatusCell cell;
-        const QImage image = render(cell, percent, QStyle::State_Enabled, true, {56, 28});
+        const QImage image = render(cell, Status, percent, QStyle::State_Enabled, {56, 28});
         const QPoint centre(28, 14);
         // The outline is there whatever the progress: its top and bottom.
         QVERIFY(!near(image.pixelColor(centre + QPoint(0, -8)), kBackground, 10));
@@ -158,23 +154,6 @@ private Q_SLOTS:
             QVERIFY(near(image.pixelColor(centre + QPoint(-2, 1)), Qt::white, 60));
     }
 
-    void offAtItsDeliberatePosition()
-    {
-        VTStatusCell cell;
-        const QSize size(56, 40);
-        const QImage image = render(cell, 40u, QStyle::State_Enabled, false, size);
-        const QFontMetricsF metrics(QFTableCell::cellFont());
-        const qreal tw = metrics.horizontalAdvance(QStringLiteral("OFF"));
-        const qreal left = std::floor((size.width() - tw) / 2);
-        // Top computed from the width, then 4 down; the capitals start at cap height below.
-        const qreal top = std::floor((size.height() - tw) / 2) + 4 + metrics.ascent() - metrics.capHeight();
-        const QRect ink = inkBox(image);
-        QVERIFY2(std::abs(ink.left() - left) <= 1.5, qPrintable(QString::number(ink.left())));
-        QVERIFY2(std::abs(ink.top() - top) <= 1.5, qPrintable(QString::number(ink.top())));
-        QVERIFY(near(image.pixelColor(ink.center()), Qt::black, 200)
-                || count(image, [](QColor c) { return c.lightness() < 60; }) > 0);
-    }
-
     void text_data()
     {
         QTest::addColumn<int>("cellKind");
@@ -188,6 +167,10 @@ private Q_SLOTS:
         QTest::newRow("path missing") << int(Path) << false << enabled << true;
         QTest::newRow("missing but selected") << int(Path) << false << selected << false;
         QTest::newRow("missing but disabled") << int(Path) << false << 0 << false;
+        // The summary row is the one disabled row: generic icon, grey text, no status.
+        QTest::newRow("summary folder") << int(Folder) << true << 0 << false;
+        QTest::newRow("summary status") << int(Status) << true << 0 << false;
+        QTest::newRow("summary savings") << int(Savings) << true << 0 << false;
     }
     void text()
     {
@@ -201,75 +184,128 @@ private Q_SLOTS:
         VTFoldersCell folders;
         folders.setIconProvider(&icons);
         VTPathCell paths;
-        QFTableCell &cell = cellKind == Folder ? static_cast<QFTableCell &>(folders) : paths;
-        const QImage image = render(cell, path, QStyle::State(state), true);
-        QCOMPARE(count(image, isRed) > 5, red);
-        // What names nothing gets the generic icon.
-        if (cellKind == Folder)
-            QCOMPARE(count(image, [](QColor c) { return near(c, Qt::green); }) > 0, !existing);
-        if (state == 0)
-            QVERIFY(count(image, [](QColor c) { return near(c, QColor(128, 128, 128), 40); }) > 5);
-    }
-
-    void summaryRow()
-    {
-        PinnedIcons icons;
-        VTFoldersCell folders;
-        folders.setIconProvider(&icons);
-        const QImage name = render(folders, QStringLiteral("Other"), {}, true);
-        // The generic icon at x = 4, 24 pixels square.
-        const QRect green = inkBox(name, [](QColor c) { return near(c, Qt::green); });
-        QCOMPARE(green.left(), 4);
-        QCOMPARE(green.width(), 24);
-        QVERIFY(count(name, [](QColor c) { return near(c, Qt::magenta); }) == 0);
-        QVERIFY(inkBox(name, [](QColor c) { return near(c, QColor(128, 128, 128), 40); }).left() >= 34);
-
         VTStatusCell status;
-        QVERIFY(inkBox(render(status, 100u, {}, true, {56, 28})).isEmpty());
         VTSavingsCell savings;
-        QVERIFY(count(render(savings, 5000, {}, true, {80, 28}),
-                      [](QColor c) { return near(c, QColor(128, 128, 128), 40); })
-                > 5);
+        QFTableCell *cells[] = {&folders, &paths, &status, &savings};
+        const QVariant value = cellKind == Status ? QVariant(100u) : cellKind == Savings ? QVariant(5000) : path;
+        const QImage image = render(*cells[cellKind], Cell(cellKind), value, QStyle::State(state));
+        QCOMPARE(inkBox(image, isRed).width() > 2, red);
+        // At x = 4: the folder's own icon; what names nothing, and the summary row, get the generic one.
+        const QColor icon = existing && state ? Qt::magenta : Qt::green;
+        if (cellKind == Folder)
+            QCOMPARE(inkBox(image, [&](QColor c) { return near(c, icon); }).left(), 4);
+        if (cellKind == Status)
+            QVERIFY(inkBox(image).isEmpty());
+        else if (state == 0)
+            QVERIFY(inkBox(image, [](QColor c) { return near(c, QColor(128, 128, 128), 40); }).width() > 2);
     }
 
-    void folderIconAndLongName()
+    void prettySize_data()
     {
-        PinnedIcons icons;
-        VTFoldersCell cell;
-        cell.setIconProvider(&icons);
-        QTemporaryDir dir;
-        const QString path = dir.path() + QStringLiteral("/") + QString(60, u'W');
-        QVERIFY(QDir().mkpath(path));
-        const int width = 150;
-        const QImage image = render(cell, path, QStyle::State_Enabled, true, {width + 60, 28});
-        QCOMPARE(inkBox(image, [](QColor c) { return near(c, Qt::magenta); }).left(), 4);
-        // Cut to w - 34: the last ink before the cell's own right edge, with room for "...".
-        const QRect text = inkBox(image, [](QColor c) { return c.lightness() < 100 && !near(c, Qt::magenta, 60); });
-        QVERIFY(text.left() >= 34);
-        QVERIFY2(text.right() <= 34 + (width + 60 - 34), qPrintable(QString::number(text.right())));
-    }
-
-    void savingsCentred_data()
-    {
-        QTest::addColumn<qlonglong>("bytes");
+        QTest::addColumn<quint64>("bytes");
         QTest::addColumn<QString>("shown");
-        QTest::newRow("none") << 0LL << "-";
-        QTest::newRow("1024") << 1024LL << "1.02 KB";
+        QTest::newRow("1023") << quint64(1023) << "1023 b";
+        QTest::newRow("1024") << quint64(1024) << "1.02 KB";
+        QTest::newRow("9999 rounds up, two decimals") << quint64(9999) << "10.00 KB";
+        QTest::newRow("15000") << quint64(15000) << "15.0 KB";
+        QTest::newRow("99999") << quint64(99999) << "100.0 KB";
+        QTest::newRow("999999") << quint64(999999) << "1000 KB";
+        QTest::newRow("1000000") << quint64(1000000) << "1.00 MB";
+        QTest::newRow("no unit above GB") << quint64(5000000000000) << "5000 GB";
+        QTest::newRow("above 2^63 is unsigned")
+            << quint64(9300000000000000000ull) << "9300000768 GB"; // the float quotient, as C computes it
     }
-    void savingsCentred()
+    void prettySize()
     {
-        QFETCH(qlonglong, bytes);
+        QFETCH(quint64, bytes);
         QFETCH(QString, shown);
-        VTSavingsCell cell;
-        const QSize size(80, 28);
-        const QImage image = render(cell, bytes, QStyle::State_Enabled, true, size);
-        const qreal tw = QFontMetricsF(QFTableCell::cellFont()).horizontalAdvance(shown);
-        const QRect ink = inkBox(image);
-        QVERIFY(!ink.isEmpty());
-        // The ink spans the text's advance, centred.
-        QVERIFY2(std::abs(ink.left() - std::floor((size.width() - tw) / 2)) <= 2,
-                 qPrintable(QString::number(ink.left())));
-        QVERIFY(ink.width() <= tw + 1);
+        // A comma locale must not change the decimal point.
+        std::setlocale(LC_NUMERIC, "de_DE.UTF-8");
+        QCOMPARE(VTUtil::getPrettySize(bytes), shown);
+        std::setlocale(LC_NUMERIC, "C");
+    }
+
+    void compare_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<int>("comparison");
+        QTest::addColumn<QVariant>("first");
+        QTest::addColumn<QVariant>("second");
+        QTest::addColumn<int>("ascending");
+        using C = VTSortDescriptor::Comparison;
+        QTest::newRow("last component ignores place and case")
+            << "folder" << int(C::LastPathComponent) << QVariant(QStringLiteral("/Users/x/Documents"))
+            << QVariant(QStringLiteral("/Volumes/Disk/documents")) << 0;
+        QTest::newRow("last component orders by name")
+            << "folder" << int(C::LastPathComponent) << QVariant(QStringLiteral("/z/apple"))
+            << QVariant(QStringLiteral("/a/Banana")) << -1;
+        QTest::newRow("trailing slash") << "folder" << int(C::LastPathComponent)
+                                        << QVariant(QStringLiteral("/a/music/")) << QVariant(QStringLiteral("/b/Music"))
+                                        << 0;
+        QTest::newRow("path case-insensitive") << "path" << int(C::CaseInsensitive) << QVariant(QStringLiteral("/B"))
+                                               << QVariant(QStringLiteral("/a")) << 1;
+        QTest::newRow("savings unsigned")
+            << "savings" << int(C::Default) << QVariant(quint64(1) << 63) << QVariant(quint64(5)) << 1;
+        QTest::newRow("status") << "status" << int(C::Default) << QVariant(20u) << QVariant(100u) << -1;
+    }
+    void compare()
+    {
+        QFETCH(QString, key);
+        QFETCH(int, comparison);
+        QFETCH(QVariant, first);
+        QFETCH(QVariant, second);
+        QFETCH(int, ascending);
+        const VTSortDescriptor descriptor(key, true, VTSortDescriptor::Comparison(comparison));
+        const QVariantMap a{{QStringLiteral("sortID"), 0}, {key, first}};
+        const QVariantMap b{{QStringLiteral("sortID"), 0}, {key, second}};
+        QCOMPARE(descriptor.compareObject(a, b), ascending);
+        QCOMPARE(descriptor.reversedSortDescriptor().compareObject(a, b), -ascending);
+
+        // The summary row goes last whichever key and direction.
+        const QVariantMap summary{{QStringLiteral("sortID"), 1}, {key, second}};
+        for (const VTSortDescriptor &d : {descriptor, descriptor.reversedSortDescriptor()}) {
+            QCOMPARE(d.compareObject(summary, a), 1);
+            QCOMPARE(d.compareObject(a, summary), -1);
+        }
+    }
+
+    void ellipsize_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<float>("width");
+        QTest::addColumn<QString>("expected");
+
+        QTest::newRow("fits with its terminators") << "abc\ndef\r" << 60.f << "abc\ndef\r";
+        QTest::newRow("first replacement fits") << "abcdefgh" << 70.f << "abcd...";
+        QTest::newRow("several steps") << "abcdefgh" << 50.f << "ab...";
+        QTest::newRow("lone CR is re-inserted") << "abc\rdef" << 50.f << "abc\rdef";
+        QTest::newRow("each terminator stays in its line")
+            << QStringLiteral("abc\ndef\r\nghi\u2028jkl\u2029mno\u0085pqr") << 50.f
+            << QStringLiteral("abc\n\rdef\r\n\rghi\u2028\rjkl\u2029\rmno\u0085\rpqr");
+        QTest::newRow("exact line kept, neighbour cut") << "abcde\nabcdefgh" << 50.f << "abcde\n\rab...";
+        QTest::newRow("cannot fit stops at ellipsis") << "abcdef" << 10.f << "...";
+        QTest::newRow("trailing CR") << "abc\r" << 20.f << "...";
+        QTest::newRow("empty, negative width") << "" << -5.f << "";
+    }
+
+    void ellipsize()
+    {
+        QFETCH(QString, text);
+        QFETCH(float, width);
+        QFETCH(QString, expected);
+        QFellipsis::ellipsizeToFitWidth(text, width, tenPerCharacter);
+        QCOMPARE(text, expected);
+    }
+
+    void realFontFits()
+    {
+        const QFont font = QApplication::font();
+        const QString path = QStringLiteral("/home/someone/Documents/Projects/A rather long folder name");
+        const QString shortened = QFellipsis::mutableEllipsizedStringFrom(path, font, 120.f);
+        QVERIFY(shortened.endsWith(QStringLiteral("...")));
+        QVERIFY(path.startsWith(shortened.chopped(3)));
+        QVERIFY(QFellipsis::width(shortened, font) <= 120.0);
+        QCOMPARE(QFellipsis::mutableEllipsizedStringFrom(path, font, 10000.f), path);
     }
 };
 

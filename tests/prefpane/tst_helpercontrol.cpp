@@ -1,213 +1,282 @@
 // The pane's helper control against a fake workspace: what is launched, when the
-// permissions sheet appears, and what the switch stores, moves and posts.
+// permissions sheet appears, what the switch stores and posts, and the helper's login item.
 
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
 #include "PaneFixture.h"
 #include "RecordingAlerts.h"
+#include "common/BDAlias.h"
 #include "common/HelperIdentity.h"
 #include "common/Notifications.h"
 #include "common/VTDefaultsController.h"
 #include "common/VTPreferenceCommunicator.h"
+#include "platform/PreferencesDomain.h"
 #include "platform/ProcessInfo.h"
+#include "platform/PropertyList.h"
 #include "platform/RunningApplication.h"
 
 #include <QDir>
 #include <QPushButton>
-#include <QTemporaryDir>
+#include <QSignalSpy>
 #include <QTest>
 
 #include <optional>
 #include <sys/stat.h>
 
+namespace {
+
+QVariantMap app(const QString &path)
+{
+    return {{QStringLiteral("Path"), path}, {QStringLiteral("Hide"), false}};
+}
+
+} // namespace
+
 class TestHelperControl : public QObject
 {
     Q_OBJECT
 
-private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void permissionsSheetOncePerRun_data();
-    void permissionsSheetOncePerRun();
-    void toggleActive_data();
-    void toggleActive();
-    void didSelectLaunchesOnlyWhenNoHelperRuns_data();
-    void didSelectLaunchesOnlyWhenNoHelperRuns();
-    void helperEndingChangesNothing();
-
 private:
     // A pane of a bundle of its own; the helper executable gets mode, or is left out when
     // mode is 0. A helper is running already when running is set.
-    VantorPref &makePane(unsigned mode, bool running = false);
-    int switchX() { return m_ui->pane.toggleActiveButton->geometry().x(); }
+    VantorPref &makePane(unsigned mode, bool running = false)
+    {
+        const QString path = bundle(mode);
+        QDir().mkpath(path + QStringLiteral("/Contents/Resources"));
+        QFile::copy(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"),
+                    path + QStringLiteral("/Contents/Info.plist"));
+        if (mode) {
+            const QString exe = HelperIdentity::executablePath(HelperIdentity::applicationPathInPane(path));
+            TestEnvironment::writeFile(exe, "#!/bin/sh\n");
+            ::chmod(QFile::encodeName(exe).constData(), mode);
+        }
+        if (running)
+            m_workspace->running.append(new RunningApplication(HelperIdentity::busName(), 1, &*m_workspace));
+        m_ui.emplace(path);
+        return m_ui->pane;
+    }
+    QString bundle(unsigned mode) const { return m_env.root() + QStringLiteral("/%1/Vantor.prefPane").arg(mode, 0, 8); }
+
+    QString listFile() const { return PreferencesDomain(QStringLiteral("loginwindow")).filePath(); }
+    void writeList(const QVariantList &items)
+    {
+        QDir().mkpath(QFileInfo(listFile()).path());
+        QVERIFY(PropertyList::writeFile(listFile(),
+                                        QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), items}}));
+    }
+    QVariantList list() const
+    {
+        return PreferencesDomain(QStringLiteral("loginwindow"))
+            .copyValue(QStringLiteral("AutoLaunchedApplicationDictionary"))
+            .toList();
+    }
 
     TestEnvironment m_env;
-    QTemporaryDir m_bundles;
-    int m_bundleCount = 0;
     std::optional<FakeWorkspace> m_workspace;
     std::optional<RecordingAlerts> m_alerts;
     std::optional<PaneFixture> m_ui;
+    const QString m_helper = HelperIdentity::applicationPathInPane(bundle(0755));
+    const QVariantMap m_mail = app(QStringLiteral("/usr/lib/Mail.app"));
+    const QVariantMap m_notes = app(QStringLiteral("/opt/Notes.app"));
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        VTDefaultsController::create();
+        VTPreferenceCommunicator::create();
+    }
+
+    void init()
+    {
+        VantorPref::forgetHelperPermissionsWarning();
+        m_workspace.emplace();
+        m_alerts.emplace();
+        QFile::remove(listFile());
+    }
+
+    void cleanup()
+    {
+        m_ui.reset();
+        m_alerts.reset();
+        m_workspace.reset();
+    }
+
+    void permissionsSheetOncePerRun_data()
+    {
+        QTest::addColumn<unsigned>("mode");
+        QTest::addColumn<int>("sheets");
+        QTest::newRow("0755") << 0755u << 0;
+        QTest::newRow("group may write: the test is equality") << 0775u << 1;
+        QTest::newRow("helper missing") << 0u << 1;
+    }
+
+    void permissionsSheetOncePerRun()
+    {
+        QFETCH(unsigned, mode);
+        QFETCH(int, sheets);
+        VantorPref &pane = makePane(mode);
+        pane.launchHelper();
+        pane.launchHelper();
+        QCOMPARE(m_alerts->sheets.size(), sheets);
+        QCOMPARE(m_workspace->launches.size(), mode ? 2 : 0);
+        if (mode)
+            QCOMPARE(m_workspace->launches.first().toLocalFile(),
+                     HelperIdentity::applicationPathInPane(pane.bundle()->bundlePath()) + u'/');
+        if (sheets) {
+            QCOMPARE(m_alerts->sheetWindows.first(), &m_ui->window);
+            QCOMPARE(m_alerts->sheets.first().messageText, QStringLiteral("Permissions Issue"));
+            QCOMPARE(
+                m_alerts->sheets.first().informativeText,
+                QStringLiteral("The Vantor Helper application has the wrong permissions, and will probably not run. "
+                               "Please reinstall Vantor or change the permissions manually, or contact support."));
+            QCOMPARE(m_alerts->sheets.first().buttons, QStringList{QStringLiteral("OK")});
+        }
+    }
+
+    void switchAndSelection_data()
+    {
+        QTest::addColumn<QString>("how");
+        QTest::addColumn<bool>("wasActive");
+        QTest::addColumn<bool>("helperRunning");
+        QTest::newRow("switch clicked on, no helper") << "switch" << false << false;
+        QTest::newRow("switch clicked off, helper running") << "switch" << true << true;
+        QTest::newRow("other control, on") << "other" << false << true;
+        QTest::newRow("other control, off, no helper") << "other" << true << false;
+        QTest::newRow("selected, none running, active") << "select" << true << false;
+        QTest::newRow("selected, running, inactive") << "select" << false << true;
+    }
+
+    void switchAndSelection()
+    {
+        QFETCH(QString, how);
+        QFETCH(bool, wasActive);
+        QFETCH(bool, helperRunning);
+        VantorPref &pane = makePane(0755, helperRunning);
+        VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
+        store->setHelperActive(wasActive);
+
+        NotificationRecorder recorder;
+        if (how == QLatin1String("select")) {
+            pane.didSelect();
+            QCOMPARE(m_ui->host.activations, QList<bool>{false});
+        } else {
+            pane.toggleActiveButton->setChecked(wasActive);
+            QPushButton other;
+            if (how == QLatin1String("switch"))
+                QTest::mouseClick(pane.toggleActiveButton, Qt::LeftButton);
+            else
+                pane.toggleActive(&other);
+        }
+
+        const bool active = how == QLatin1String("select") ? wasActive : !wasActive;
+        QCOMPARE(m_workspace->launches.size(), helperRunning ? 0 : 1);
+        QCOMPARE(pane.toggleActiveButton->isChecked(), active);
+        QCOMPARE(store->helperActive(), active);
+        QCOMPARE(ProcessInfo::processInfo()->suddenTerminationDisableCount(), 0);
+        recorder.settle();
+        QCOMPARE(recorder.count(QLatin1String(Notifications::Active)), active == wasActive ? 0 : 1);
+
+        // The helper it started ending later changes nothing and starts nothing.
+        if (!helperRunning) {
+            recorder.clear();
+            m_workspace->running.first()->markTerminated();
+            recorder.settle();
+            QVERIFY(recorder.names().isEmpty());
+            QCOMPARE(m_workspace->launches.size(), 1);
+            QCOMPARE(pane.toggleActiveButton->isChecked(), active);
+        }
+    }
+
+    // Entries are compared without their alias data, which is checked on its own.
+    void setWritesOnlyAChange_data()
+    {
+        QTest::addColumn<bool>("withList");
+        QTest::addColumn<QVariantList>("before");
+        QTest::addColumn<bool>("withHelper");
+        QTest::addColumn<bool>("value");
+        QTest::addColumn<QVariantList>("after");
+        QTest::addColumn<int>("changes");
+        const QVariantMap old = app(QStringLiteral("/old/place/VantorHelper.app")), helper = app(m_helper);
+        QTest::newRow("on appends after others")
+            << true << QVariantList{m_mail, m_notes} << true << true << QVariantList{m_mail, m_notes, helper} << 1;
+        QTest::newRow("off removes every helper entry") << true << QVariantList{old, m_mail, helper, m_notes} << true
+                                                        << false << QVariantList{m_mail, m_notes} << 1;
+        QTest::newRow("other name, same ending") << true << QVariantList{app(QStringLiteral("/a/NotVantorHelper.app"))}
+                                                 << true << false << QVariantList{} << 1;
+        const QVariantList others{app(QStringLiteral("/a/VantorHelper.app.bak")),
+                                  QVariantMap{{QStringLiteral("Hide"), true}}};
+        QTest::newRow("backup copy and no path are not the helper") << true << others << true << false << others << 0;
+        QTest::newRow("no helper inside: an empty entry")
+            << true << QVariantList{m_mail} << false << true << QVariantList{m_mail, QVariantMap()} << 1;
+        QTest::newRow("on already") << true << QVariantList{m_mail, helper} << true << true
+                                    << QVariantList{m_mail, helper} << 0;
+        QTest::newRow("off already") << true << QVariantList{m_mail} << true << false << QVariantList{m_mail} << 0;
+        QTest::newRow("no list stays absent") << false << QVariantList() << true << true << QVariantList() << 0;
+    }
+    void setWritesOnlyAChange()
+    {
+        QFETCH(bool, withList);
+        QFETCH(QVariantList, before);
+        QFETCH(bool, withHelper);
+        QFETCH(bool, value);
+        QFETCH(QVariantList, after);
+        QFETCH(int, changes);
+        if (withList)
+            writeList(before);
+        const auto inode = [this] {
+            struct stat st = {};
+            ::stat(QFile::encodeName(listFile()).constData(), &st);
+            return st.st_ino;
+        };
+        const ino_t was = inode();
+        VantorPref &p = makePane(withHelper ? 0755 : 0);
+        QCOMPARE(p.autorunAtLogin(), changes ? !value : value && withList);
+        QSignalSpy changed(&p, &VantorPref::autorunAtLoginChanged);
+        p.setAutorunAtLogin(value);
+        QVariantList items = list();
+        for (QVariant &item : items) {
+            QVariantMap entry = item.toMap();
+            if (entry.contains(QStringLiteral("AliasData")))
+                QCOMPARE(BDAlias(entry.take(QStringLiteral("AliasData")).toByteArray()).fullPath(),
+                         QDir(m_helper).canonicalPath());
+            item = entry;
+        }
+        QCOMPARE(items, after);
+        QCOMPARE(p.autorunAtLogin(), withList && value && withHelper);
+        QCOMPARE(QFileInfo::exists(listFile()), withList);
+        if (!withList)
+            return;
+        QCOMPARE(changed.count(), changes);
+        if (!changes) // an atomic write would have made a new file
+            QCOMPARE(inode(), was);
+    }
+
+    // Start-up leaves one fresh entry if there was one, and adds none; then the store drives it.
+    void startUpAndStoreDriveLoginItem()
+    {
+        writeList({app(QStringLiteral("/old/place/VantorHelper.app")), m_mail, app(m_helper)});
+        VantorPref &p = makePane(0755);
+        p.mainViewDidLoad();
+        const QVariantList items = list();
+        QCOMPARE(items.size(), 2);
+        QCOMPARE(items[0].toMap(), m_mail);
+        QCOMPARE(items[1].toMap().value(QStringLiteral("Path")).toString(), m_helper);
+        QVERIFY(items[1].toMap().contains(QStringLiteral("AliasData")));
+        writeList({m_mail});
+        p.regenerateAutologinItem();
+        QCOMPARE(list(), QVariantList({m_mail}));
+
+        VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
+        store->setAutorunAtLogin(true);
+        QVERIFY(p.autorunAtLogin());
+        QCOMPARE(list().size(), 2);
+        store->setAutorunAtLogin(false);
+        QCOMPARE(list(), QVariantList({m_mail}));
+        // One way only: the pane's setter leaves the store alone.
+        p.setAutorunAtLogin(true);
+        QVERIFY(!store->autorunAtLogin());
+    }
 };
-
-VantorPref &TestHelperControl::makePane(unsigned mode, bool running)
-{
-    const QString path = m_bundles.path() + QStringLiteral("/%1/Vantor.prefPane").arg(++m_bundleCount);
-    QDir().mkpath(path + QStringLiteral("/Contents/Resources"));
-    QFile::copy(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"),
-                path + QStringLiteral("/Contents/Info.plist"));
-    if (mode) {
-        const QString exe = HelperIdentity::executablePath(HelperIdentity::applicationPathInPane(path));
-        TestEnvironment::writeFile(exe, "#!/bin/sh\n");
-        ::chmod(QFile::encodeName(exe).constData(), mode);
-    }
-    if (running)
-        m_workspace->running.append(new RunningApplication(HelperIdentity::busName(), 1, &*m_workspace));
-    m_ui.emplace(path);
-    return m_ui->pane;
-}
-
-void TestHelperControl::initTestCase()
-{
-    QVERIFY(!TestEnvironment::paneBundle().isEmpty());
-    VTDefaultsController::create();
-    VTPreferenceCommunicator::create();
-}
-
-void TestHelperControl::init()
-{
-    VantorPref::forgetHelperPermissionsWarning();
-    m_workspace.emplace();
-    m_alerts.emplace();
-}
-
-void TestHelperControl::cleanup()
-{
-    m_ui.reset();
-    m_alerts.reset();
-    m_workspace.reset();
-}
-
-void TestHelperControl::permissionsSheetOncePerRun_data()
-{
-    QTest::addColumn<unsigned>("mode");
-    QTest::addColumn<int>("sheets");
-    QTest::newRow("0755") << 0755u << 0;
-    QTest::newRow("group may write: the test is equality") << 0775u << 1;
-    QTest::newRow("helper missing") << 0u << 1;
-}
-
-void TestHelperControl::permissionsSheetOncePerRun()
-{
-    QFETCH(unsigned, mode);
-    QFETCH(int, sheets);
-    VantorPref &pane = makePane(mode);
-    pane.launchHelper();
-    pane.launchHelper();
-    QCOMPARE(m_alerts->sheets.size(), sheets);
-    QCOMPARE(m_workspace->launches.size(), mode ? 2 : 0);
-    if (mode) {
-        QCOMPARE(m_workspace->launches.first().toLocalFile(),
-                 HelperIdentity::applicationPathInPane(pane.bundle()->bundlePath()) + u'/');
-        QCOMPARE(m_workspace->launchOptions.first(), Workspace::LaunchOptions(Workspace::LaunchAsync));
-    }
-    if (sheets) {
-        QCOMPARE(m_alerts->sheetWindows.first(), &m_ui->window);
-        QCOMPARE(m_alerts->sheets.first().messageText, QStringLiteral("Permissions Issue"));
-        QCOMPARE(m_alerts->sheets.first().informativeText,
-                 QStringLiteral("The Vantor Helper application has the wrong permissions, and will probably not run. "
-                                "Please reinstall Vantor or change the permissions manually, or contact support."));
-        QCOMPARE(m_alerts->sheets.first().buttons, QStringList{QStringLiteral("OK")});
-    }
-}
-
-void TestHelperControl::toggleActive_data()
-{
-    QTest::addColumn<bool>("fromSwitch");
-    QTest::addColumn<bool>("wasActive");
-    QTest::addColumn<bool>("helperRunning");
-    QTest::newRow("switch clicked on, no helper") << true << false << false;
-    QTest::newRow("switch clicked off, helper running") << true << true << true;
-    QTest::newRow("other control, on") << false << false << true;
-    QTest::newRow("other control, off, no helper") << false << true << false;
-}
-
-void TestHelperControl::toggleActive()
-{
-    QFETCH(bool, fromSwitch);
-    QFETCH(bool, wasActive);
-    QFETCH(bool, helperRunning);
-    VantorPref &pane = makePane(0755, helperRunning);
-    VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
-    store->setHelperActive(wasActive);
-    pane.toggleActiveButton->setChecked(wasActive);
-    pane.setActiveButton(wasActive, false);
-    QCOMPARE(switchX(), wasActive ? 142 : 89);
-
-    NotificationRecorder recorder;
-    if (fromSwitch) {
-        QTest::mouseClick(pane.toggleActiveButton, Qt::LeftButton);
-    } else {
-        QPushButton other;
-        pane.toggleActive(&other);
-    }
-
-    const bool active = !wasActive;
-    QCOMPARE(m_workspace->launches.size(), helperRunning ? 0 : 1);
-    QCOMPARE(pane.toggleActiveButton->isChecked(), active);
-    QCOMPARE(store->helperActive(), active);
-    QVERIFY(TestEnvironment::pythonPlist(m_env.productFolder() + QStringLiteral("/defaults.plist"))
-                .contains(active ? QStringLiteral("'active': True") : QStringLiteral("'active': False")));
-    QCOMPARE(ProcessInfo::processInfo()->suddenTerminationDisableCount(), 0);
-    QVERIFY(recorder.waitFor(QLatin1String(Notifications::Active)));
-    recorder.settle();
-    QCOMPARE(recorder.count(QLatin1String(Notifications::Active)), 1);
-
-    // The switch slides to its new place; y (from the bottom) and size do not change.
-    QTRY_COMPARE(switchX(), active ? 142 : 89);
-    const QRect frame = pane.toggleActiveButton->geometry();
-    QCOMPARE(pane.toggleActiveButton->parentWidget()->height() - frame.bottom() - 1, 86);
-    QCOMPARE(frame.size(), QSize(40, 25));
-}
-
-void TestHelperControl::didSelectLaunchesOnlyWhenNoHelperRuns_data()
-{
-    QTest::addColumn<bool>("helperRunning");
-    QTest::addColumn<bool>("active");
-    QTest::newRow("none running, active") << false << true;
-    QTest::newRow("running, inactive") << true << false;
-}
-
-void TestHelperControl::didSelectLaunchesOnlyWhenNoHelperRuns()
-{
-    QFETCH(bool, helperRunning);
-    QFETCH(bool, active);
-    VantorPref &pane = makePane(0755, helperRunning);
-    VTDefaultsController::sharedDefaultsController()->setHelperActive(active);
-
-    pane.didSelect();
-    QCOMPARE(m_ui->host.activations, QList<bool>{false});
-    QCOMPARE(m_workspace->launches.size(), helperRunning ? 0 : 1);
-    QCOMPARE(pane.toggleActiveButton->isChecked(), active);
-    // Placed at once, without sliding: 86 above the bottom of its superview, 40 by 25.
-    const int superviewHeight = pane.toggleActiveButton->parentWidget()->height();
-    QCOMPARE(pane.toggleActiveButton->geometry(), QRect(active ? 142 : 89, superviewHeight - 86 - 25, 40, 25));
-}
-
-void TestHelperControl::helperEndingChangesNothing()
-{
-    VantorPref &pane = makePane(0755);
-    VTDefaultsController::sharedDefaultsController()->setHelperActive(true);
-    pane.didSelect();
-    QCOMPARE(m_workspace->launches.size(), 1);
-
-    NotificationRecorder recorder;
-    m_workspace->running.first()->markTerminated();
-    recorder.settle();
-    QVERIFY(recorder.names().isEmpty());
-    QCOMPARE(m_workspace->launches.size(), 1);
-    QCOMPARE(pane.toggleActiveButton->isChecked(), true);
-}
 
 QTEST_MAIN(TestHelperControl)
 #include "tst_helpercontrol.moc"

@@ -5,12 +5,9 @@
 #include "TestEnvironment.h"
 #include "common/VTUtil.h"
 #include "platform/Bundle.h"
-#include "prefpane/ArrayController.h"
 #include "prefpane/HistoryArrayModel.h"
 #include "prefpane/VTHistoryController.h"
 
-#include <QApplication>
-#include <QFile>
 #include <QFileInfo>
 #include <QTest>
 
@@ -26,11 +23,8 @@ private Q_SLOTS:
         TestEnvironment::writeFile(m_env.productFolder(), "in the way");
         QVERIFY(VTHistoryController::create());
         QVERIFY(!VTHistoryController::create());
+        // The errors' texts are the store suites'.
         QCOMPARE(m_alerts.errors.size(), 2);
-        QCOMPARE(m_alerts.errors.at(0).domain, QStringLiteral("org.sqlite"));
-        QCOMPARE(m_alerts.errors.at(1).domain, QStringLiteral("com.quillfen.vantor.error"));
-        QCOMPARE(m_alerts.errors.at(1).code, 9999);
-        QCOMPARE(m_alerts.errors.at(1).localizedDescription, QStringLiteral("Failed to initialize the store"));
         VTHistoryController *controller = VTHistoryController::sharedHistoryController();
         QCOMPARE(controller->totalSavings(), quint64(0));
         QCOMPARE(controller->historyArray()->rowCount(), 0);
@@ -49,8 +43,6 @@ private Q_SLOTS:
         QVERIFY(TestEnvironment::sqlite(store, QStringLiteral(".schema ZHISTORY"))
                     .contains(QLatin1String("ZSAVINGS INTEGER NOT NULL")));
         QCOMPARE(QFileInfo(store).permissions() & 0x0077, QFileDevice::Permissions());
-        QVERIFY(!controller->folders());
-        QVERIFY(controller->folderAliases().isEmpty());
     }
 
 private:

@@ -1,5 +1,6 @@
-// The pane driven as the host drives it, on a real session bus: start-up, the settings tab,
-// the notifications it answers and the bubbles of its icon.
+// The pane driven as the host drives it, on a real session bus: the settings tab, the
+// notifications it answers, the bubbles of its icon, and the history as it shows and edits
+// it, from a real store another program writes. Start-up posts are the host suite's.
 
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
@@ -7,39 +8,69 @@
 #include "RecordingAlerts.h"
 #include "common/Notifications.h"
 #include "common/VTDefaultsController.h"
+#include "common/VTUtil.h"
+#include "gui/FolderChooser.h"
 #include "platform/DistributedNotificationCenter.h"
-#include "platform/PropertyList.h"
+#include "prefpane/ArrayController.h"
 #include "prefpane/BubbleLayer.h"
+#include "prefpane/QFTableView.h"
+#include "prefpane/VTHistoryController.h"
 
+#include <QApplication>
 #include <QCheckBox>
+#include <QDir>
+#include <QDropEvent>
 #include <QFileInfo>
 #include <QLabel>
+#include <QMimeData>
+#include <QProcess>
 #include <QPushButton>
+#include <QSignalSpy>
 #include <QTabWidget>
 #include <QTest>
+#include <QTimer>
 
 #include <optional>
+#include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// Answers like a person at the chooser would.
+class AnsweringChooser : public FolderChooser
+{
+public:
+    using FolderChooser::FolderChooser;
+    void beginSheetForDirectory(QWidget *window, const QString &directory, std::function<void(int)> done) override
+    {
+        shownOn = window;
+        startedIn = directory;
+        setFilenames(code == OK ? paths : QList<QByteArray>());
+        QTimer::singleShot(0, this, [done] { done(code); });
+    }
+
+    static inline int code = 0;
+    static inline QList<QByteArray> paths;
+    static inline QWidget *shownOn = nullptr;
+    static inline QString startedIn;
+};
+
+QMimeData *uriList(const QList<QByteArray> &paths)
+{
+    auto *mime = new QMimeData;
+    QByteArray list;
+    for (const QByteArray &path : paths)
+        list += "file://" + path.toPercentEncoding("/") + "\r\n";
+    mime->setData(QStringLiteral("text/uri-list"), list);
+    return mime;
+}
+
+} // namespace
 
 class TestVantorPref : public QObject
 {
     Q_OBJECT
-
-private Q_SLOTS:
-    void initTestCase();
-    void init();
-    void startUpAnnouncesVersionThenUpdateChoice();
-    void visibleChangePostsOnce();
-    void showHistoryBringsFirstTab();
-    void boxesGoThroughTheStore_data();
-    void boxesGoThroughTheStore();
-    void buttons();
-    void clickedIconSendsOneBubbleThatIsRemoved();
-    void interruptedBubbleStays();
-    void eachBubbleIsRemovedByItsOwnAnimation();
-    void pathGeometry_data();
-    void pathGeometry();
-    void opacityKeyFrames_data();
-    void opacityKeyFrames();
 
 private:
     VantorPref &pane() { return m_ui->pane; }
@@ -50,6 +81,7 @@ private:
         return pane().mainView()->findChild<T *>(QLatin1String(name));
     }
     QList<BubbleLayer *> bubbles() { return pane().iconLayer()->findChildren<BubbleLayer *>(); }
+    static QAbstractAnimation *fade(BubbleLayer *bubble) { return bubble->animationForKey(u"opacity"_s); }
     // A point of the layer in the icon's y-up coordinates.
     QPointF iconPoint(const QPointF &p) { return {p.x(), pane().iconLayer()->height() - p.y()}; }
 
@@ -57,226 +89,418 @@ private:
     RecordingAlerts m_alerts;
     FakeWorkspace m_workspace;
     std::optional<PaneFixture> m_ui;
-    QStringList m_startUpNames;
-    QList<QVariantMap> m_startUpInfos;
-};
+    QByteArray m_dirA, m_dirB, m_file, m_undecodable;
 
-void TestVantorPref::initTestCase()
-{
-    // Stored before the pane loads: the boxes must start from the file, not from their defaults.
-    VTDefaultsController::create();
-    store()->setVisible(false);
-    m_ui.emplace();
-    NotificationRecorder recorder;
-    pane().mainViewDidLoad();
-    recorder.settle();
-    m_startUpNames = recorder.names();
-    m_startUpInfos = recorder.userInfos();
-}
+    static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
+    QFTableView *table() { return pane().foldersTableView; }
+    QString sqlite(const QString &sql) const
+    {
+        return TestEnvironment::sqlite(m_env.productFolder() + QStringLiteral("/history.db"), sql);
+    }
 
-void TestVantorPref::init()
-{
-    pane().tabView->setCurrentWidget(child<QWidget>("settingsTab"));
-}
+    // Another program tells the pane that savings changed.
+    void refreshFromAnotherProgram()
+    {
+        QSignalSpy spy(controller(), &VTHistoryController::totalSavingsChanged);
+        TestEnvironment::postWithGdbus(QStringLiteral("vantorSavingsChanged"), QStringLiteral("{'from': <'gdbus'>}"));
+        QVERIFY(spy.wait(5000));
+    }
 
-void TestVantorPref::startUpAnnouncesVersionThenUpdateChoice()
-{
-    const QString version = Bundle::bundleWithPath(TestEnvironment::paneBundle())
-                                ->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion"))
-                                .toString();
-    QVERIFY(!version.isEmpty());
-    QCOMPARE(pane().versionNumberTextField->text(), version);
-    QCOMPARE(m_startUpNames,
-             QStringList({QStringLiteral("com.quillfen.vantor.version"), QStringLiteral("vantorHelperEnableUpdates")}));
-    QCOMPARE(m_startUpInfos.first(), QVariantMap({{QStringLiteral("version"), version}}));
-    // The first run is marked done.
-    const QVariantMap file = PropertyList::readFile(m_env.productFolder() + QStringLiteral("/defaults.plist"))->toMap();
-    QCOMPARE(file.value(QStringLiteral("firstRun")), QVariant(false));
-    QVERIFY(!store()->firstRun());
-}
-
-void TestVantorPref::visibleChangePostsOnce()
-{
-    NotificationRecorder recorder;
-    store()->setVisible(!store()->visible());
-    store()->setHelperActive(store()->helperActive());
-    store()->setAutorunAtLogin(store()->autorunAtLogin());
-    // Observed only in the pane's own context.
-    pane().observeValueForKeyPath(QStringLiteral("visible"), store(), {}, nullptr);
-    pane().observeValueForKeyPath(QStringLiteral("helperActive"), store(), {}, &pane());
-    recorder.settle();
-    QCOMPARE(recorder.names(), QStringList{QLatin1String(Notifications::Visible)});
-    store()->setVisible(!store()->visible());
-}
-
-void TestVantorPref::showHistoryBringsFirstTab()
-{
-    QVERIFY(pane().tabView->currentIndex() != 0);
-    DistributedNotificationCenter::defaultCenter()->postNotificationName(QStringLiteral("showHistory"));
-    QTRY_COMPARE(pane().tabView->currentIndex(), 0);
-}
-
-void TestVantorPref::boxesGoThroughTheStore_data()
-{
-    QTest::addColumn<QString>("box");
-    QTest::addColumn<QString>("key");
-    QTest::addColumn<QString>("property");
-    QTest::addColumn<bool>("stored"); // as the file was before the pane loaded
-    QTest::addColumn<QString>("notification"); // posted when the box is switched on
-    QTest::addColumn<QString>("offNotification");
-    QTest::newRow("visible") << "visibleCheckBox"
-                             << "visible"
-                             << "visible" << false << Notifications::Visible << Notifications::Visible;
-    QTest::newRow("checkUpdates") << "checkUpdatesCheckBox"
-                                  << "checkUpdates"
-                                  << "checkForUpdates" << true << Notifications::HelperEnableUpdates
-                                  << Notifications::HelperDisableUpdates;
-    QTest::newRow("runAtLogin") << "runAtLoginCheckBox"
-                                << "runAtLogin"
-                                << "autorunAtLogin" << true << QString() << QString();
-}
-
-void TestVantorPref::boxesGoThroughTheStore()
-{
-    QFETCH(QString, box);
-    QFETCH(QString, key);
-    QFETCH(QString, property);
-    QFETCH(bool, stored);
-    QFETCH(QString, notification);
-    QFETCH(QString, offNotification);
-    QCheckBox *checkBox = child<QCheckBox>(qPrintable(box));
-    VTDefaultsController *store = this->store();
-    QCOMPARE(store->property(qPrintable(property)).toBool(), stored); // this function leaves it so
-    QCOMPARE(checkBox->isChecked(), stored);
-
-    for (const bool on : {!stored, stored}) {
+    // What an action posts to the helper about folders: empty when nothing, a count when more than once.
+    QVariantMap postOf(const std::function<void()> &action)
+    {
+        const QString folders = QStringLiteral("com.quillfen.vantor.folders");
         NotificationRecorder recorder;
-        // On the box itself: a wide check box takes clicks only on its box and label.
-        QTest::mouseClick(checkBox, Qt::LeftButton, {}, QPoint(8, checkBox->height() / 2));
-        QCOMPARE(checkBox->isChecked(), on);
-        // In the file the helper reads, under the file's own key.
-        const QString onDisk = TestEnvironment::pythonPlist(m_env.productFolder() + QStringLiteral("/defaults.plist"));
-        QVERIFY2(
-            onDisk.contains(QStringLiteral("'%1': %2").arg(key, on ? QStringLiteral("True") : QStringLiteral("False"))),
-            qPrintable(onDisk));
+        action();
+        QTest::qWait(50);
         recorder.settle();
-        const QString expected = on ? notification : offNotification;
-        if (!expected.isEmpty())
-            QCOMPARE(recorder.count(expected), 1);
+        const int posts = recorder.count(folders);
+        if (posts == 1)
+            return recorder.userInfos().at(recorder.names().indexOf(folders));
+        return posts ? QVariantMap{{QStringLiteral("count"), posts}} : QVariantMap();
     }
 
-    // A change made elsewhere shows in the box.
-    for (const bool value : {!stored, stored}) {
-        QVERIFY(store->setProperty(qPrintable(property), value));
-        QCOMPARE(checkBox->isChecked(), value);
+private Q_SLOTS:
+    void initTestCase()
+    {
+        // Stored before the pane loads: the boxes must start from the file, not from their defaults.
+        VTDefaultsController::create();
+        store()->setVisible(false);
+        m_ui.emplace();
+        pane().mainViewDidLoad();
+        QCOMPARE(pane().versionNumberTextField->text(), u"1.0.0"_s);
+        const QByteArray base = QFile::encodeName(m_env.home());
+        m_dirA = base + "/Photos";
+        m_dirB = base + "/Música";
+        m_file = base + "/notes.txt";
+        m_undecodable = base + "/bad\xff";
+        QVERIFY(QDir().mkpath(QFile::decodeName(m_dirA)));
+        QVERIFY(QDir().mkpath(QFile::decodeName(m_dirB)));
+        TestEnvironment::writeFile(QFile::decodeName(m_file), "x");
+        QCOMPARE(::mkdir(m_undecodable.constData(), 0700), 0);
+        FolderChooser::setFactory([](QObject *parent) { return new AnsweringChooser(parent); });
     }
-}
 
-void TestVantorPref::buttons()
-{
-    NotificationRecorder recorder;
-    QTest::mouseClick(child<QPushButton>("checkNowButton"), Qt::LeftButton);
-    QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldCheckForUpdates)));
-    recorder.settle();
-    QCOMPARE(recorder.count(QLatin1String(Notifications::HelperShouldCheckForUpdates)), 1);
+    // Every case starts on the settings tab, with the same three records shown through another
+    // program's notification.
+    void init()
+    {
+        pane().tabView->setCurrentWidget(child<QWidget>("settingsTab"));
+        sqlite(QStringLiteral("DELETE FROM ZHISTORY;"));
+        controller()->updatePreviousSavings();
+        controller()->foldersArrayController()->setSelectionIndexes({});
+        sqlite(QStringLiteral("INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) VALUES "
+                              "('/home/u/Music', 40, 1000, 1), ('/home/u/Documents', 100, 2048, 1), "
+                              "('/home/u/Old', 100, 5, 0);"));
+        refreshFromAnotherProgram();
+        m_alerts.clear();
+    }
 
-    m_workspace.openedURLs.clear();
-    QTest::mouseClick(child<QPushButton>("helpButton"), Qt::LeftButton);
-    QCOMPARE(m_workspace.openedURLs, QList<QUrl>{VantorPref::faqAddress()});
-    QCOMPARE(VantorPref::faqAddress().scheme(), QStringLiteral("https"));
+    void visibleChangePostsOnce()
+    {
+        NotificationRecorder recorder;
+        store()->setVisible(!store()->visible());
+        store()->setHelperActive(store()->helperActive());
+        store()->setAutorunAtLogin(store()->autorunAtLogin());
+        // Observed only in the pane's own context.
+        pane().observeValueForKeyPath(u"visible"_s, store(), {}, nullptr);
+        pane().observeValueForKeyPath(u"helperActive"_s, store(), {}, &pane());
+        recorder.settle();
+        QCOMPARE(recorder.names(), QStringList{QLatin1String(Notifications::Visible)});
+        store()->setVisible(!store()->visible());
+    }
 
-    QTest::mouseClick(child<QPushButton>("uninstallButton"), Qt::LeftButton);
-    QVERIFY(pane().uninstallSheet->isVisible());
-    QCOMPARE(pane().uninstallSheet->parentWidget(), &m_ui->window);
-    pane().cancelSheet(nullptr);
-    QVERIFY(!pane().uninstallSheet->isVisible());
-    QVERIFY(QFileInfo::exists(TestEnvironment::paneBundle()));
-}
+    void showHistoryBringsFirstTab()
+    {
+        QVERIFY(pane().tabView->currentIndex() != 0);
+        DistributedNotificationCenter::defaultCenter()->postNotificationName(u"showHistory"_s);
+        QTRY_COMPARE(pane().tabView->currentIndex(), 0);
+    }
 
-void TestVantorPref::clickedIconSendsOneBubbleThatIsRemoved()
-{
-    QTest::mouseClick(pane().iconButton, Qt::LeftButton);
-    QCOMPARE(bubbles().size(), 1);
-    BubbleLayer *bubble = bubbles().first();
-    QCOMPARE(bubble->size(), QSize(20, 20));
-    QCOMPARE(iconPoint(bubble->position()), QPointF(100, 35));
-    QCOMPARE(bubble->presentationOpacity(), 0.0); // invisible until animated
-    QTRY_VERIFY(bubble->animationForKey(QStringLiteral("opacity")));
-    // Shown at once, not only once the fade begins.
-    QCOMPARE(bubble->presentationOpacity(), 1.0);
-    QTRY_COMPARE(bubbles().size(), 0);
-}
+    // The file's keys and the notifications of the store are the store suite's.
+    void boxesGoThroughTheStore_data()
+    {
+        QTest::addColumn<QString>("box");
+        QTest::addColumn<QString>("property");
+        QTest::addColumn<bool>("stored"); // as the file was before the pane loaded
+        QTest::addColumn<QString>("notification"); // posted when the box is switched on and off
+        QTest::newRow("visible") << "visibleCheckBox"
+                                 << "visible" << false << Notifications::Visible;
+        QTest::newRow("checkUpdates") << "checkUpdatesCheckBox"
+                                      << "checkForUpdates" << true << QString();
+        QTest::newRow("runAtLogin") << "runAtLoginCheckBox"
+                                    << "autorunAtLogin" << true << QString();
+    }
+    void boxesGoThroughTheStore()
+    {
+        QFETCH(QString, box);
+        QFETCH(QString, property);
+        QFETCH(bool, stored);
+        QFETCH(QString, notification);
+        QCheckBox *checkBox = child<QCheckBox>(qPrintable(box));
+        QCOMPARE(checkBox->isChecked(), stored); // this function leaves it so
+        for (const bool on : {!stored, stored}) {
+            NotificationRecorder recorder;
+            // On the box itself: a wide check box takes clicks only on its box and label.
+            QTest::mouseClick(checkBox, Qt::LeftButton, {}, QPoint(8, checkBox->height() / 2));
+            QCOMPARE(checkBox->isChecked(), on);
+            QCOMPARE(store()->property(qPrintable(property)).toBool(), on);
+            recorder.settle();
+            if (!notification.isEmpty())
+                QCOMPARE(recorder.count(notification), 1);
+        }
+        // A change made elsewhere shows in the box.
+        for (const bool value : {!stored, stored}) {
+            QVERIFY(store()->setProperty(qPrintable(property), value));
+            QCOMPARE(checkBox->isChecked(), value);
+        }
+    }
 
-void TestVantorPref::interruptedBubbleStays()
-{
-    pane().addBubble();
-    BubbleLayer *bubble = bubbles().first();
-    QTRY_VERIFY(bubble->animationForKey(QStringLiteral("opacity")));
-    bubble->animationForKey(QStringLiteral("opacity"))->stop();
-    QTest::qWait(400);
-    QCOMPARE(bubbles().size(), 1);
-    QCOMPARE(bubble->presentationOpacity(), 0.0);
-    bubble->removeFromSuperlayer();
-    QTRY_COMPARE(bubbles().size(), 0);
-}
+    void buttons()
+    {
+        NotificationRecorder recorder;
+        QTest::mouseClick(child<QPushButton>("checkNowButton"), Qt::LeftButton);
+        recorder.settle();
+        QCOMPARE(recorder.count(QLatin1String(Notifications::HelperShouldCheckForUpdates)), 1);
+        QTest::mouseClick(child<QPushButton>("helpButton"), Qt::LeftButton);
+        QCOMPARE(m_workspace.openedURLs, QList<QUrl>{VantorPref::faqAddress()});
+        QTest::mouseClick(child<QPushButton>("uninstallButton"), Qt::LeftButton);
+        QVERIFY(pane().uninstallSheet->isVisible());
+        pane().cancelSheet(nullptr);
+    }
 
-void TestVantorPref::eachBubbleIsRemovedByItsOwnAnimation()
-{
-    pane().addBubble();
-    pane().addBubble();
-    const QList<BubbleLayer *> both = bubbles();
-    QCOMPARE(both.size(), 2);
-    QTRY_VERIFY(both[0]->animationForKey(QStringLiteral("opacity"))
-                && both[1]->animationForKey(QStringLiteral("opacity")));
-    // The second's stop removes only the second, whatever the order.
-    pane().animationDidStop(both[1]->animationForKey(QStringLiteral("opacity")), true);
-    QCOMPARE(bubbles(), QList<BubbleLayer *>{both[0]});
-    QTRY_COMPARE(bubbles().size(), 0);
-}
+    void clickedIconSendsOneBubbleThatIsRemoved()
+    {
+        QTest::mouseClick(pane().iconButton, Qt::LeftButton);
+        QCOMPARE(bubbles().size(), 1);
+        BubbleLayer *bubble = bubbles().first();
+        QCOMPARE(bubble->size(), QSize(20, 20));
+        QCOMPARE(iconPoint(bubble->position()), QPointF(100, 35));
+        QCOMPARE(bubble->presentationOpacity(), 0.0); // invisible until animated
+        QTRY_VERIFY(fade(bubble));
+        // Shown at once, not only once the fade begins.
+        QCOMPARE(bubble->presentationOpacity(), 1.0);
+        QTRY_COMPARE(bubbles().size(), 0);
+    }
 
-void TestVantorPref::pathGeometry_data()
-{
-    QTest::addColumn<qreal>("progress");
-    QTest::addColumn<QPointF>("expected");
-    QTest::newRow("start below the centre") << 0.0 << QPointF(100, 35);
-    QTest::newRow("arc passes lower right") << 0.25 << QPointF(100 + 15 * M_SQRT1_2, 50 - 15 * M_SQRT1_2);
-    QTest::newRow("arc ends right of centre") << 0.5 << QPointF(115, 50);
-    QTest::newRow("line midway") << 0.75 << QPointF(117.5, 92.5);
-    QTest::newRow("end") << 1.0 << QPointF(120, 135);
-}
+    void eachBubbleEndsByItsOwnAnimation()
+    {
+        pane().addBubble();
+        pane().addBubble();
+        const QList<BubbleLayer *> both = bubbles();
+        QCOMPARE(both.size(), 2);
+        QTRY_VERIFY(fade(both[0]) && fade(both[1]));
+        // The second's end removes only the second, whatever the order.
+        pane().animationDidStop(fade(both[1]), true);
+        QCOMPARE(bubbles(), QList<BubbleLayer *>{both[0]});
+        // Interrupted, the first stays, faded out.
+        fade(both[0])->stop();
+        QTest::qWait(400);
+        QCOMPARE(bubbles(), QList<BubbleLayer *>{both[0]});
+        QCOMPARE(both[0]->presentationOpacity(), 0.0);
+        both[0]->removeFromSuperlayer();
+        QTRY_COMPARE(bubbles().size(), 0);
+    }
 
-void TestVantorPref::pathGeometry()
-{
-    QFETCH(qreal, progress);
-    QFETCH(QPointF, expected);
-    std::unique_ptr<QVariantAnimation> animation(pane().bubbleAnimation());
-    QCOMPARE(animation->duration(), 300);
-    const QPointF at = static_cast<PathAnimation *>(animation.get())->pointAt(progress);
-    const QPointF p = iconPoint(at);
-    // The arc is drawn as a cubic curve: a quarter circle is met to within a hundredth.
-    QVERIFY2(QLineF(p, expected).length() < 0.05, qPrintable(QStringLiteral("(%1, %2)").arg(p.x()).arg(p.y())));
-    // The whole bubble is on its layer: nothing clipped.
-    QVERIFY(QRectF(pane().iconLayer()->rect()).contains(QRectF(at - QPointF(10, 10), QSizeF(20, 20))));
-}
+    void pathAndFade_data()
+    {
+        QTest::addColumn<qreal>("progress");
+        QTest::addColumn<QPointF>("expected");
+        QTest::addColumn<qreal>("opacity");
+        QTest::newRow("start below the centre") << 0.0 << QPointF(100, 35) << 1.0;
+        QTest::newRow("arc passes lower right") << 0.25 << QPointF(100 + 15 * M_SQRT1_2, 50 - 15 * M_SQRT1_2) << 1.0;
+        QTest::newRow("arc ends right of centre") << 0.5 << QPointF(115, 50) << 1.0;
+        QTest::newRow("line midway, fade begins") << 0.75 << QPointF(117.5, 92.5) << 1.0;
+        QTest::newRow("fading") << 0.875 << QPointF(118.75, 113.75) << 0.5067;
+        QTest::newRow("end") << 1.0 << QPointF(120, 135) << 0.0;
+    }
+    void pathAndFade()
+    {
+        QFETCH(qreal, progress);
+        QFETCH(QPointF, expected);
+        QFETCH(qreal, opacity);
+        std::unique_ptr<QVariantAnimation> animation(pane().bubbleAnimation());
+        QCOMPARE(animation->duration(), 300);
+        const QPointF at = static_cast<PathAnimation *>(animation.get())->pointAt(progress);
+        const QPointF p = iconPoint(at);
+        // The arc is drawn as a cubic curve: a quarter circle is met to within a hundredth.
+        QVERIFY2(QLineF(p, expected).length() < 0.05, qPrintable(u"(%1, %2)"_s.arg(p.x()).arg(p.y())));
+        // The whole bubble is on its layer: nothing clipped.
+        QVERIFY(QRectF(pane().iconLayer()->rect()).contains(QRectF(at - QPointF(10, 10), QSizeF(20, 20))));
+        std::unique_ptr<QVariantAnimation> fading(pane().opacityAnimation());
+        fading->setCurrentTime(int(progress * 300));
+        QVERIFY(qAbs(fading->currentValue().toReal() - opacity) < 0.001);
+    }
 
-void TestVantorPref::opacityKeyFrames_data()
-{
-    QTest::addColumn<int>("ms");
-    QTest::addColumn<qreal>("opacity");
-    QTest::newRow("start") << 0 << 1.0;
-    QTest::newRow("three quarters") << 225 << 1.0;
-    QTest::newRow("fading") << 262 << 0.5067;
-    QTest::newRow("end") << 300 << 0.0;
-}
+    // Where the summary row sorts is the sort descriptor's suite.
+    void recordsFromAnotherProcess()
+    {
+        table()->sortByColumn(0, Qt::DescendingOrder); // Music, Documents, Other
+        QCOMPARE(controller()->totalSavings(), quint64(3053));
+        QCOMPARE(controller()->previousSavings(), quint64(5));
+        auto *arranged = controller()->foldersArrayController();
+        const QList<QVariantMap> rows = arranged->arrangedObjects();
+        QCOMPARE(rows.size(), 3);
+        QCOMPARE(rows.at(0).value(QStringLiteral("folder")).toString(), QStringLiteral("/home/u/Music"));
+        QCOMPARE(rows.at(0).value(QStringLiteral("savings")).toULongLong(), quint64(1000));
+        QCOMPARE(rows.last(), controller()->historyEntryForSavings(5));
+        // The summary row is disabled and cannot be selected; folder rows can.
+        QCOMPARE(arranged->flags(arranged->index(2, 0)) & (Qt::ItemIsSelectable | Qt::ItemIsEnabled), Qt::NoItemFlags);
 
-void TestVantorPref::opacityKeyFrames()
-{
-    QFETCH(int, ms);
-    QFETCH(qreal, opacity);
-    std::unique_ptr<QVariantAnimation> animation(pane().opacityAnimation());
-    animation->setCurrentTime(ms);
-    QVERIFY(qAbs(animation->currentValue().toReal() - opacity) < 0.001);
-}
+        // The selection survives a refresh that keeps the count.
+        arranged->setSelectionIndexes({1});
+        // -1 as stored is 2^64 - 1: with the other 1005 bytes the total wraps to 1004.
+        sqlite(QStringLiteral("UPDATE ZHISTORY SET ZSAVINGS = -1 WHERE ZFOLDER = '/home/u/Documents';"));
+        refreshFromAnotherProgram();
+        QCOMPARE(controller()->totalSavings(), quint64(1004));
+        QCOMPARE(arranged->selectionIndexes(), QList<int>{1});
+
+        // The summary row goes: the count changes and the selection is not restored.
+        sqlite(QStringLiteral("UPDATE ZHISTORY SET ZSAVINGS = 0 WHERE ZENABLED = 0;"));
+        refreshFromAnotherProgram();
+        QCOMPARE(arranged->rowCount(), 2);
+        QVERIFY(arranged->selectionIndexes().isEmpty());
+        // With no previous savings the last row is an ordinary, selectable row.
+        QVERIFY(arranged->flags(arranged->index(1, 0)) & Qt::ItemIsSelectable);
+    }
+
+    void addFolders_data()
+    {
+        QTest::addColumn<QStringList>("paths");
+        QTest::addColumn<QStringList>("posted"); // empty: nothing posted
+        QTest::addColumn<int>("sheets");
+        QTest::newRow("empty") << QStringList() << QStringList() << 0;
+        QTest::newRow("only volumes") << QStringList{QStringLiteral("/Volumes/Disk/a"), QStringLiteral("/Volumes/B")}
+                                      << QStringList() << 1;
+        QTest::newRow("mix keeps order and duplicates")
+            << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/Volumes/Disk/x"), QStringLiteral("/home/u/a"),
+                           QStringLiteral("/home/u/b"), QStringLiteral("/Volumes")}
+            << QStringList{QStringLiteral("/home/u/b"), QStringLiteral("/home/u/a"), QStringLiteral("/home/u/b"),
+                           QStringLiteral("/Volumes")}
+            << 1;
+        QTest::newRow("case-sensitive prefix")
+            << QStringList{QStringLiteral("/volumes/x")} << QStringList{QStringLiteral("/volumes/x")} << 0;
+    }
+    void addFolders()
+    {
+        QFETCH(QStringList, paths);
+        QFETCH(QStringList, posted);
+        QFETCH(int, sheets);
+        const QVariantMap post = postOf([&] {
+            controller()->addFolders(paths);
+            QVERIFY(m_alerts.sheets.isEmpty()); // the sheet comes a moment later
+        });
+        QCOMPARE(m_alerts.sheets.size(), sheets);
+        if (sheets) {
+            QCOMPARE(m_alerts.sheets.first().messageText, QStringLiteral("Filtered out folders"));
+            QCOMPARE(m_alerts.sheets.first().informativeText,
+                     QStringLiteral("Some of the folders you tried to add, were located in volumes different than "
+                                    "main, and were removed."));
+        }
+        QCOMPARE(post.value(QStringLiteral("foldersToAdd")).toStringList(), posted);
+    }
+
+    void drops_data()
+    {
+        QTest::addColumn<QList<QByteArray>>("paths");
+        QTest::addColumn<int>("validated"); // Qt::DropAction
+        QTest::addColumn<bool>("accepted");
+        QTest::addColumn<QStringList>("added");
+
+        QTest::newRow("two folders and a file")
+            << QList<QByteArray>{m_dirA, m_file, m_dirB} << int(Qt::CopyAction) << true
+            << QStringList{QFile::decodeName(m_dirA), QFile::decodeName(m_dirB)};
+        QTest::newRow("a file and a missing folder")
+            << QList<QByteArray>{m_file, m_dirA + "-gone"} << int(Qt::IgnoreAction) << false << QStringList();
+        QTest::newRow("no file paths") << QList<QByteArray>() << int(Qt::IgnoreAction) << false << QStringList();
+        // The drop happens, so the refusal can be told.
+        QTest::newRow("path not UTF-8") << QList<QByteArray>{m_undecodable} << int(Qt::CopyAction) << false
+                                        << QStringList();
+        QTest::newRow("UTF-8 folder kept beside it") << QList<QByteArray>{m_undecodable, m_dirB} << int(Qt::CopyAction)
+                                                     << true << QStringList{QFile::decodeName(m_dirB)};
+    }
+    void drops()
+    {
+        QFETCH(QList<QByteArray>, paths);
+        QFETCH(int, validated);
+        QFETCH(bool, accepted);
+        QFETCH(QStringList, added);
+        std::unique_ptr<QMimeData> mime(uriList(paths));
+        if (paths.isEmpty())
+            mime->setText(QStringLiteral("just text"));
+        if (paths.contains(m_undecodable))
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("path is not valid UTF-8")));
+
+        // Proposed between the second and third rows.
+        QDragMoveEvent move(QPoint(10, 10), Qt::CopyAction | Qt::MoveAction, mime.get(), Qt::LeftButton, {});
+        table()->setDropRow(2, QFTableViewDataSource::DropAbove);
+        QCOMPARE(int(pane().tableViewValidateDrop(table(), &move, 2, QFTableViewDataSource::DropAbove)), validated);
+        if (validated != Qt::IgnoreAction) {
+            QCOMPARE(table()->dropRow(), -1);
+            QCOMPARE(table()->dropOperation(), QFTableViewDataSource::DropOn);
+        }
+
+        QDropEvent drop(QPointF(10, 10), Qt::CopyAction, mime.get(), Qt::LeftButton, {});
+        bool result = false;
+        const QVariantMap posted = postOf([&] { result = pane().tableViewAcceptDrop(table(), &drop, 2, {}); });
+        QCOMPARE(result, accepted);
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
+    }
+
+    void deleteKeys_data()
+    {
+        QTest::addColumn<QList<int>>("selected");
+        QTest::addColumn<int>("key");
+        QTest::addColumn<int>("modifiers");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("beeps");
+        QTest::addColumn<QStringList>("removed");
+        const QString music = QStringLiteral("/home/u/Music"), documents = QStringLiteral("/home/u/Documents");
+        QTest::newRow("nothing selected") << QList<int>() << int(Qt::Key_Delete) << 0 << "\x7f" << 1 << QStringList();
+        // Sorted by name, so the arranged order is not the stored one.
+        QTest::newRow("both selected") << QList<int>{0, 1} << int(Qt::Key_Delete) << 0 << "\x7f" << 0
+                                       << QStringList{documents, music};
+        QTest::newRow("backspace") << QList<int>{1} << int(Qt::Key_Backspace) << 0 << "\b" << 0 << QStringList{music};
+        // With modifiers the text may be empty: the key decides.
+        QTest::newRow("modified, empty text")
+            << QList<int>{1} << int(Qt::Key_Backspace) << int(Qt::ControlModifier | Qt::ShiftModifier) << "" << 0
+            << QStringList{music};
+        QTest::newRow("other key") << QList<int>{1} << int(Qt::Key_A) << 0 << "a" << 0 << QStringList();
+        QTest::newRow("remove button") << QList<int>{0} << -1 << 0 << "" << 0 << QStringList{documents};
+        QTest::newRow("no key, empty text") << QList<int>{1} << 0 << 0 << "" << 0 << QStringList();
+    }
+    void deleteKeys()
+    {
+        QFETCH(QList<int>, selected);
+        QFETCH(int, key);
+        QFETCH(int, modifiers);
+        QFETCH(QString, text);
+        QFETCH(int, beeps);
+        QFETCH(QStringList, removed);
+        table()->sortByColumn(0, Qt::AscendingOrder);
+        controller()->foldersArrayController()->setSelectionIndexes(selected);
+        auto *button = child<QPushButton>("removeFolderButton");
+        const QVariantMap posted = postOf([&] {
+            if (key < 0) {
+                button->click();
+            } else {
+                QKeyEvent event(QEvent::KeyPress, key, Qt::KeyboardModifiers(modifiers), text);
+                QApplication::sendEvent(table(), &event);
+            }
+        });
+        QCOMPARE(m_alerts.beeps, beeps);
+        QCOMPARE(posted.value(QStringLiteral("foldersToRemove")).toStringList(), removed);
+        if (!removed.isEmpty())
+            QVERIFY(controller()->foldersArrayController()->selectionIndexes().isEmpty());
+        QCOMPARE(table()->model()->rowCount(), 3); // rows stay until the helper has acted
+    }
+
+    void chooser_data()
+    {
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QList<QByteArray>>("chosen");
+        QTest::addColumn<QStringList>("added");
+        QTest::newRow("cancelled") << 0 << QList<QByteArray>{m_dirA} << QStringList();
+        QTest::newRow("two, duplicates kept")
+            << 1 << QList<QByteArray>{m_dirB, m_dirA, m_dirB}
+            << QStringList{QFile::decodeName(m_dirB), QFile::decodeName(m_dirA), QFile::decodeName(m_dirB)};
+        QTest::newRow("path not UTF-8 refused") << 1 << QList<QByteArray>{m_undecodable} << QStringList();
+    }
+    void chooser()
+    {
+        QFETCH(int, code);
+        QFETCH(QList<QByteArray>, chosen);
+        QFETCH(QStringList, added);
+        AnsweringChooser::code = code;
+        AnsweringChooser::paths = chosen;
+        if (chosen.contains(m_undecodable))
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("path is not valid UTF-8")));
+        auto *button = child<QPushButton>("addFolderButton");
+        const QVariantMap posted = postOf([button] { button->click(); });
+        QCOMPARE(AnsweringChooser::shownOn, table()->window());
+        QCOMPARE(AnsweringChooser::startedIn, QDir::homePath());
+        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), added);
+    }
+    // A damaged store is replaced (the damaged-history suite); a busy one is not damaged.
+    void storeAnotherProcessIsWritingIsKept()
+    {
+        // Beside the controller's store, which stays open.
+        const QString path = m_env.productFolder() + QStringLiteral("/other.db");
+        TestEnvironment::sqlite(path, QStringLiteral("CREATE TABLE t(x);"));
+        QProcess writer;
+        writer.start(
+            QStringLiteral("python3"),
+            {QStringLiteral("-c"),
+             QStringLiteral("import sqlite3, sys, time; c = sqlite3.connect(sys.argv[1], isolation_level=None); "
+                            "c.execute('BEGIN EXCLUSIVE'); print(flush=True); time.sleep(1); c.execute('COMMIT')"),
+             path});
+        QVERIFY(writer.waitForReadyRead(10000));
+        QVERIFY(VTUtil::ensureIntegrityOfDatabaseAtPath(path));
+        QVERIFY(m_alerts.modals.isEmpty());
+        QVERIFY(QFileInfo::exists(path));
+        writer.waitForFinished();
+    }
+};
 
 QTEST_MAIN(TestVantorPref)
 #include "tst_vantorpref.moc"

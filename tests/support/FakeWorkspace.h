@@ -1,30 +1,42 @@
 #pragma once
 
-#include "platform/Workspace.h"
 #include "common/HelperIdentity.h"
+#include "platform/RunningApplication.h"
+#include "platform/Workspace.h"
 
 #include <QObject>
-#include <QSet>
-
-class RunningApplication;
 
 // A workspace that starts nothing: it records launches and reports as running whatever the
-// test says, or what it "launched".
+// test says, or the helper it "launched". Installs itself as the shared one for its lifetime.
 class FakeWorkspace : public QObject, public Workspace
 {
-    Q_OBJECT
 public:
-    FakeWorkspace();
-    ~FakeWorkspace() override;
+    FakeWorkspace() { Workspace::setShared(this); }
+    ~FakeWorkspace() override { Workspace::setShared(nullptr); }
 
-    RunningApplication *launchApplicationAtURL(const QUrl &url, LaunchOptions options, QString *error) override;
-    QList<RunningApplication *> runningApplicationsWithBundleIdentifier(const QString &bundleIdentifier) override;
-    bool openURL(const QUrl &url) override;
+    RunningApplication *launchApplicationAtURL(const QUrl &url, LaunchOptions, QString *) override
+    {
+        launches.append(url);
+        auto *app = new RunningApplication(HelperIdentity::bundleIdentifier(), 40000 + pid_t(launches.size()), this);
+        running.append(app);
+        return app;
+    }
+    QList<RunningApplication *> runningApplicationsWithBundleIdentifier(const QString &bundleIdentifier) override
+    {
+        QList<RunningApplication *> result;
+        for (RunningApplication *app : std::as_const(running)) {
+            if (app->bundleIdentifier() == bundleIdentifier && !app->isTerminated())
+                result.append(app);
+        }
+        return result;
+    }
+    bool openURL(const QUrl &url) override
+    {
+        openedURLs.append(url);
+        return true;
+    }
 
-    // The identifier a launch registers as running (one fake application per launch).
-    QString launchedIdentifier = HelperIdentity::bundleIdentifier();
     QList<QUrl> launches;
-    QList<Workspace::LaunchOptions> launchOptions;
     QList<QUrl> openedURLs;
     QList<RunningApplication *> running;
 };
