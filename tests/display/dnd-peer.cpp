@@ -15,8 +15,7 @@ namespace {
 
 void report(const QByteArray &line)
 {
-    std::fputs(line.constData(), stdout);
-    std::fputc('\n', stdout);
+    std::puts(line.constData());
     std::fflush(stdout);
 }
 
@@ -76,15 +75,11 @@ int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
     const QStringList args = app.arguments();
-    if (args.size() < 5) {
-        std::fputs("usage: dnd-peer <x> <y> <width> <height> [path...]\n", stderr);
-        return 2;
-    }
     QList<QUrl> urls;
     for (const QString &path : args.mid(5))
         urls.append(QUrl::fromLocalFile(path));
     Peer peer(urls);
-    peer.setGeometry(args[1].toInt(), args[2].toInt(), args[3].toInt(), args[4].toInt());
+    peer.setGeometry(args.value(1).toInt(), args.value(2).toInt(), args.value(3).toInt(), args.value(4).toInt());
     peer.show();
     return app.exec();
 }

@@ -1,10 +1,14 @@
 #pragma once
 
 #include <QByteArray>
+#include <QCoreApplication>
+#include <QDBusConnection>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 
 // Reads a fuzzer's input as a stream of choices; past its end every read gives zeros.
 class FuzzInput
@@ -30,6 +34,16 @@ public:
         QByteArray out(reinterpret_cast<const char *>(m_data + m_pos), qsizetype(n));
         m_pos += n;
         return out;
+    }
+
+    // For the fuzzers that talk over the bus: the application, on the session bus it must have.
+    static void startOnSessionBus(int *argc, char ***argv)
+    {
+        static QCoreApplication app(*argc, *argv);
+        if (!QDBusConnection::sessionBus().isConnected()) {
+            std::fprintf(stderr, "%s needs a session bus (run it under dbus-run-session)\n", **argv);
+            std::exit(1);
+        }
     }
 
 private:
