@@ -128,7 +128,8 @@ QString key(FuzzInput &in)
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
     // The store and everything else the helper keeps go into a home of our own.
-    g_root = (new QTemporaryDir)->path();
+    static QTemporaryDir root;
+    g_root = root.path();
     for (const char *folder : kFolders)
         QDir().mkpath(g_root + u'/' + QString::fromUtf8(folder));
     QDir().mkpath(g_root + QStringLiteral("/home/.local/share"));
