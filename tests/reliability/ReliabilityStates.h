@@ -4,32 +4,18 @@
 #include <QVariantList>
 #include <QVariantMap>
 
-#include <bit>
-
 // The contents the reliability writer steps through, shared with the tests so a test can
 // say which steps a file may hold.
 namespace ReliabilityStates {
 
-inline constexpr const char *kSettingKeys[] = {"active", "runAtLogin", "checkUpdates", "visible"};
-
-// Step n holds the Gray code of n in the four settings: one setting changes per step.
-inline unsigned grayCode(qint64 step)
-{
-    return unsigned((step ^ (step >> 1)) & 15);
-}
-
-inline int settingChangedAt(qint64 step)
-{
-    const unsigned diff = grayCode(step) ^ grayCode(step - 1);
-    return diff ? std::countr_zero(diff) : 0; // the code wraps at 16 steps without a change
-}
-
+// Step n's settings: the step's number, written together with a setting that changes at
+// every step, so each step is one write through the store's setter.
 inline QVariantMap settingsAt(qint64 step)
 {
-    QVariantMap map{{QStringLiteral("firstRun"), false}, {QStringLiteral("folderAliases"), QVariantList()}};
-    for (int bit = 0; bit < 4; ++bit)
-        map.insert(QLatin1String(kSettingKeys[bit]), bool(grayCode(step) & (1u << bit)));
-    return map;
+    return {{QStringLiteral("firstRun"), false},
+            {QStringLiteral("folderAliases"), QVariantList()},
+            {QStringLiteral("step"), step},
+            {QStringLiteral("visible"), step % 2 == 1}};
 }
 
 // Step n's login list: one to three entries that name the step.
