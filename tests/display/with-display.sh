@@ -7,5 +7,5 @@ set -euo pipefail
 exec 3< <(exec Xvfb -displayfd 1 -screen 0 1024x600x24 -nolisten tcp -noreset 2>/dev/null)
 server=$!
 trap 'kill "$server" 2>/dev/null || true' EXIT
-read -r -t 10 -u 3 display || { echo "with-display.sh: Xvfb gave no display within 10 s" >&2; exit 1; }
+read -r -t 10 -u 3 display || { echo "with-display.sh: Xvfb did not start (no display within 10 s)" >&2; exit 1; }
 DISPLAY=":$display" "$@"
