@@ -37,7 +37,7 @@ QString pathOfLength(const QString &base, qsizetype bytes)
 {
     QString path = base;
     while (QFile::encodeName(path).size() < bytes - 250)
-        path += u"/Tiefe Ordner Ωμέγα 日本語"_s.repeated(5); // five more folders
+        path += u'/' + u"Tiefe Ordner Ωμέγα 日本語 "_s.repeated(6).trimmed(); // 203 bytes
     return path + u'/' + QString(bytes - QFile::encodeName(path).size() - 1, u'x');
 }
 
