@@ -14,7 +14,6 @@
 #include "common/Notifications.h"
 #include "helper/SavingsModel.h"
 
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QSet>
@@ -57,62 +56,6 @@ QString path(FuzzInput &in)
     default:
         return QString();
     }
-}
-
-QStringList paths(FuzzInput &in, int count)
-{
-    QStringList list;
-    for (int i = count; i > 0; --i)
-        list.append(path(in));
-    return list;
-}
-
-QVariant value(FuzzInput &in, int depth);
-
-QVariant values(FuzzInput &in, int depth)
-{
-    QVariantList list;
-    for (int i = in.byte() % 6; i > 0; --i)
-        list.append(value(in, depth + 1));
-    return list;
-}
-
-QVariant map(FuzzInput &in, int depth)
-{
-    QVariantMap map;
-    for (int i = in.byte() % 4; i > 0; --i) {
-        const QString key = path(in); // read before the value, whichever order a compiler takes
-        map.insert(key, value(in, depth + 1));
-    }
-    return map;
-}
-
-QVariant value(FuzzInput &in, int depth)
-{
-    using Make = QVariant (*)(FuzzInput &, int);
-    static constexpr Make kinds[] = {
-        [](FuzzInput &in, int) { return QVariant(paths(in, in.byte() % 6)); },
-        [](FuzzInput &in, int) { return QVariant(paths(in, in.byte() % 6)); },
-        [](FuzzInput &in, int) { return QVariant(path(in)); }, // one path, not in an array
-        [](FuzzInput &in, int) { return QVariant(int(in.byte())); },
-        [](FuzzInput &in, int) { return QVariant(bool(in.byte() & 1)); },
-        [](FuzzInput &in, int) { return QVariant(in.bytes(in.byte() % 32)); },
-        [](FuzzInput &in, int) { return QVariant(QDateTime::fromSecsSinceEpoch(in.byte())); },
-        [](FuzzInput &, int) { return QVariant(0.5); },
-        [](FuzzInput &, int) { return QVariant(); },
-        // Containers stop at a depth no pane would send.
-        values,
-        map,
-        [](FuzzInput &in, int) {
-            // Huge: one path, or a few, 20,000 times.
-            const QStringList few = paths(in, in.byte() % 3 + 1);
-            QStringList list;
-            for (int i = 0; i < 20000; ++i)
-                list.append(few.at(i % few.size()));
-            return QVariant(list);
-        },
-    };
-    return kinds[in.byte() % (depth > 3 ? 9 : 12)](in, depth);
 }
 
 QString key(FuzzInput &in)
@@ -160,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     QVariantMap userInfo;
     for (int i = in.byte() % 4; i > 0; --i) {
         const QString name = key(in); // read before the value, whichever order a compiler takes
-        userInfo.insert(name, value(in, 0));
+        userInfo.insert(name, in.value(path));
     }
     g_requests->handle(userInfo);
     QCoreApplication::processEvents();
