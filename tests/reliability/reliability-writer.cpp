@@ -1,13 +1,6 @@
-// The other side of the reliability tests: a process that writes what the pane reads, and
-// that the tests kill at any moment.
-//
-//   reliability-writer settings FROM        steps the settings through the store's setters
-//   reliability-writer login FROM           rewrites the login-item list
-//   reliability-writer history DB SECONDS   moves savings between records, one move a transaction
-//   reliability-writer flood DB COUNT MS    posts COUNT "vantorSavingsChanged" within MS milliseconds
-//
-// "settings" and "login" print "w N" before and "d N" after the write of step N, unbuffered,
-// so the killer knows which steps may be on disk.
+// Writes what the pane reads, for the reliability tests to kill at any moment or to read
+// alongside. "settings" and "login" print "w N" before and "d N" after writing step N,
+// unbuffered, so the killer knows which steps may be on disk.
 #include "platform/DistributedNotificationCenter.h"
 #include "common/Notifications.h"
 #include "platform/PreferencesDomain.h"
@@ -105,10 +98,8 @@ int history(const QString &path, int seconds)
     clock.start();
     qint64 moves = 0;
     while (clock.elapsed() < seconds * 1000) {
-        // Savings move from one record to another and a record leaves or rejoins the list: the
-        // grand total never changes while the split between rows and summary row does. One
-        // move a transaction, as fast as the store takes them, so commits land in the middle of
-        // the pane's refreshes; a notification every 50.
+        // The grand total never changes while the split between rows and summary row does;
+        // commits land in the middle of the pane's refreshes.
         const QString move =
             QStringLiteral("BEGIN IMMEDIATE; UPDATE ZHISTORY SET ZSAVINGS = ZSAVINGS - %3 WHERE Z_PK = %1;"
                            "UPDATE ZHISTORY SET ZSAVINGS = ZSAVINGS + %3 WHERE Z_PK = %2;"

@@ -1,6 +1,5 @@
 // The pane's history controller reading while another process writes the store: every
-// refresh is one consistent picture, no error reaches the user, and a flood of notifications
-// (10,000 in one second) leaves the window painting and ends showing the final figures.
+// refresh adds up, and a flood of notifications leaves the window painting.
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
 #include "platform/Bundle.h"
@@ -16,15 +15,6 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-VTHistoryController *controller()
-{
-    return VTHistoryController::sharedHistoryController();
-}
-
-} // namespace
-
 class TestHistoryUnderLoad : public QObject
 {
     Q_OBJECT
@@ -37,6 +27,7 @@ private Q_SLOTS:
     void floodKeepsTheWindowPainting();
 
 private:
+    static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
     QString storePath() const { return m_env.productFolder() + u"/history.db"_s; }
     QString sqlite(const QString &sql) const { return TestEnvironment::sqlite(storePath(), sql); }
     // What the table shows adds up: rows (summary row included) make the total.
@@ -123,8 +114,7 @@ void TestHistoryUnderLoad::refreshesWhileTheWriterWrites()
 
 void TestHistoryUnderLoad::floodKeepsTheWindowPainting()
 {
-    // An animation's worth of repaints: a frame is asked for every 10 ms, and the longest wait
-    // for the next turn of the loop that paints is measured.
+    // A frame asked for every 10 ms; the longest wait for the loop that paints is measured.
     QElapsedTimer sinceLastFrame;
     qint64 longestGap = 0;
     QTimer animation;
@@ -146,8 +136,7 @@ void TestHistoryUnderLoad::floodKeepsTheWindowPainting()
     QCOMPARE(inconsistency(total), QString());
     // Notifications that arrive while a refresh is queued share it (about 80 refreshes here).
     QVERIFY2(refreshed.count() < 2000, qPrintable(QString::number(refreshed.count())));
-    // A generous bound that holds on a loaded machine and under the sanitizers; the README
-    // gives the measured figure.
+    // Generous, for a loaded machine and the sanitizers; the README gives the measured figure.
     QVERIFY2(longestGap < 1000, qPrintable(QString::number(longestGap)));
 }
 
