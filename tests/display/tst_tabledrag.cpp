@@ -175,8 +175,6 @@ private Q_SLOTS:
         QCOMPARE(rowCount(), 3);
     }
 
-    // Where a drop lands, and refusals (files only, missing folders), are rows of
-    // tst_folderediting::drops.
     void dropsFromAnotherApplication()
     {
         const QStringList dragged{m_env.home() + u"/New A"_s, m_env.home() + u"/notes.txt"_s,

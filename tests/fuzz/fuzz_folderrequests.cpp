@@ -1,9 +1,6 @@
-// The helper's handling of "com.quillfen.vantor.folders", fed payloads no pane would send:
-// wrong types, missing and near-miss keys, huge arrays, and paths with embedded NULs,
-// invalid UTF-16, thousands of characters or ".." that leads anywhere. It runs on a real
-// store in a temporary home and a real compression engine whose worker is kept inactive,
-// so nothing on this machine is ever rewritten. Whatever comes, the helper must keep one
-// record per folder.
+// The helper's handling of "com.quillfen.vantor.folders", fed payloads no pane would send, on
+// a real store in a temporary home and an engine kept inactive, so nothing on this machine is
+// rewritten. Whatever comes, the helper must keep one record per folder.
 #include "helper/CompressionEngine.h"
 #include "helper/FolderWatch.h"
 #include "helper/SettleQueue.h"

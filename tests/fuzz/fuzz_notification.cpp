@@ -1,8 +1,6 @@
-// Any program of the user can post on the session bus, with any payload. Each input is
-// turned into one "Post" signal (a name of the vocabulary and a dictionary of D-Bus values
-// of every type, nested, empty or huge, sometimes under the wrong signature), sent over the
-// real bus to this process and delivered to the handlers. Whatever arrives must be plain
-// property-list values, as the handlers are promised.
+// Any program of the user can post on the session bus, with any payload: each input is one
+// "Post" signal sent over the real bus to this process. Whatever reaches the handlers must be
+// plain property-list values, as they are promised.
 #include "platform/DistributedNotificationCenter.h"
 #include "FuzzInput.h"
 #include "common/Notifications.h"

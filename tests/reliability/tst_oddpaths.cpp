@@ -95,16 +95,15 @@ void TestOddPaths::travelsUnchanged_data()
     QTest::addColumn<QString>("name");
 
     // Also no forged line in the helper's log.
-    QTest::newRow("newline") << u"two\nlines\n2026-01-01T00:00:00.000 1 forged"_s;
+    QTest::newRow("newline and control characters")
+        << u"two\nlines\n2026-01-01T00:00:00.000 1 forged\ttab \x1b[0m \x7f"_s;
     QTest::newRow("spaces") << u"  spaced  out  "_s;
     QTest::newRow("quotes and backslash") << QStringLiteral("it's \"quoted\" back\\slash\\");
     QTest::newRow("composed accent") << u"Música"_s;
     // The same word, other bytes: nothing on the way may normalise it.
     QTest::newRow("decomposed accent") << u"Mu\u0301sica"_s;
     QTest::newRow("CJK and outside the BMP") << u"日本語のフォルダ \U0001F4C1 Ordner \U0001D11E"_s;
-    QTest::newRow("URL characters") << u"100% #1 ?a=b&c;d %41"_s;
-    QTest::newRow("control characters") << u"tab\there \x1b[0m \x7f"_s;
-    QTest::newRow("shell and glob") << u"$HOME `x` *?[a] {b,c} ~ -rf"_s;
+    QTest::newRow("URL, shell and glob characters") << u"100% #1 ?a=b&c;d %41 $HOME `x` *?[a] {b,c} ~ -rf"_s;
     QTest::newRow("dots") << u"..."_s;
     // The kernel's own mark of an unlinked item is a legal name too.
     QTest::newRow("looks deleted") << u"notes (deleted)"_s;
@@ -137,9 +136,6 @@ void TestOddPaths::travelsUnchanged()
     QTRY_VERIFY_WITH_TIMEOUT(rowOf(folder) >= 0, 30000);
     const int row = rowOf(folder);
     QCOMPARE(controller()->foldersArrayController()->arrangedObjects().at(row).value(u"path"_s).toString(), folder);
-    // Its cells draw it.
-    table()->scrollTo(table()->model()->index(row, 0));
-    QVERIFY(!m_fixture.window.grab().isNull());
 
     // The record's alias leads to the folder by its names, as an ordinary user's does.
     const QByteArray alias = QByteArray::fromHex(sqlite(u"SELECT hex(ZFOLDERALIAS)"_s + where).toLatin1());
