@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""What a screen reader hears: the host with the pane on this test's own X display, read over
-AT-SPI as Orca reads it. Every control must give its name and its present value. Runs under
-with-display.sh and dbus-run-session (the accessibility bus is started on demand)."""
+"""What a screen reader hears over AT-SPI from the host with the pane: every control gives its
+name and its present value. Runs under with-display.sh and dbus-run-session."""
 import json, os, plistlib, shutil, sqlite3, subprocess, sys, tempfile, time
 import pyatspi
 

@@ -1,6 +1,5 @@
-// Another application on the same display, as a file manager would be: its window drags the
-// paths it was given as file URLs when pressed, and takes any drop of URLs. It reports on
-// standard output, one line each: "ready", "dropped <url> <url>..." and "result copy|other".
+// A file manager on the same display: drags the paths it was given as URLs when pressed, takes
+// any drop of URLs, and prints "ready", "dropped <url>..." and "result copy|other" lines.
 #include <QApplication>
 #include <QDrag>
 #include <QDropEvent>

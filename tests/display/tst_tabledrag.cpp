@@ -1,5 +1,4 @@
-// Real drags on a real X display: the pointer is moved by the X server's test extension
-// (xdotool), between the pane's table and another application, as a person would.
+// Real drags on a real X display, the pointer moved by xdotool between the table and another application.
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
 #include "PaneFixture.h"
@@ -47,8 +46,7 @@ private:
     QFTableViewDataSource *m_pane;
 };
 
-// The other application (dnd-peer): a drag source of the paths it is given and a drop target,
-// in the display's top left corner, ended with this object.
+// The other application (dnd-peer) in the display's top left corner, ended with this object.
 class Peer
 {
 public:
@@ -75,8 +73,7 @@ private:
     QProcess m_process;
 };
 
-// Drives the real pointer: press at the first point, pass through the others in steps (so both
-// applications see it travel), release at the last. This process handles its events meanwhile.
+// Press at the first point, pass through the others in steps both applications see, release at the last.
 bool playGesture(const QList<QPoint> &points)
 {
     QStringList arguments;

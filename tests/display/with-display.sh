@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# with-display.sh <command...>: runs the command on an X server of its own. The server picks
-# a free display itself, so suites running side by side never take the same one.
+# with-display.sh <command...>: runs the command on an X server of its own, on a free display it picks.
 set -euo pipefail
 # -noreset: by default the server resets whenever its last client leaves, and refuses the
 # next one while it does (a probe, the accessibility registry and the program come in turns).

@@ -43,8 +43,7 @@ public:
 
     using Text = QString (*)(FuzzInput &);
 
-    // A value as any program may put on the bus, its strings made by `text`: numbers of every
-    // width, arrays (now and then one value 20,000 times), dictionaries, nested variants.
+    // Any value a program may put on the bus (now and then one value 20,000 times), strings by `text`.
     QVariant value(Text text, int depth = 0)
     {
         using Make = QVariant (*)(FuzzInput &, Text, int);
@@ -62,8 +61,7 @@ public:
             },
             [](FuzzInput &, Text, int) { return QVariant::fromValue(QDBusSignature(QStringLiteral("a{sv}"))); },
             [](FuzzInput &in, Text, int) { return QVariant(in.bytes(in.byte() * 4)); },
-            // Containers stop at a depth D-Bus still carries (32 at most; libdbus crashes when a
-            // sender goes deeper).
+            // Containers stop well within D-Bus's 32 levels (libdbus crashes when a sender goes deeper).
             [](FuzzInput &in, Text text, int depth) {
                 const uint8_t n = in.byte();
                 QVariantList list;

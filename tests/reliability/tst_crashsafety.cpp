@@ -1,6 +1,5 @@
-// The settings and the login-item list are written by a process that can die at any moment.
-// A writer is killed (SIGKILL) at random moments, over and over, and after every kill the
-// file must parse and hold either the settings before the interrupted write or after it.
+// A writer of the settings or the login list is killed at random moments, over and over: after
+// every kill the file must parse and hold the contents before the interrupted write or after.
 #include "platform/PreferencesDomain.h"
 #include "platform/PropertyList.h"
 #include "ReliabilityStates.h"

@@ -31,8 +31,7 @@ namespace {
 
 const QString kFolders = u"com.quillfen.vantor.folders"_s;
 
-// Nested folders below base whose full path is exactly bytes long, every name under the
-// 255-byte limit and mixing one-, two- and three-byte characters.
+// A path of exactly `bytes` bytes, its names of one- to three-byte characters under 255 bytes each.
 QString pathOfLength(const QString &base, qsizetype bytes)
 {
     QString path = base;
