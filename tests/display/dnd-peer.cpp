@@ -1,6 +1,5 @@
-// Another application on the same display, as a file manager would be: its window drags the
-// paths it was given as file URLs when pressed, and takes any drop of URLs. It reports on
-// standard output, one line each: "ready", "dropped <url> <url>..." and "result copy|ignore".
+// A file manager on the same display: drags the paths it was given as URLs when pressed, takes
+// any drop of URLs, and prints "ready", "dropped <url>..." and "result copy|other" lines.
 #include <QApplication>
 #include <QDrag>
 #include <QDropEvent>
@@ -15,8 +14,7 @@ namespace {
 
 void report(const QByteArray &line)
 {
-    std::fputs(line.constData(), stdout);
-    std::fputc('\n', stdout);
+    std::puts(line.constData());
     std::fflush(stdout);
 }
 
@@ -42,9 +40,7 @@ protected:
         data->setUrls(m_urls);
         drag->setMimeData(data);
         const Qt::DropAction result = drag->exec(Qt::CopyAction | Qt::MoveAction | Qt::LinkAction);
-        report(result == Qt::IgnoreAction     ? "result ignore"
-                   : result == Qt::CopyAction ? "result copy"
-                                              : "result other");
+        report(result == Qt::CopyAction ? "result copy" : "result other");
         m_dragging = false;
     }
 
@@ -76,15 +72,11 @@ int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
     const QStringList args = app.arguments();
-    if (args.size() < 5) {
-        std::fputs("usage: dnd-peer <x> <y> <width> <height> [path...]\n", stderr);
-        return 2;
-    }
     QList<QUrl> urls;
     for (const QString &path : args.mid(5))
         urls.append(QUrl::fromLocalFile(path));
     Peer peer(urls);
-    peer.setGeometry(args[1].toInt(), args[2].toInt(), args[3].toInt(), args[4].toInt());
+    peer.setGeometry(args.value(1).toInt(), args.value(2).toInt(), args.value(3).toInt(), args.value(4).toInt());
     peer.show();
     return app.exec();
 }

@@ -1,5 +1,4 @@
-// Real drags on a real X display: the pointer is moved by the X server's test extension
-// (xdotool), between the pane's table and another application, as a person would.
+// Real drags on a real X display, the pointer moved by xdotool between the table and another application.
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
 #include "PaneFixture.h"
@@ -15,11 +14,13 @@
 #include <QTest>
 #include <QUrl>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
-const QString kFolders = QStringLiteral("com.quillfen.vantor.folders");
+const QString kFolders = u"com.quillfen.vantor.folders"_s;
 
-// Sits between the table and the pane to see what the pane answered; the answers are the pane's.
+// Sits between the table and the pane to count the drops and see the pane's answer.
 class WatchingDataSource : public QFTableViewDataSource
 {
 public:
@@ -27,72 +28,41 @@ public:
         : m_pane(pane)
     {
     }
-    void reset()
-    {
-        validated = Qt::IgnoreAction;
-        drops = 0;
-        fromTable = accepted = false;
-    }
-
     Qt::DropAction tableViewValidateDrop(QFTableView *table, const QDropEvent *info, int row,
                                          DropOperation operation) override
     {
-        validated = m_pane->tableViewValidateDrop(table, info, row, operation);
-        return validated;
+        return m_pane->tableViewValidateDrop(table, info, row, operation);
     }
     bool tableViewAcceptDrop(QFTableView *table, const QDropEvent *info, int row, DropOperation operation) override
     {
         ++drops;
-        fromTable = info->source() == table || info->source() == table->viewport();
-        accepted = m_pane->tableViewAcceptDrop(table, info, row, operation);
-        return accepted;
+        return accepted = m_pane->tableViewAcceptDrop(table, info, row, operation);
     }
 
-    Qt::DropAction validated = Qt::IgnoreAction;
     int drops = 0;
-    bool fromTable = false;
     bool accepted = false;
 
 private:
     QFTableViewDataSource *m_pane;
 };
 
-// The other application: a drag source of the paths it is given and a drop target.
+// The other application (dnd-peer) in the display's top left corner, ended with this object.
 class Peer
 {
 public:
-    static constexpr QPoint kOrigin{20, 20};
-    static constexpr QSize kSize{160, 160};
+    static constexpr QPoint kCentre{100, 100};
 
-    explicit Peer(const QList<QByteArray> &paths = {})
+    explicit Peer(const QStringList &paths = {})
     {
-        QStringList arguments{QString::number(kOrigin.x()), QString::number(kOrigin.y()),
-                              QString::number(kSize.width()), QString::number(kSize.height())};
-        for (const QByteArray &path : paths)
-            arguments.append(QFile::decodeName(path));
-        m_process.start(QStringLiteral(VANTOR_DND_PEER), arguments);
+        m_process.start(QStringLiteral(VANTOR_DND_PEER), QStringList{u"20"_s, u"20"_s, u"160"_s, u"160"_s} + paths);
         started = m_process.waitForStarted() && waitForLine("ready").has_value();
     }
-    ~Peer()
-    {
-        m_process.kill();
-        m_process.waitForFinished();
-    }
-
-    static QPoint centre() { return kOrigin + QPoint(kSize.width() / 2, kSize.height() / 2); }
-
     // The first line starting with `prefix`, read while this process keeps handling events.
-    std::optional<QByteArray> waitForLine(const QByteArray &prefix, int timeoutMs = 15000)
+    std::optional<QByteArray> waitForLine(const QByteArray &prefix)
     {
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < timeoutMs) {
-            while (m_process.canReadLine()) {
-                const QByteArray line = m_process.readLine().trimmed();
-                if (line.startsWith(prefix))
-                    return line;
-            }
-            QTest::qWait(20);
+        while (QTest::qWaitFor([this] { return m_process.canReadLine(); }, 15000)) {
+            if (const QByteArray line = m_process.readLine().trimmed(); line.startsWith(prefix))
+                return line;
         }
         return std::nullopt;
     }
@@ -103,46 +73,26 @@ private:
     QProcess m_process;
 };
 
-// Drives the real pointer: press at the first point, pass through the others, release at the last.
-class PointerGesture
+// Press at the first point, pass through the others in steps both applications see, release at the last.
+bool playGesture(const QList<QPoint> &points)
 {
-public:
-    explicit PointerGesture(const QList<QPoint> &points, int pauseAtEndMs = 0)
-    {
-        QStringList arguments;
-        const auto move = [&](QPoint p) {
-            arguments << QStringLiteral("mousemove") << QString::number(p.x()) << QString::number(p.y())
-                      << QStringLiteral("sleep") << QStringLiteral("0.15");
-        };
-        move(points.first());
-        arguments << QStringLiteral("mousedown") << QStringLiteral("1") << QStringLiteral("sleep")
-                  << QStringLiteral("0.3");
-        for (qsizetype i = 1; i < points.size(); ++i) {
-            // In steps, so both applications see the pointer travel.
-            const QPoint from = points.at(i - 1), to = points.at(i);
-            for (int step = 1; step <= 6; ++step)
-                move(from + (to - from) * step / 6);
-            arguments << QStringLiteral("sleep") << QStringLiteral("0.3");
-        }
-        if (pauseAtEndMs > 0)
-            arguments << QStringLiteral("sleep") << QString::number(pauseAtEndMs / 1000.0);
-        arguments << QStringLiteral("mouseup") << QStringLiteral("1");
-        m_process.start(QStringLiteral("xdotool"), arguments);
-        m_process.waitForStarted();
+    QStringList arguments;
+    const auto move = [&](QPoint p) {
+        arguments << u"mousemove"_s << QString::number(p.x()) << QString::number(p.y()) << u"sleep"_s << u"0.15"_s;
+    };
+    move(points.first());
+    arguments << u"mousedown"_s << u"1"_s << u"sleep"_s << u"0.3"_s;
+    for (qsizetype i = 1; i < points.size(); ++i) {
+        for (int step = 1; step <= 6; ++step)
+            move(points.at(i - 1) + (points.at(i) - points.at(i - 1)) * step / 6);
+        arguments << u"sleep"_s << u"0.3"_s;
     }
-    // Lets this process handle its events until the gesture has been played.
-    bool finish()
-    {
-        if (!QTest::qWaitFor([this] { return m_process.state() == QProcess::NotRunning; }, 30000))
-            return false;
-        QTest::qWait(300);
-        return m_process.exitStatus() == QProcess::NormalExit && m_process.exitCode() == 0;
-    }
-    bool running() const { return m_process.state() != QProcess::NotRunning; }
-
-private:
-    QProcess m_process;
-};
+    QProcess xdotool;
+    xdotool.start(u"xdotool"_s, arguments << u"mouseup"_s << u"1"_s);
+    const bool ended = QTest::qWaitFor([&] { return xdotool.state() == QProcess::NotRunning; }, 30000);
+    QTest::qWait(300);
+    return ended && xdotool.exitStatus() == QProcess::NormalExit && xdotool.exitCode() == 0;
+}
 
 } // namespace
 
@@ -156,51 +106,31 @@ private:
     FakeWorkspace m_workspace;
     RecordingAlerts m_alerts;
     PaneFixture m_ui;
-    VantorPref &m_pane = m_ui.pane;
     std::unique_ptr<WatchingDataSource> m_watch;
-    QByteArray m_listed[3];
+    QStringList m_listed;
 
-    QFTableView *table() const { return m_pane.foldersTableView; }
+    QFTableView *table() const { return m_ui.pane.foldersTableView; }
     QPoint rowCentre(int row) const
     {
-        const QRect rect = table()->visualRect(table()->model()->index(row, 0));
-        return table()->viewport()->mapToGlobal(rect.center());
-    }
-    // On the line between two rows, where a row drop would be proposed above the lower one.
-    QPoint betweenRows(int upper) const
-    {
-        const QRect rect = table()->visualRect(table()->model()->index(upper, 1));
-        return table()->viewport()->mapToGlobal(QPoint(rect.center().x(), rect.bottom()));
+        return table()->viewport()->mapToGlobal(table()->visualRect(table()->model()->index(row, 0)).center());
     }
     int rowCount() const { return table()->model()->rowCount(); }
 
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY2(QGuiApplication::platformName() == QLatin1String("xcb"), "needs a real X display");
-        m_pane.mainViewDidLoad();
-
-        const QByteArray home = QFile::encodeName(m_env.home());
-        QString values;
+        QVERIFY2(QGuiApplication::platformName() == u"xcb", "needs a real X display");
+        m_ui.pane.mainViewDidLoad();
         for (int i = 0; i < 3; ++i) {
-            m_listed[i] = home + "/Listed " + QByteArray::number(i);
-            QVERIFY(QDir().mkpath(QFile::decodeName(m_listed[i])));
-            values += QStringLiteral("%1('%2', 100, %3, 1)")
-                          .arg(i ? QStringLiteral(",") : QString(), QFile::decodeName(m_listed[i]))
-                          .arg(i + 1);
+            m_listed << m_env.home() + u"/Listed %1"_s.arg(i);
+            QVERIFY(QDir().mkpath(m_listed.last()));
+            TestEnvironment::sqlite(m_env.productFolder() + u"/history.db"_s,
+                                    u"INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
+                                    "VALUES ('%1', 100, %2, 1)"_s.arg(m_listed.last())
+                                        .arg(i + 1));
         }
-        QCOMPARE(QProcess::execute(QStringLiteral("sqlite3"),
-                                   {m_env.productFolder() + QStringLiteral("/history.db"),
-                                    QStringLiteral("INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
-                                                   "VALUES %1;")
-                                        .arg(values)}),
-                 0);
         VTHistoryController::sharedHistoryController()->updatePreviousSavings();
         QCOMPARE(rowCount(), 3);
-
-        m_watch = std::make_unique<WatchingDataSource>(&m_pane);
-        table()->setDataSource(m_watch.get());
-
         // Right of the other application's window, on an X server with no window manager.
         m_ui.window.setGeometry(240, 20, 780, 480);
         QVERIFY(QTest::qWaitForWindowExposed(&m_ui.window));
@@ -208,25 +138,33 @@ private Q_SLOTS:
 
     void init()
     {
-        m_watch->reset();
+        m_watch = std::make_unique<WatchingDataSource>(&m_ui.pane);
+        table()->setDataSource(m_watch.get());
         table()->clearSelection();
     }
 
-    void rowsDraggedOutAndBackAreRefused()
+    void rowsDraggedOut_data()
     {
+        QTest::addColumn<bool>("back");
+        QTest::newRow("dropped on another application") << false;
+        QTest::newRow("brought back to the table") << true;
+    }
+
+    // Dropped elsewhere, a row is a folder; brought back, the table refuses it: nothing asked
+    // of the helper, no row added.
+    void rowsDraggedOut()
+    {
+        QFETCH(bool, back);
         Peer peer;
         QVERIFY(peer.started);
-        table()->selectRow(0);
+        table()->selectRow(1);
         NotificationRecorder recorder;
+        QVERIFY(
+            playGesture(back ? QList{rowCentre(1), Peer::kCentre, rowCentre(2)} : QList{rowCentre(1), Peer::kCentre}));
 
-        PointerGesture gesture({rowCentre(0), Peer::centre(), rowCentre(2)});
-        QVERIFY(gesture.finish());
-
-        // The drop reached the table from the table itself, showing as a copy of folders,
-        // and was refused: nothing asked of the helper, no row added.
-        QCOMPARE(m_watch->drops, 1);
-        QVERIFY(m_watch->fromTable);
-        QCOMPARE(m_watch->validated, Qt::CopyAction);
+        if (!back)
+            QCOMPARE(peer.waitForLine("dropped"), "dropped " + QUrl::fromLocalFile(m_listed[1]).toEncoded());
+        QCOMPARE(m_watch->drops, back ? 1 : 0);
         QVERIFY(!m_watch->accepted);
         QVERIFY(!table()->isDropTarget());
         recorder.settle();
@@ -234,47 +172,22 @@ private Q_SLOTS:
         QCOMPARE(rowCount(), 3);
     }
 
-    void rowsDragOutAsFolders()
-    {
-        Peer peer;
-        QVERIFY(peer.started);
-        table()->selectRow(1);
-        PointerGesture gesture({rowCentre(1), Peer::centre()});
-        QVERIFY(gesture.finish());
-        const std::optional<QByteArray> dropped = peer.waitForLine("dropped");
-        QVERIFY(dropped);
-        QCOMPARE(*dropped, "dropped " + QUrl::fromLocalFile(QFile::decodeName(m_listed[1])).toEncoded());
-        QCOMPARE(m_watch->drops, 0);
-        QCOMPARE(rowCount(), 3);
-    }
-
-    // Refusals (files only, missing folders) are rows of tst_folderediting::drops.
     void dropsFromAnotherApplication()
     {
-        const QByteArray home = QFile::encodeName(m_env.home());
-        const QList<QByteArray> dragged{home + "/New A", home + "/notes.txt", home + "/New \"B\""};
-        TestEnvironment::writeFile(QFile::decodeName(dragged[1]), "notes");
-        const QStringList folders{QFile::decodeName(dragged[0]), QFile::decodeName(dragged[2])};
-        for (const QString &folder : folders)
-            QVERIFY(QDir().mkpath(folder));
+        const QStringList dragged{m_env.home() + u"/New A"_s, m_env.home() + u"/notes.txt"_s,
+                                  m_env.home() + u"/New \"B\""_s};
+        TestEnvironment::writeFile(dragged[1], "notes");
+        QVERIFY(QDir().mkpath(dragged[0]) && QDir().mkpath(dragged[2]));
         Peer peer(dragged);
         QVERIFY(peer.started);
         NotificationRecorder recorder;
 
-        // Held between the first and second rows long enough to look at the table.
-        PointerGesture gesture({Peer::centre(), betweenRows(0)}, 1500);
-        QTRY_VERIFY_WITH_TIMEOUT(table()->isDropTarget() || !gesture.running(), 20000);
-        QVERIFY(table()->isDropTarget());
-        QCOMPARE(table()->dropRow(), -1);
-        QCOMPARE(table()->dropOperation(), QFTableViewDataSource::DropOn);
-        QVERIFY(gesture.finish());
-
-        QCOMPARE(peer.waitForLine("result"), std::optional<QByteArray>("result copy"));
+        QVERIFY(playGesture({Peer::kCentre, rowCentre(0)}));
+        QCOMPARE(peer.waitForLine("result"), QByteArray("result copy"));
         QCOMPARE(m_watch->drops, 1);
         QVERIFY(!table()->isDropTarget());
         QVERIFY(recorder.waitFor(kFolders));
-        const QVariantMap posted = recorder.userInfos().at(recorder.names().indexOf(kFolders));
-        QCOMPARE(posted.value(QStringLiteral("foldersToAdd")).toStringList(), folders);
+        QCOMPARE(recorder.userInfo(kFolders).value(u"foldersToAdd"_s), QVariant(QStringList{dragged[0], dragged[2]}));
     }
 };
 

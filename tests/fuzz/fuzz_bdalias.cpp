@@ -1,6 +1,5 @@
-// Alias data comes from the history store and the login list, both files the user's other
-// programs can write. Any bytes must give an alias whose questions are answered without a
-// crash: no path, or a path; no information, or information.
+// Alias data comes from files the user's other programs can write (history store, login list):
+// any bytes must give an alias whose questions are answered without a crash.
 #include "common/AliasRecord.h"
 #include "common/BDAlias.h"
 
@@ -34,8 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QByteArray bytes(reinterpret_cast<const char *>(data), qsizetype(size));
     exercise(bytes);
 
-    // Random bytes almost never carry the right length and checksum; mend both so the
-    // fields behind them are reached too.
+    // Random bytes almost never carry the right length and checksum: mend both to reach the fields.
     if (bytes.size() >= 14) {
         QByteArray mended = bytes;
         qToLittleEndian<quint32>(quint32(mended.size()), mended.data() + 8);

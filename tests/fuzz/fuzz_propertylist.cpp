@@ -1,6 +1,5 @@
-// Property lists arrive from files anyone may have edited: the settings, the exclusion rules,
-// the login list, a bundle's Info.plist. Whatever the bytes, reading must not crash, and
-// whatever is read must be written back and read again as the same value.
+// Property lists arrive from files anyone may have edited. Whatever the bytes, reading must not
+// crash, and whatever is read must be written back and read again as the same value.
 #include "platform/PropertyList.h"
 
 #include <QDateTime>
@@ -23,8 +22,7 @@ bool same(const QVariant &a, const QVariant &b)
     case QMetaType::Double:
         return a.toDouble() == b.toDouble() || (std::isnan(a.toDouble()) && std::isnan(b.toDouble()));
     case QMetaType::QDateTime: {
-        // XML keeps dates to about the second, and libplist 2.2 reads dates before 1970 or after
-        // 2038 back as other dates (a known limit; nothing here stores dates).
+        // XML keeps dates to the second; libplist 2.2 misreads dates outside 1970-2038 (unused here).
         const qint64 x = a.toDateTime().toSecsSinceEpoch(), y = b.toDateTime().toSecsSinceEpoch();
         return std::abs(x - y) <= 1 || x < 0 || x > std::numeric_limits<qint32>::max();
     }

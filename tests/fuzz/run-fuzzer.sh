@@ -1,7 +1,6 @@
 #!/bin/sh
 # run-fuzzer.sh FUZZER CORPUS WORKDIR SECONDS [libFuzzer options...]
-# Runs FUZZER for SECONDS over the kept CORPUS. New inputs and any crashing input go to
-# WORKDIR, so the kept corpus only changes when someone copies an input into it.
+# New inputs and any crashing input go to WORKDIR: the kept CORPUS changes only by hand.
 set -eu
 fuzzer=$1 corpus=$2 work=$3 seconds=$4
 shift 4

@@ -1,6 +1,5 @@
-// The settings and the login-item list are written by a process that can die at any moment.
-// A writer is killed (SIGKILL) at random moments, over and over, and after every kill the
-// file must parse and hold either the settings before the interrupted write or after it.
+// A writer of the settings or the login list is killed at random moments, over and over: after
+// every kill the file must parse and hold the contents before the interrupted write or after.
 #include "platform/PreferencesDomain.h"
 #include "platform/PropertyList.h"
 #include "ReliabilityStates.h"
@@ -38,33 +37,32 @@ void TestCrashSafety::killedWriterLeavesOldOrNew_data()
 void TestCrashSafety::killedWriterLeavesOldOrNew()
 {
     QFETCH(QString, mode);
-    const bool settings = mode == QLatin1String("settings");
+    const bool settings = mode == u"settings";
     const QString path = settings ? VTUtil::applicationSupportFolder() + QStringLiteral("/defaults.plist")
                                   : PreferencesDomain(QStringLiteral("loginwindow")).filePath();
     auto expected = [&](qint64 step) -> QVariant {
-        if (settings)
-            return ReliabilityStates::settingsAt(step);
+        if (settings) // the step's number goes with a setting that changes at every step: one write
+            return QVariantMap{{QStringLiteral("firstRun"), false},
+                               {QStringLiteral("folderAliases"), QVariantList()},
+                               {QStringLiteral("step"), step},
+                               {QStringLiteral("visible"), step % 2 == 1}};
         return QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), ReliabilityStates::loginListAt(step)}};
     };
     QVERIFY(QDir().mkpath(QFileInfo(path).path()));
     QVERIFY(PropertyList::writeFile(path, expected(0)));
 
     // VANTOR_KILLS=1000 for the long run.
-    const int kills =
-        qEnvironmentVariableIntValue("VANTOR_KILLS") > 0 ? qEnvironmentVariableIntValue("VANTOR_KILLS") : 100;
-    auto *random = QRandomGenerator::global();
+    const int kills = std::max(qEnvironmentVariableIntValue("VANTOR_KILLS"), 100);
     qint64 step = 0;
-    int interruptedWrites = 0;
     for (int kill = 0; kill < kills; ++kill) {
         QProcess writer;
         writer.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         writer.start(QStringLiteral(VANTOR_RELIABILITY_WRITER), {mode, QString::number(step)});
         QVERIFY2(writer.waitForReadyRead(30000), "the writer did not start writing");
         // Anywhere from the first write on, at a random moment within some dozens of writes.
-        QThread::usleep(random->bounded(20000));
+        QThread::usleep(QRandomGenerator::global()->bounded(20000));
         ::kill(pid_t(writer.processId()), SIGKILL);
         QVERIFY(writer.waitForFinished(10000));
-        QCOMPARE(writer.exitStatus(), QProcess::CrashExit);
 
         // The last step known done, and whether the next one had begun.
         qint64 done = step;
@@ -77,24 +75,15 @@ void TestCrashSafety::killedWriterLeavesOldOrNew()
         }
         const std::optional<QVariant> onDisk = PropertyList::readFile(path);
         QVERIFY2(onDisk, qPrintable(QStringLiteral("kill %1: the file does not parse").arg(kill)));
-        if (*onDisk == expected(done)) {
-            step = done;
-        } else {
-            QVERIFY2(begun && *onDisk == expected(done + 1),
-                     qPrintable(QStringLiteral("kill %1: the file holds neither step %2 nor %3")
-                                    .arg(kill)
-                                    .arg(done)
-                                    .arg(done + 1)));
-            step = done + 1;
-        }
-        if (begun)
-            ++interruptedWrites;
+        step = *onDisk == expected(done) ? done : done + 1;
+        QVERIFY2(
+            *onDisk == expected(step) && (step == done || begun),
+            qPrintable(
+                QStringLiteral("kill %1: the file holds neither step %2 nor %3").arg(kill).arg(done).arg(done + 1)));
         // Now and then a third-party reader agrees.
         if (kill % 25 == 0)
             QVERIFY(!TestEnvironment::pythonPlist(path).startsWith(QLatin1String("ERROR")));
     }
-    qInfo("%s: %d kills, %d of them during a write, %lld steps written", qPrintable(mode), kills, interruptedWrites,
-          static_cast<long long>(step));
     QVERIFY(step > 0);
 }
 

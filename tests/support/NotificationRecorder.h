@@ -17,6 +17,8 @@ public:
     QStringList names() const { return m_names; }
     QList<QVariantMap> userInfos() const { return m_userInfos; }
     int count(const QString &name) const { return int(m_names.count(name)); }
+    // The payload of the first notification of that name; empty when none arrived.
+    QVariantMap userInfo(const QString &name) const { return m_userInfos.value(m_names.indexOf(name)); }
     void clear();
     // Waits until a notification of that name has arrived (true) or the time is up.
     bool waitFor(const QString &name, int timeoutMs = 5000);
