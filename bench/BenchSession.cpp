@@ -77,9 +77,11 @@ bool BenchSession::mountBtrfs(const QString &image, const QString &mountPoint, q
 
 void BenchSession::unmount(const QString &mountPoint)
 {
-    // The loop device goes with it: mount -o loop set it to clear itself.
+    if (!m_mounts.removeAll(mountPoint))
+        return;
+    // The loop device goes with it: mount -o loop set it to clear itself. Tried once: a mount
+    // still in use is told on standard error, not waited for.
     run(QStringLiteral("umount"), {mountPoint});
-    m_mounts.removeAll(mountPoint);
 }
 
 bool BenchSession::run(const QString &program, const QStringList &arguments, QByteArray *output)

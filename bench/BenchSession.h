@@ -30,6 +30,7 @@ public:
     // Makes an image of size bytes below root, with btrfs, and mounts it on mountPoint (made
     // here); false, saying so, when that cannot be done.
     bool mountBtrfs(const QString &image, const QString &mountPoint, qint64 size);
+    // Unmounts what mountBtrfs mounted there, if anything.
     void unmount(const QString &mountPoint);
 
     // Runs program to its end; false, with its standard error, unless it exits with 0.

@@ -304,9 +304,7 @@ int main(int argc, char *argv[])
         freeBefore = usage(fullMnt, "Free (statfs, df):");
         measured = measured && compressWithHelper(store, fullMnt + QStringLiteral("/Documents"), &fullSavings);
         freeAfter = usage(fullMnt, "Free (statfs, df):");
-        session.unmount(fullMnt);
     }
-    QFile::remove(fullImage);
 
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::HelperShouldQuit));
@@ -314,6 +312,8 @@ int main(int argc, char *argv[])
     if (!helper.waitForFinished(30000))
         helper.kill();
     helper.waitForFinished();
+    // Only now: the helper holds every folder it was given open until it quits.
+    session.unmount(fullMnt);
     session.unmount(mnt);
     if (!measured) {
         std::fprintf(stderr, "bench-helper-btrfs: the helper did not finish a round (status %d)\n", status);
