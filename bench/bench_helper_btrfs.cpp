@@ -3,6 +3,7 @@
 // and the savings the helper reports against what compsize measures on disk for its folder.
 // Needs root (mounting, compsize); says so and stops where that is not possible.
 
+#include "BenchSession.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "common/Notifications.h"
 
@@ -13,7 +14,6 @@
 #include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
-#include <QTemporaryDir>
 #include <QThread>
 
 #include <sqlite3.h>
@@ -27,21 +27,6 @@
 namespace {
 
 constexpr qint64 MiB = 1024 * 1024;
-
-bool run(const QString &program, const QStringList &arguments, QByteArray *output = nullptr)
-{
-    QProcess process;
-    process.start(program, arguments);
-    const bool ok =
-        process.waitForFinished(600000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-    const QByteArray all = process.readAllStandardOutput();
-    if (output)
-        *output = all;
-    if (!ok)
-        std::fprintf(stderr, "bench-helper-btrfs: %s %s failed: %s\n", qPrintable(program),
-                     qPrintable(arguments.join(u' ')), process.readAllStandardError().constData());
-    return ok;
-}
 
 void writeFile(const QString &path, const QByteArray &bytes)
 {
@@ -69,18 +54,6 @@ qint64 copyTree(const QString &from, const QString &to, qint64 budget, const QSt
     return copied;
 }
 
-QByteArray generatedText(qint64 size, QRandomGenerator &random)
-{
-    static const char *const words[] = {"the ",    "space ",  "saved ", "by ",     "compression ", "folder ",
-                                        "report ", "of ",     "disk\n", "which ",  "quarterly ",   "figures ",
-                                        "and ",    "notes. ", "2024 ",  "Vantor ", "users ",       "files, "};
-    QByteArray text;
-    text.reserve(size + 16);
-    while (text.size() < size)
-        text += words[random.bounded(int(std::size(words)))];
-    return text;
-}
-
 QByteArray generatedMedia(qint64 size, QRandomGenerator &random)
 {
     QByteArray media(size, Qt::Uninitialized);
@@ -98,7 +71,7 @@ void makeCorpus(const QString &dir)
              {QStringLiteral("copyright")});
     QRandomGenerator random(7);
     for (int i = 0; i < 20; ++i)
-        writeFile(dir + QStringLiteral("/text/report%1.txt").arg(i), generatedText(MiB + i * 37 * 1024, random));
+        writeFile(dir + QStringLiteral("/text/report%1.txt").arg(i), BenchSession::text(MiB + i * 37 * 1024, random));
     for (int i = 0; i < 10; ++i)
         writeFile(
             dir + QStringLiteral("/media/clip%1.%2").arg(i).arg(i % 2 ? QStringLiteral("mp4") : QStringLiteral("raw")),
@@ -128,7 +101,7 @@ void dropCaches()
 bool compsize(const QString &dir, qint64 *disk, qint64 *uncompressed)
 {
     QByteArray out;
-    if (!run(QStringLiteral("compsize"), {QStringLiteral("-b"), dir}, &out))
+    if (!BenchSession::run(QStringLiteral("compsize"), {QStringLiteral("-b"), dir}, &out))
         return false;
     for (const QByteArray &line : out.split('\n')) {
         const QList<QByteArray> f = line.simplified().split(' ');
@@ -187,8 +160,8 @@ qint64 usage(const QString &mountPoint, const QByteArray &field)
 {
     ::sync();
     QByteArray out;
-    run(QStringLiteral("btrfs"),
-        {QStringLiteral("filesystem"), QStringLiteral("usage"), QStringLiteral("-b"), mountPoint}, &out);
+    BenchSession::run(QStringLiteral("btrfs"),
+                      {QStringLiteral("filesystem"), QStringLiteral("usage"), QStringLiteral("-b"), mountPoint}, &out);
     for (const QByteArray &line : out.split('\n')) {
         const QByteArray trimmed = line.trimmed();
         if (trimmed.startsWith(field))
@@ -213,46 +186,15 @@ double cpuSeconds(qint64 pid)
 
 int main(int argc, char *argv[])
 {
-    if (::geteuid() != 0) {
-        std::printf("bench-helper-btrfs: SKIP: mounting a btrfs image and running compsize need root\n");
+    BenchSession session("bench-helper-btrfs");
+    if (!session.isReady())
         return 0;
-    }
-    QTemporaryDir work;
-    const QString root = work.path();
-    // Everything the helper sees is private to this run: its own home and its own session bus.
-    for (const char *sub : {"/home/.local/share", "/home/.local/state", "/home/.config", "/runtime"})
-        QDir().mkpath(root + QLatin1String(sub));
-    qputenv("HOME", QFile::encodeName(root + QStringLiteral("/home")));
-    qputenv("XDG_DATA_HOME", QFile::encodeName(root + QStringLiteral("/home/.local/share")));
-    qputenv("XDG_STATE_HOME", QFile::encodeName(root + QStringLiteral("/home/.local/state")));
-    qputenv("XDG_CONFIG_HOME", QFile::encodeName(root + QStringLiteral("/home/.config")));
-    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(root + QStringLiteral("/runtime")));
-    QDir().mkpath(root + QStringLiteral("/home/.local/share/Vantor"));
-
-    QProcess bus;
-    bus.start(QStringLiteral("dbus-daemon"),
-              {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
-    if (!bus.waitForReadyRead(10000)) {
-        std::printf("bench-helper-btrfs: SKIP: cannot start a session bus\n");
-        return 0;
-    }
-    qputenv("DBUS_SESSION_BUS_ADDRESS", bus.readLine().trimmed());
     QCoreApplication app(argc, argv);
 
-    const QString image = root + QStringLiteral("/bench.img");
+    const QString root = session.root();
     const QString mnt = root + QStringLiteral("/mnt");
-    QDir().mkpath(mnt);
-    QFile img(image);
-    if (!img.open(QIODevice::WriteOnly) || !img.resize(1024 * MiB))
-        return 1;
-    img.close();
-    if (!run(QStringLiteral("mkfs.btrfs"), {QStringLiteral("-q"), image})
-        || !run(QStringLiteral("mount"), {QStringLiteral("-o"), QStringLiteral("loop"), image, mnt})) {
-        std::printf("bench-helper-btrfs: SKIP: cannot mount a btrfs image here\n");
-        bus.kill();
-        bus.waitForFinished();
+    if (!session.mountBtrfs(root + QStringLiteral("/bench.img"), mnt, 1024 * MiB))
         return 0;
-    }
 
     // Each round compresses fresh copies of the corpus, the tool's and the helper's in turn; both
     // run at idle CPU and I/O priority, as the helper does, so other load on the machine slows
@@ -263,7 +205,7 @@ int main(int argc, char *argv[])
     const qint64 corpus = treeSize(corpusFolder);
     std::printf("corpus: %.1f MB, %d rounds\n", corpus / 1e6, rounds);
 
-    const QString store = root + QStringLiteral("/home/.local/share/Vantor/history.db");
+    const QString store = session.store();
     QProcess helper;
     helper.setProcessChannelMode(QProcess::ForwardedChannels);
     helper.start(QStringLiteral(VANTOR_HELPER_EXECUTABLE), {});
@@ -279,16 +221,17 @@ int main(int argc, char *argv[])
         const QString helperFolder = mnt + QStringLiteral("/helper%1").arg(round);
         // Copies of their own: cp reflinks by default, and shared data is left alone.
         for (const QString &copy : {defragFolder, helperFolder})
-            run(QStringLiteral("cp"), {QStringLiteral("-a"), QStringLiteral("--reflink=never"), corpusFolder, copy});
+            BenchSession::run(QStringLiteral("cp"),
+                              {QStringLiteral("-a"), QStringLiteral("--reflink=never"), corpusFolder, copy});
 
         // The file system's own tool, until the data is on disk.
         dropCaches();
         QElapsedTimer timer;
         timer.start();
-        run(QStringLiteral("chrt"),
-            {QStringLiteral("--idle"), QStringLiteral("0"), QStringLiteral("ionice"), QStringLiteral("-c3"),
-             QStringLiteral("btrfs"), QStringLiteral("filesystem"), QStringLiteral("defragment"), QStringLiteral("-r"),
-             QStringLiteral("-czstd"), defragFolder});
+        BenchSession::run(QStringLiteral("chrt"),
+                          {QStringLiteral("--idle"), QStringLiteral("0"), QStringLiteral("ionice"),
+                           QStringLiteral("-c3"), QStringLiteral("btrfs"), QStringLiteral("filesystem"),
+                           QStringLiteral("defragment"), QStringLiteral("-r"), QStringLiteral("-czstd"), defragFolder});
         ::sync();
         defragTimes.append(timer.nsecsElapsed() / 1e9);
 
@@ -315,17 +258,19 @@ int main(int argc, char *argv[])
     if (measured) {
         const QString volume = mnt + QStringLiteral("/snapshotted");
         const QString snapshot = mnt + QStringLiteral("/snapshot");
-        run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("create"), volume});
-        run(QStringLiteral("cp"),
-            {QStringLiteral("-a"), QStringLiteral("--reflink=never"), corpusFolder,
-             volume + QStringLiteral("/corpus")});
-        run(QStringLiteral("btrfs"),
+        BenchSession::run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("create"), volume});
+        BenchSession::run(QStringLiteral("cp"),
+                          {QStringLiteral("-a"), QStringLiteral("--reflink=never"), corpusFolder,
+                           volume + QStringLiteral("/corpus")});
+        BenchSession::run(
+            QStringLiteral("btrfs"),
             {QStringLiteral("subvolume"), QStringLiteral("snapshot"), QStringLiteral("-r"), volume, snapshot});
         usedBefore = usage(mnt, "Used:");
         measured = compressWithHelper(store, volume + QStringLiteral("/corpus"), &snapshotSavings);
         usedAfter = usage(mnt, "Used:");
         for (const QString &subvolume : {snapshot, volume})
-            run(QStringLiteral("btrfs"), {QStringLiteral("subvolume"), QStringLiteral("delete"), subvolume});
+            BenchSession::run(QStringLiteral("btrfs"),
+                              {QStringLiteral("subvolume"), QStringLiteral("delete"), subvolume});
     }
     // CPU the helper spends per GB of media, which does not shrink, and of text.
     double cpuPerGB[2] = {};
@@ -334,7 +279,7 @@ int main(int argc, char *argv[])
         const QString folder = mnt + (kind == 0 ? QStringLiteral("/media") : QStringLiteral("/text"));
         for (int i = 0; i < 64; ++i)
             writeFile(folder + QStringLiteral("/file%1").arg(i),
-                      kind == 0 ? generatedMedia(4 * MiB, random) : generatedText(4 * MiB, random));
+                      kind == 0 ? generatedMedia(4 * MiB, random) : BenchSession::text(4 * MiB, random));
         dropCaches();
         const double before = cpuSeconds(helper.processId());
         qint64 ignored = 0;
@@ -347,14 +292,10 @@ int main(int argc, char *argv[])
     qint64 freeBefore = 0, freeAfter = 0, fullSavings = 0;
     const QString fullImage = root + QStringLiteral("/full.img");
     const QString fullMnt = root + QStringLiteral("/full");
-    QDir().mkpath(fullMnt);
-    QFile full(fullImage);
-    if (measured && full.open(QIODevice::WriteOnly) && full.resize(320 * MiB)) {
-        full.close();
-        measured = run(QStringLiteral("mkfs.btrfs"), {QStringLiteral("-q"), fullImage})
-            && run(QStringLiteral("mount"), {QStringLiteral("-o"), QStringLiteral("loop"), fullImage, fullMnt});
+    if (measured) {
+        measured = session.mountBtrfs(fullImage, fullMnt, 320 * MiB);
         for (int i = 0; i < 30 && measured; ++i)
-            writeFile(fullMnt + QStringLiteral("/Documents/report%1.txt").arg(i), generatedText(4 * MiB, random));
+            writeFile(fullMnt + QStringLiteral("/Documents/report%1.txt").arg(i), BenchSession::text(4 * MiB, random));
         const int fd = ::open(QFile::encodeName(fullMnt + QStringLiteral("/filler")).constData(),
                               O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
         measured = measured && fd >= 0 && ::posix_fallocate(fd, 0, usage(fullMnt, "Free (statfs, df):") - 8 * MiB) == 0;
@@ -363,9 +304,7 @@ int main(int argc, char *argv[])
         freeBefore = usage(fullMnt, "Free (statfs, df):");
         measured = measured && compressWithHelper(store, fullMnt + QStringLiteral("/Documents"), &fullSavings);
         freeAfter = usage(fullMnt, "Free (statfs, df):");
-        run(QStringLiteral("umount"), {fullMnt});
     }
-    QFile::remove(fullImage);
 
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::HelperShouldQuit));
@@ -373,10 +312,9 @@ int main(int argc, char *argv[])
     if (!helper.waitForFinished(30000))
         helper.kill();
     helper.waitForFinished();
-    run(QStringLiteral("umount"), {mnt});
-    QFile::remove(image);
-    bus.kill();
-    bus.waitForFinished();
+    // Only now: the helper holds every folder it was given open until it quits.
+    session.unmount(fullMnt);
+    session.unmount(mnt);
     if (!measured) {
         std::fprintf(stderr, "bench-helper-btrfs: the helper did not finish a round (status %d)\n", status);
         return 1;

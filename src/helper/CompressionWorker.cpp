@@ -314,7 +314,7 @@ void CompressionWorker::runJob(const Job &job)
                 continue;
             }
             // The rules are asked only here: what a rescan recognises was asked about before.
-            const QByteArray path = joined(seen.relative, file.name);
+            const QByteArray path = joined(seen.relative, seen.name(file));
             if (walker.isExcluded(path))
                 continue;
             const qint64 written = qint64(file.st.st_mtim.tv_sec) * 1000 + file.st.st_mtim.tv_nsec / 1000000;

@@ -3,8 +3,14 @@
 #include "common/VTExclusionRules.h"
 
 #include <QFile>
+#include <QMutex>
+#include <QWaitCondition>
+
+#include <deque>
+#include <thread>
 
 #include <cerrno>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -20,20 +26,71 @@ FolderWalker::FolderWalker(int rootFd, const QByteArray &rootPath)
 
 void FolderWalker::walk(const QByteArray &start, const Visitor &visit)
 {
+    // Most of a rescan is the kernel looking up and stat'ing each file, one call at a time: a
+    // second thread reads folders ahead while this one visits them, so both cores share it. The
+    // visitor runs here only, so it needs no locking of its own.
+    QMutex lock;
+    QWaitCondition changed;
     QList<QByteArray> pending{start};
-    while (!pending.isEmpty()) {
-        const QByteArray relative = pending.takeLast();
+    std::deque<Folder> ready; // read ahead, waiting to be visited
+    int reading = 0;
+    bool finished = false;
+
+    std::thread reader([&] {
+        // A new thread keeps its creator's idle CPU and I/O priority.
+        QMutexLocker locker(&lock);
+        while (!finished) {
+            if (pending.isEmpty() || ready.size() >= kReadAhead) {
+                changed.wait(&lock);
+                continue;
+            }
+            Folder folder;
+            folder.relative = pending.takeLast();
+            ++reading;
+            locker.unlock();
+            const bool ok = read(&folder);
+            locker.relock();
+            --reading;
+            if (ok)
+                ready.push_back(std::move(folder));
+            changed.wakeAll();
+        }
+    });
+
+    QMutexLocker locker(&lock);
+    for (;;) {
         Folder folder;
-        folder.relative = relative;
-        if (!read(&folder))
+        if (!ready.empty()) {
+            folder = std::move(ready.front());
+            ready.pop_front();
+            changed.wakeAll();
+            locker.unlock();
+        } else if (!pending.isEmpty()) {
+            folder.relative = pending.takeLast();
+            locker.unlock();
+            if (!read(&folder)) {
+                locker.relock();
+                continue;
+            }
+        } else if (reading > 0) {
+            changed.wait(&lock);
             continue;
+        } else {
+            break;
+        }
         const bool descend = visit(folder);
         ::close(folder.fd);
+        locker.relock();
         if (!descend)
             continue;
         for (const QByteArray &name : std::as_const(folder.subfolders))
-            pending.append(relative.isEmpty() ? name : relative + '/' + name);
+            pending.append(folder.relative.isEmpty() ? name : folder.relative + '/' + name);
+        changed.wakeAll();
     }
+    finished = true;
+    changed.wakeAll();
+    locker.unlock();
+    reader.join();
 }
 
 bool FolderWalker::list(const QByteArray &start, const Visitor &visit)
@@ -68,8 +125,11 @@ bool FolderWalker::read(Folder *folder)
     folder->fd = openNoAtime(m_rootFd, at, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (folder->fd < 0) {
         // Gone meanwhile is no fault; too deep to name or not ours to read is.
-        if (errno != ENOENT && errno != ENOTDIR)
-            m_unreadable.add(errno);
+        if (errno != ENOENT && errno != ENOTDIR) {
+            const int error = errno;
+            QMutexLocker locker(&m_unreadableLock);
+            m_unreadable.add(error);
+        }
         return false;
     }
     struct stat st { };
@@ -83,18 +143,20 @@ bool FolderWalker::read(Folder *folder)
         if (name[0] == '.' && (name[1] == 0 || (name[1] == '.' && name[2] == 0)))
             continue;
         unsigned char type = entry->d_type;
-        File file{QByteArray(name), {}};
+        struct stat st;
         if (type == DT_REG || type == DT_UNKNOWN) {
-            if (::fstatat(folder->fd, name, &file.st, AT_SYMLINK_NOFOLLOW) != 0)
+            if (::fstatat(folder->fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
                 continue;
-            type = S_ISDIR(file.st.st_mode) ? DT_DIR : S_ISREG(file.st.st_mode) ? DT_REG : DT_UNKNOWN;
+            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
         }
-        if (type != DT_DIR && type != DT_REG)
-            continue;
-        if (type == DT_REG)
-            folder->files.append(std::move(file));
-        else if (!isExcluded(folder->relative.isEmpty() ? file.name : folder->relative + '/' + file.name))
-            folder->subfolders.append(file.name);
+        if (type == DT_REG) {
+            folder->files.append({folder->names.size(), st});
+            folder->names.append(name, qsizetype(std::strlen(name)) + 1);
+        } else if (type == DT_DIR) {
+            const QByteArray subfolder(name);
+            if (!isExcluded(folder->relative.isEmpty() ? subfolder : folder->relative + '/' + subfolder))
+                folder->subfolders.append(subfolder);
+        }
     }
     ::closedir(dir);
     return true;

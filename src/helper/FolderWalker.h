@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QMutex>
 
 #include <functional>
 #include <sys/stat.h>
@@ -16,14 +17,16 @@ class FolderWalker
 {
 public:
     struct File {
-        QByteArray name;
+        qsizetype nameAt; // in Folder::names
         struct stat st;
     };
     struct Folder {
         QByteArray relative;
         int fd = -1; // open while the visitor runs
         QList<File> files; // regular files, with their status
+        QByteArray names; // of the files, each ending in a NUL: one allocation, not one per file
         QList<QByteArray> subfolders; // names
+        QByteArray name(const File &file) const { return QByteArray(names.constData() + file.nameAt); }
     };
     // Items that could not be opened, told once per pass rather than lost silently.
     struct Unreadable {
@@ -42,7 +45,7 @@ public:
     // for the exclusion rules.
     FolderWalker(int rootFd, const QByteArray &rootPath);
 
-    // Visits start and everything below it.
+    // Visits start and everything below it, on the calling thread, reading on two.
     void walk(const QByteArray &start, const Visitor &visit);
     // Visits only start; false when it cannot be opened (or is on another file system).
     bool list(const QByteArray &start, const Visitor &visit);
@@ -57,10 +60,15 @@ public:
     const Unreadable &unreadable() const { return m_unreadable; }
 
 private:
+    // Folders read but not yet visited: enough to keep the reading thread busy, few enough open
+    // descriptors.
+    static constexpr std::size_t kReadAhead = 16;
+
     bool read(Folder *folder);
 
     int m_rootFd;
     QByteArray m_rootPath;
     dev_t m_device = 0;
+    QMutex m_unreadableLock; // read() runs on two threads
     Unreadable m_unreadable;
 };

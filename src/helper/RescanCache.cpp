@@ -7,6 +7,8 @@
 #include <QDir>
 #include <QFile>
 
+#include <algorithm>
+
 namespace {
 
 constexpr char kMagic[] = "VantorRescanCache3\n";
@@ -58,29 +60,33 @@ QString RescanCache::path()
 
 bool RescanCache::load()
 {
-    m_entries.clear();
+    m_records.clear();
+    m_index.clear();
     m_dirty = false;
     QFile file(path());
     if (!file.open(QIODevice::ReadOnly))
         return false;
     const QByteArray bytes = file.readAll();
     const qsizetype body = bytes.size() - kMagicSize - kHashSize;
-    if (body < 0 || body % kRecordSize != 0 || !bytes.startsWith(QByteArrayView(kMagic, kMagicSize))
+    if (body < 0 || body % kRecordSize != 0 || body / kRecordSize >= kEmpty / 2
+        || !bytes.startsWith(QByteArrayView(kMagic, kMagicSize))
         || checksum(QByteArrayView(bytes).first(bytes.size() - kHashSize)) != QByteArrayView(bytes).last(kHashSize)) {
         qCWarning(lcHelper, "the rescan cache %s is damaged; it is rebuilt by the next rescan",
                   qPrintable(file.fileName()));
         return false;
     }
-    m_entries.reserve(body / kRecordSize);
+    m_records.reserve(std::size_t(body / kRecordSize));
     for (const char *at = bytes.constData() + kMagicSize; at < bytes.constData() + kMagicSize + body;
          at += kRecordSize) {
-        Entry entry{qint64(get(at + 16)),
-                    qint64(get(at + 24)),
-                    qint64(get(at + 32)),
-                    {qint64(get(at + 40)), qint64(get(at + 48))},
-                    false};
-        m_entries.insert({get(at), get(at + 8)}, entry);
+        m_records.push_back({get(at),
+                             get(at + 8),
+                             qint64(get(at + 16)),
+                             qint64(get(at + 24)),
+                             qint64(get(at + 32)),
+                             {qint64(get(at + 40)), qint64(get(at + 48))},
+                             false});
     }
+    rebuildIndex();
     return true;
 }
 
@@ -94,23 +100,26 @@ bool RescanCache::save(bool prune)
     const QString dir = QFileInfo(file).absolutePath();
     QDir().mkpath(dir);
     QFile::setPermissions(dir, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    QByteArray bytes(kMagic, kMagicSize);
-    bytes.reserve(kMagicSize + m_entries.size() * kRecordSize + kHashSize);
-    char record[kRecordSize];
-    for (auto it = m_entries.begin(); it != m_entries.end();) {
-        if (prune && !it->seen) {
-            it = m_entries.erase(it);
-            continue;
+    if (prune) {
+        const auto gone = std::remove_if(m_records.begin(), m_records.end(), [](const Record &r) { return !r.seen; });
+        if (gone != m_records.end()) {
+            m_records.erase(gone, m_records.end());
+            m_records.shrink_to_fit();
+            rebuildIndex();
         }
-        put(record, it.key().device);
-        put(record + 8, it.key().inode);
-        put(record + 16, quint64(it->size));
-        put(record + 24, quint64(it->changeSeconds));
-        put(record + 32, quint64(it->changeNanoseconds));
-        put(record + 40, quint64(it->figures.savings));
-        put(record + 48, quint64(it->figures.shared));
+    }
+    QByteArray bytes(kMagic, kMagicSize);
+    bytes.reserve(kMagicSize + qsizetype(m_records.size()) * kRecordSize + kHashSize);
+    char record[kRecordSize];
+    for (const Record &r : m_records) {
+        put(record, r.device);
+        put(record + 8, r.inode);
+        put(record + 16, quint64(r.size));
+        put(record + 24, quint64(r.changeSeconds));
+        put(record + 32, quint64(r.changeNanoseconds));
+        put(record + 40, quint64(r.figures.savings));
+        put(record + 48, quint64(r.figures.shared));
         bytes.append(record, kRecordSize);
-        ++it;
     }
     bytes += checksum(bytes);
     QString error;
@@ -122,19 +131,67 @@ bool RescanCache::save(bool prune)
     return true;
 }
 
+quint32 *RescanCache::slot(quint64 device, quint64 inode)
+{
+    quint64 hash = (inode ^ (device * 0x9e3779b97f4a7c15ULL)) * 0xff51afd7ed558ccdULL;
+    hash ^= hash >> 29;
+    const std::size_t mask = m_index.size() - 1;
+    for (std::size_t i = std::size_t(hash) & mask;; i = (i + 1) & mask) {
+        quint32 &at = m_index[i];
+        if (at == kEmpty || (m_records[at].inode == inode && m_records[at].device == device))
+            return &at;
+    }
+}
+
+void RescanCache::rebuildIndex()
+{
+    std::size_t wanted = 16;
+    while (wanted < 2 * m_records.size() + 2)
+        wanted *= 2;
+    m_index.assign(wanted, kEmpty);
+    for (std::size_t i = 0; i < m_records.size(); ++i) {
+        quint32 *at = slot(m_records[i].device, m_records[i].inode);
+        if (*at == kEmpty)
+            *at = quint32(i);
+    }
+}
+
 std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st)
 {
-    const auto it = m_entries.find({quint64(st.st_dev), quint64(st.st_ino)});
-    if (it == m_entries.end() || it->size != st.st_size || it->changeSeconds != st.st_ctim.tv_sec
-        || it->changeNanoseconds != st.st_ctim.tv_nsec)
+    if (m_index.empty())
         return std::nullopt;
-    it->seen = true;
-    return it->figures;
+    // A rescan meets files mostly in the order they were stored: try the record after the last
+    // one found before a lookup that would likely miss the processor's cache.
+    quint32 at = m_lastFound + 1;
+    if (at >= m_records.size() || m_records[at].inode != quint64(st.st_ino)
+        || m_records[at].device != quint64(st.st_dev)) {
+        at = *slot(quint64(st.st_dev), quint64(st.st_ino));
+        if (at == kEmpty)
+            return std::nullopt;
+    }
+    m_lastFound = at;
+    Record &record = m_records[at];
+    if (record.size != st.st_size || record.changeSeconds != st.st_ctim.tv_sec
+        || record.changeNanoseconds != st.st_ctim.tv_nsec)
+        return std::nullopt;
+    record.seen = true;
+    return record.figures;
 }
 
 void RescanCache::insert(const struct stat &st, Figures figures)
 {
-    m_entries.insert({quint64(st.st_dev), quint64(st.st_ino)},
-                     {st.st_size, st.st_ctim.tv_sec, st.st_ctim.tv_nsec, figures, true});
+    const Record record{
+        quint64(st.st_dev), quint64(st.st_ino), st.st_size, st.st_ctim.tv_sec, st.st_ctim.tv_nsec, figures, true};
     m_dirty = true;
+    if (!m_index.empty()) {
+        if (quint32 *at = slot(record.device, record.inode); *at != kEmpty) {
+            m_records[*at] = record;
+            return;
+        }
+    }
+    m_records.push_back(record);
+    if (2 * m_records.size() + 2 > m_index.size())
+        rebuildIndex();
+    else
+        *slot(record.device, record.inode) = quint32(m_records.size() - 1);
 }

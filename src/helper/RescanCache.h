@@ -1,10 +1,10 @@
 #pragma once
 
 #include <QByteArray>
-#include <QHash>
 #include <QString>
 
 #include <optional>
+#include <vector>
 #include <sys/stat.h>
 
 // What the helper already knows about files it has handled, so a rescan recognises them
@@ -21,14 +21,6 @@ public:
         qint64 savings = 0;
         qint64 shared = 0;
     };
-    struct Entry {
-        qint64 size = 0;
-        qint64 changeSeconds = 0;
-        qint64 changeNanoseconds = 0;
-        Figures figures;
-        bool seen = false; // looked up or stored since the helper started
-    };
-
     static QString path();
 
     // Reads the file; false (and an empty cache) when it is missing or damaged.
@@ -40,16 +32,28 @@ public:
     std::optional<Figures> find(const struct stat &st);
     void insert(const struct stat &st, Figures figures);
     bool isDirty() const { return m_dirty; }
-    qsizetype size() const { return m_entries.size(); }
+    qsizetype size() const { return qsizetype(m_records.size()); }
 
 private:
-    struct Key {
-        quint64 device;
-        quint64 inode;
-        bool operator==(const Key &) const = default;
+    // A rescan looks up every file: fixed-size records in one array and an open-addressing
+    // index of 32-bit positions into it keep that a couple of memory reads per file, and the
+    // memory a few dozen bytes per file.
+    struct Record {
+        quint64 device = 0;
+        quint64 inode = 0;
+        qint64 size = 0;
+        qint64 changeSeconds = 0;
+        qint64 changeNanoseconds = 0;
+        Figures figures;
+        bool seen = false; // looked up or stored since the helper started
     };
-    friend size_t qHash(const Key &key, size_t seed) { return qHashMulti(seed, key.device, key.inode); }
+    static constexpr quint32 kEmpty = 0xffffffffu;
 
-    QHash<Key, Entry> m_entries;
+    quint32 *slot(quint64 device, quint64 inode);
+    void rebuildIndex();
+
+    std::vector<Record> m_records;
+    std::vector<quint32> m_index; // positions in m_records; a power of two, at most half full
+    quint32 m_lastFound = kEmpty;
     bool m_dirty = false;
 };

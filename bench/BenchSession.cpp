@@ -1,0 +1,114 @@
+#include "BenchSession.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <cstdio>
+#include <iterator>
+#include <unistd.h>
+
+BenchSession::BenchSession(const char *name)
+    : m_name(name)
+{
+    if (::geteuid() != 0) {
+        std::printf("%s: SKIP: mounting a btrfs image needs root\n", m_name);
+        return;
+    }
+    // Everything the helper sees is private to this run: its own home and its own session bus.
+    const QString home = root() + QStringLiteral("/home");
+    for (const char *sub : {"/.local/share/Vantor", "/.local/state", "/.config", "/.cache"})
+        QDir().mkpath(home + QLatin1String(sub));
+    QDir().mkpath(root() + QStringLiteral("/runtime"));
+    qputenv("HOME", QFile::encodeName(home));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(home + QStringLiteral("/.local/share")));
+    qputenv("XDG_STATE_HOME", QFile::encodeName(home + QStringLiteral("/.local/state")));
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(home + QStringLiteral("/.config")));
+    qputenv("XDG_CACHE_HOME", QFile::encodeName(home + QStringLiteral("/.cache")));
+    qputenv("XDG_RUNTIME_DIR", QFile::encodeName(root() + QStringLiteral("/runtime")));
+
+    m_bus.start(QStringLiteral("dbus-daemon"),
+                {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+    if (!m_bus.waitForReadyRead(10000)) {
+        std::printf("%s: SKIP: cannot start a session bus\n", m_name);
+        return;
+    }
+    qputenv("DBUS_SESSION_BUS_ADDRESS", m_bus.readLine().trimmed());
+    m_ready = true;
+}
+
+BenchSession::~BenchSession()
+{
+    while (!m_mounts.isEmpty())
+        unmount(m_mounts.last());
+    if (m_bus.state() != QProcess::NotRunning) {
+        m_bus.kill();
+        m_bus.waitForFinished();
+    }
+    std::fflush(stdout);
+}
+
+QString BenchSession::store() const
+{
+    return root() + QStringLiteral("/home/.local/share/Vantor/history.db");
+}
+
+QString BenchSession::log() const
+{
+    return root() + QStringLiteral("/home/.local/state/vantor/VantorHelper.log");
+}
+
+bool BenchSession::mountBtrfs(const QString &image, const QString &mountPoint, qint64 size)
+{
+    QDir().mkpath(mountPoint);
+    QFile file(image);
+    if (!file.open(QIODevice::WriteOnly) || !file.resize(size)) {
+        std::printf("%s: SKIP: cannot make %s\n", m_name, qPrintable(image));
+        return false;
+    }
+    file.close();
+    if (!run(QStringLiteral("mkfs.btrfs"), {QStringLiteral("-q"), image})
+        || !run(QStringLiteral("mount"), {QStringLiteral("-o"), QStringLiteral("loop"), image, mountPoint})) {
+        std::printf("%s: SKIP: cannot mount a btrfs image here\n", m_name);
+        return false;
+    }
+    m_mounts.append(mountPoint);
+    return true;
+}
+
+void BenchSession::unmount(const QString &mountPoint)
+{
+    if (!m_mounts.removeAll(mountPoint))
+        return;
+    // The loop device goes with it: mount -o loop set it to clear itself. Tried once: a mount
+    // still in use is told on standard error, not waited for.
+    run(QStringLiteral("umount"), {mountPoint});
+}
+
+bool BenchSession::run(const QString &program, const QStringList &arguments, QByteArray *output)
+{
+    QProcess process;
+    process.start(program, arguments);
+    const bool ok =
+        process.waitForFinished(600000) && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    const QByteArray all = process.readAllStandardOutput();
+    if (output)
+        *output = all;
+    if (!ok)
+        std::fprintf(stderr, "%s %s failed: %s\n", qPrintable(program), qPrintable(arguments.join(u' ')),
+                     process.readAllStandardError().constData());
+    return ok;
+}
+
+QByteArray BenchSession::text(qint64 size, QRandomGenerator &random)
+{
+    static const char *const words[] = {
+        "the ",    "space ",       "saved ",       "by ",    "compression ", "folder ",
+        "report ", "of ",          "disk\n",       "which ", "figures ",     "and ",
+        "notes. ", "int main() {", "return 0;}\n", "zstd ",  "record ",      "status = 100;\n"};
+    QByteArray bytes;
+    bytes.reserve(size + 16);
+    while (bytes.size() < size)
+        bytes += words[random.bounded(int(std::size(words)))];
+    bytes.truncate(size);
+    return bytes;
+}

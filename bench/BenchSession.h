@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+// What the helper's benchmarks share: a private home and session bus for the helper they start,
+// and btrfs images mounted on loop devices for it to work on. Make it before the
+// QCoreApplication, so that everything made after it sees the private environment; it unmounts
+// and ends the bus when it goes.
+class BenchSession
+{
+public:
+    // name: the benchmark's, for its messages.
+    explicit BenchSession(const char *name);
+    ~BenchSession();
+    BenchSession(const BenchSession &) = delete;
+    BenchSession &operator=(const BenchSession &) = delete;
+
+    // False, after saying why on standard output, when the machine cannot run the benchmark
+    // (not root, no session bus); the benchmark then ends with 0 as skipped.
+    bool isReady() const { return m_ready; }
+
+    QString root() const { return m_work.path(); }
+    QString store() const; // the helper's history.db
+    QString log() const; // the helper's log file
+
+    // Makes an image of size bytes below root, with btrfs, and mounts it on mountPoint (made
+    // here); false, saying so, when that cannot be done.
+    bool mountBtrfs(const QString &image, const QString &mountPoint, qint64 size);
+    // Unmounts what mountBtrfs mounted there, if anything.
+    void unmount(const QString &mountPoint);
+
+    // Runs program to its end; false, with its standard error, unless it exits with 0.
+    static bool run(const QString &program, const QStringList &arguments, QByteArray *output = nullptr);
+    // size bytes of text of a few words, compressible as prose and source code are.
+    static QByteArray text(qint64 size, QRandomGenerator &random);
+
+private:
+    const char *m_name;
+    QTemporaryDir m_work;
+    QProcess m_bus;
+    QStringList m_mounts;
+    bool m_ready = false;
+};
