@@ -7,6 +7,7 @@
 #include "common/VTUtil.h"
 #include "helper/FolderWatch.h"
 #include "helper/FreeSpaceGuard.h"
+#include "helper/RescanSchedule.h"
 #include "helper/SavingsModel.h"
 #include "helper/SettleQueue.h"
 #include "helper/HelperLog.h"
@@ -29,6 +30,8 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     , m_settle(settle)
     , m_worker(new CompressionWorker(watch, this))
     , m_space(new FreeSpaceGuard(this))
+    , m_rescan(
+          new RescanSchedule([this] { return isBusy(); }, RescanSchedule::kIntervalMs, RescanSchedule::kDeferMs, this))
 {
     connect(m_worker, &CompressionWorker::progress, this, &CompressionEngine::progress);
     connect(m_worker, &CompressionWorker::finished, this, &CompressionEngine::finished);
@@ -46,10 +49,8 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     });
     connect(m_savings, &SavingsModel::recordVanished, this, &CompressionEngine::forget);
     // Changes the watch could not see (made while the helper was not looking, or past the
-    // limits) are found by an occasional rescan; a timer hours apart, not polling.
-    m_rescan.setInterval(kRescanIntervalMs);
-    connect(&m_rescan, &QTimer::timeout, m_worker, &CompressionWorker::rescanAll);
-    m_rescan.start();
+    // limits) are found by an occasional rescan at idle; a timer hours apart, not polling.
+    connect(m_rescan, &RescanSchedule::due, m_worker, &CompressionWorker::rescanAll);
     m_worker->start();
 }
 
@@ -133,6 +134,17 @@ void CompressionEngine::forget(qint64 id)
     if (it->fd >= 0)
         ::close(it->fd);
     m_folders.erase(it);
+}
+
+bool CompressionEngine::isBusy() const
+{
+    if (!m_settle->isEmpty())
+        return true;
+    for (auto it = m_folders.cbegin(); it != m_folders.cend(); ++it) {
+        if (m_worker->isBusy(it.key()))
+            return true;
+    }
+    return false;
 }
 
 void CompressionEngine::removeFolder(qint64 id)

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QObject>
+#include <QTimer>
+
+#include <functional>
+
+// When the occasional rescan of every watched folder runs: every few hours, and then only
+// at idle. A rescan due while the helper still has work queued, or while the machine is
+// busier than its cores (the 1-minute load average), waits for the next, shorter turn of
+// the same timer. Nothing else wakes the helper: one single-shot timer, never a loop.
+class RescanSchedule : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr int kIntervalMs = 4 * 60 * 60 * 1000;
+    static constexpr int kDeferMs = 10 * 60 * 1000;
+
+    // busy: whether the helper has work queued or in hand.
+    RescanSchedule(std::function<bool()> busy, int intervalMs = kIntervalMs, int deferMs = kDeferMs,
+                   QObject *parent = nullptr);
+
+    // Whether the machine has more runnable work than cores.
+    static bool isMachineBusy();
+
+Q_SIGNALS:
+    void due();
+
+private:
+    void tick();
+
+    std::function<bool()> m_busy;
+    int m_intervalMs;
+    int m_deferMs;
+    QTimer m_timer;
+};
