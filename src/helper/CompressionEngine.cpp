@@ -218,9 +218,10 @@ void CompressionEngine::watchLimitReached(qint64 id)
     if (it == m_folders.cend())
         return;
     qCWarning(lcHelper,
-              "the watch limit (fs.inotify.max_user_watches = %d) is reached; \"%s\" is rescanned "
-              "every %d minutes instead of followed",
-              FolderWatch::limit(), qPrintable(it->path), kLimitedRescanMs / 60000);
+              "the watch limit is reached at %lld watches (fs.inotify.max_user_watches = %d); \"%s\" is "
+              "rescanned every %d minutes instead of followed",
+              static_cast<long long>(m_watch->count()), FolderWatch::limit(), qPrintable(it->path),
+              kLimitedRescanMs / 60000);
     if (m_limited.contains(id))
         return;
     m_limited.insert(id);
@@ -241,6 +242,11 @@ void CompressionEngine::overflowed()
     qCWarning(lcHelper,
               "changes came faster than they could be read and some were lost; "
               "every watched folder is rescanned");
+    // Work waits for every folder now.
+    for (auto it = m_folders.cbegin(); it != m_folders.cend(); ++it) {
+        if (it->status >= 100)
+            report(it.key(), 99, it->savings, false);
+    }
     m_worker->rescanAll();
 }
 

@@ -48,6 +48,12 @@ int FolderWatch::limit()
     return lowest;
 }
 
+qsizetype FolderWatch::count() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_places.size();
+}
+
 FolderWatch::Result FolderWatch::watch(qint64 id, const QByteArray &relative, int fd)
 {
     if (m_fd < 0)

@@ -32,8 +32,10 @@ public:
     void unwatch(qint64 id, const QByteArray &relative);
     void unwatchAll(qint64 id);
 
-    // The per-user watch limit, for the log.
+    // The per-user watch limit, for the log. In a nested user namespace a parent's lower
+    // limit may hold instead, which only the count of watches held shows.
     static int limit();
+    qsizetype count() const;
 
 Q_SIGNALS:
     // Something in this folder was created, written and closed, moved in or out, removed,

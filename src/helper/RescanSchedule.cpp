@@ -23,7 +23,7 @@ bool RescanSchedule::isMachineBusy()
 
 void RescanSchedule::tick()
 {
-    if (m_busy() || isMachineBusy()) {
+    if (m_busy()) {
         m_timer.start(m_deferMs);
         return;
     }

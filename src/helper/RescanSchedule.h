@@ -6,9 +6,8 @@
 #include <functional>
 
 // When the occasional rescan of every watched folder runs: every few hours, and then only
-// at idle. A rescan due while the helper still has work queued, or while the machine is
-// busier than its cores (the 1-minute load average), waits for the next, shorter turn of
-// the same timer. Nothing else wakes the helper: one single-shot timer, never a loop.
+// at idle. A rescan due while the helper is busy waits for the next, shorter turn of the
+// same timer. Nothing else wakes the helper: one single-shot timer, never a loop.
 class RescanSchedule : public QObject
 {
     Q_OBJECT
@@ -16,11 +15,11 @@ public:
     static constexpr int kIntervalMs = 4 * 60 * 60 * 1000;
     static constexpr int kDeferMs = 10 * 60 * 1000;
 
-    // busy: whether the helper has work queued or in hand.
+    // busy: whether the rescan should wait (work queued, or the machine busy).
     RescanSchedule(std::function<bool()> busy, int intervalMs = kIntervalMs, int deferMs = kDeferMs,
                    QObject *parent = nullptr);
 
-    // Whether the machine has more runnable work than cores.
+    // Whether the 1-minute load average is above the number of cores.
     static bool isMachineBusy();
 
 Q_SIGNALS:
