@@ -7,6 +7,7 @@
 #include "common/VTUtil.h"
 #include "helper/FolderWatch.h"
 #include "helper/FreeSpaceGuard.h"
+#include "helper/RescanSchedule.h"
 #include "helper/SavingsModel.h"
 #include "helper/SettleQueue.h"
 #include "helper/HelperLog.h"
@@ -29,6 +30,8 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     , m_settle(settle)
     , m_worker(new CompressionWorker(watch, this))
     , m_space(new FreeSpaceGuard(this))
+    , m_rescan(
+          new RescanSchedule([this] { return isBusy(); }, RescanSchedule::kIntervalMs, RescanSchedule::kDeferMs, this))
 {
     connect(m_worker, &CompressionWorker::progress, this, &CompressionEngine::progress);
     connect(m_worker, &CompressionWorker::finished, this, &CompressionEngine::finished);
@@ -46,10 +49,8 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     });
     connect(m_savings, &SavingsModel::recordVanished, this, &CompressionEngine::forget);
     // Changes the watch could not see (made while the helper was not looking, or past the
-    // limits) are found by an occasional rescan; a timer hours apart, not polling.
-    m_rescan.setInterval(kRescanIntervalMs);
-    connect(&m_rescan, &QTimer::timeout, m_worker, &CompressionWorker::rescanAll);
-    m_rescan.start();
+    // limits) are found by an occasional rescan at idle; a timer hours apart, not polling.
+    connect(m_rescan, &RescanSchedule::due, m_worker, &CompressionWorker::rescanAll);
     m_worker->start();
 }
 
@@ -135,6 +136,17 @@ void CompressionEngine::forget(qint64 id)
     m_folders.erase(it);
 }
 
+bool CompressionEngine::isBusy() const
+{
+    if (!m_settle->isEmpty())
+        return true;
+    for (auto it = m_folders.cbegin(); it != m_folders.cend(); ++it) {
+        if (m_worker->isBusy(it.key()))
+            return true;
+    }
+    return false;
+}
+
 void CompressionEngine::removeFolder(qint64 id)
 {
     forget(id);
@@ -206,9 +218,10 @@ void CompressionEngine::watchLimitReached(qint64 id)
     if (it == m_folders.cend())
         return;
     qCWarning(lcHelper,
-              "the watch limit (fs.inotify.max_user_watches = %d) is reached; \"%s\" is rescanned "
-              "every %d minutes instead of followed",
-              FolderWatch::limit(), qPrintable(it->path), kLimitedRescanMs / 60000);
+              "the watch limit is reached at %lld watches (fs.inotify.max_user_watches = %d); \"%s\" is "
+              "rescanned every %d minutes instead of followed",
+              static_cast<long long>(m_watch->count()), FolderWatch::limit(), qPrintable(it->path),
+              kLimitedRescanMs / 60000);
     if (m_limited.contains(id))
         return;
     m_limited.insert(id);
@@ -229,6 +242,11 @@ void CompressionEngine::overflowed()
     qCWarning(lcHelper,
               "changes came faster than they could be read and some were lost; "
               "every watched folder is rescanned");
+    // Work waits for every folder now.
+    for (auto it = m_folders.cbegin(); it != m_folders.cend(); ++it) {
+        if (it->status >= 100)
+            report(it.key(), 99, it->savings, false);
+    }
     m_worker->rescanAll();
 }
 

@@ -10,6 +10,7 @@ class CompressionWorker;
 class DesktopNotifier;
 class FolderWatch;
 class FreeSpaceGuard;
+class RescanSchedule;
 class SavingsModel;
 class SettleQueue;
 
@@ -24,7 +25,6 @@ class CompressionEngine : public QObject
 {
     Q_OBJECT
 public:
-    static constexpr int kRescanIntervalMs = 4 * 60 * 60 * 1000;
     // While the watch limit keeps part of a folder unwatched.
     static constexpr int kLimitedRescanMs = 15 * 60 * 1000;
 
@@ -65,6 +65,7 @@ private:
     void roomAgain(qint64 id);
     // Tells the user, and the log, in the same words.
     void tell(const QString &summary, const QString &body);
+    bool isBusy() const;
 
     SavingsModel *m_savings;
     DesktopNotifier *m_notifier;
@@ -73,7 +74,7 @@ private:
     CompressionWorker *m_worker;
     FreeSpaceGuard *m_space;
     QHash<qint64, Folder> m_folders;
-    QTimer m_rescan;
+    RescanSchedule *m_rescan;
     QSet<qint64> m_limited;
     // Told once: about shared data per folder, about a full disk per wait.
     QSet<qint64> m_toldShared;

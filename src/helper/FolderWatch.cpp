@@ -37,8 +37,21 @@ FolderWatch::~FolderWatch()
 
 int FolderWatch::limit()
 {
-    QFile file(QStringLiteral("/proc/sys/fs/inotify/max_user_watches"));
-    return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toInt() : 0;
+    // The system's limit, or a lower one of the user namespace the helper runs in.
+    int lowest = 0;
+    for (const char *path : {"/proc/sys/fs/inotify/max_user_watches", "/proc/sys/user/max_inotify_watches"}) {
+        QFile file(QString::fromLatin1(path));
+        const int value = file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toInt() : 0;
+        if (value > 0 && (lowest == 0 || value < lowest))
+            lowest = value;
+    }
+    return lowest;
+}
+
+qsizetype FolderWatch::count() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_places.size();
 }
 
 FolderWatch::Result FolderWatch::watch(qint64 id, const QByteArray &relative, int fd)
@@ -51,8 +64,14 @@ FolderWatch::Result FolderWatch::watch(qint64 id, const QByteArray &relative, in
     if (wd < 0)
         return errno == ENOSPC ? Result::LimitReached : Result::Failed;
     QMutexLocker locker(&m_lock);
-    m_places.insert(wd, {id, relative});
-    m_watches[id].insert(relative, wd);
+    QHash<QByteArray, int> &watches = m_watches[id];
+    const int old = watches.value(relative, -1);
+    if (old == wd)
+        return Result::Watched;
+    if (old >= 0)
+        release(old, id, relative); // the folder was replaced by another one of that name
+    m_places[wd].append({id, relative});
+    watches.insert(relative, wd);
     return Result::Watched;
 }
 
@@ -79,8 +98,7 @@ void FolderWatch::unwatch(qint64 id, const QByteArray &relative)
             ++it;
             continue;
         }
-        ::inotify_rm_watch(m_fd, it.value());
-        m_places.remove(it.value());
+        release(it.value(), id, it.key());
         it = folder->erase(it);
     }
     if (folder->isEmpty())
@@ -92,16 +110,30 @@ void FolderWatch::unwatchAll(qint64 id)
     unwatch(id, QByteArray());
 }
 
+void FolderWatch::release(int wd, qint64 id, const QByteArray &relative)
+{
+    const auto it = m_places.find(wd);
+    if (it == m_places.end())
+        return;
+    it->removeIf([&](const Place &place) { return place.id == id && place.relative == relative; });
+    if (!it->isEmpty())
+        return; // another record still hears it
+    ::inotify_rm_watch(m_fd, wd);
+    m_places.erase(it);
+}
+
 void FolderWatch::forget(int wd)
 {
     QMutexLocker locker(&m_lock);
-    const auto place = m_places.constFind(wd);
-    if (place == m_places.cend())
+    const auto places = m_places.constFind(wd);
+    if (places == m_places.cend())
         return;
-    auto folder = m_watches.find(place->id);
-    if (folder != m_watches.end() && folder->value(place->relative) == wd)
-        folder->remove(place->relative);
-    m_places.erase(place);
+    for (const Place &place : *places) {
+        auto folder = m_watches.find(place.id);
+        if (folder != m_watches.end() && folder->value(place.relative) == wd)
+            folder->remove(place.relative);
+    }
+    m_places.erase(places);
 }
 
 void FolderWatch::readEvents()
@@ -125,28 +157,27 @@ void FolderWatch::readEvents()
                 forget(event->wd);
                 continue;
             }
-            Place place;
+            QList<Place> places;
             {
                 QMutexLocker locker(&m_lock);
-                const auto it = m_places.constFind(event->wd);
-                if (it == m_places.cend())
+                places = m_places.value(event->wd);
+            }
+            for (const Place &place : std::as_const(places)) {
+                if (event->mask & (IN_MOVE_SELF | IN_DELETE_SELF)) {
+                    // A folder below is reported by its parent; only a watched folder itself matters.
+                    if (place.relative.isEmpty())
+                        moved.insert(place.id);
                     continue;
-                place = *it;
+                }
+                // Attributes of a folder are ours (the compression property) or of no interest.
+                if ((event->mask & IN_ATTRIB) && ((event->mask & IN_ISDIR) || event->len == 0))
+                    continue;
+                if ((event->mask & IN_ISDIR) && (event->mask & (IN_MOVED_FROM | IN_DELETE))) {
+                    const QByteArray name(event->name);
+                    unwatch(place.id, place.relative.isEmpty() ? name : place.relative + '/' + name);
+                }
+                changes.insert({place.id, place.relative});
             }
-            if (event->mask & (IN_MOVE_SELF | IN_DELETE_SELF)) {
-                // A folder below is reported by its parent; only the watched folder itself matters.
-                if (place.relative.isEmpty())
-                    moved.insert(place.id);
-                continue;
-            }
-            // Attributes of a folder are ours (the compression property) or of no interest.
-            if ((event->mask & IN_ATTRIB) && ((event->mask & IN_ISDIR) || event->len == 0))
-                continue;
-            if ((event->mask & IN_ISDIR) && (event->mask & (IN_MOVED_FROM | IN_DELETE))) {
-                const QByteArray name(event->name);
-                unwatch(place.id, place.relative.isEmpty() ? name : place.relative + '/' + name);
-            }
-            changes.insert({place.id, place.relative});
         }
     }
     if (overflow)

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QHash>
+#include <QList>
 #include <QMutex>
 #include <QObject>
 
@@ -11,8 +12,10 @@ class QSocketNotifier;
 // and which works alike on every kernel the helper runs on. inotify watches one folder per
 // watch, so every folder below a watched one is added as the walker finds it. Folders are
 // named by the watched folder's record id and their path relative to it, so a watched
-// folder that moves needs no change here. Nothing is polled: the descriptor wakes the
-// event loop only when something happened.
+// folder that moves needs no change here. A folder inside two watched folders has one
+// inotify watch (the kernel gives one per inode) heard by both records, and the watch goes
+// only when neither wants it. Nothing is polled: the descriptor wakes the event loop only
+// when something happened.
 class FolderWatch : public QObject
 {
     Q_OBJECT
@@ -29,8 +32,10 @@ public:
     void unwatch(qint64 id, const QByteArray &relative);
     void unwatchAll(qint64 id);
 
-    // The per-user watch limit, for the log.
+    // The per-user watch limit, for the log. In a nested user namespace a parent's lower
+    // limit may hold instead, which only the count of watches held shows.
     static int limit();
+    qsizetype count() const;
 
 Q_SIGNALS:
     // Something in this folder was created, written and closed, moved in or out, removed,
@@ -48,11 +53,13 @@ private:
     };
     void readEvents();
     void forget(int wd);
+    // With m_lock held.
+    void release(int wd, qint64 id, const QByteArray &relative);
     static bool isBelow(const QByteArray &path, const QByteArray &folder);
 
     int m_fd = -1;
     QSocketNotifier *m_notifier = nullptr;
     mutable QMutex m_lock;
-    QHash<int, Place> m_places;
+    QHash<int, QList<Place>> m_places; // the records hearing each watch
     QHash<qint64, QHash<QByteArray, int>> m_watches;
 };

@@ -22,6 +22,7 @@ public:
     void add(qint64 id, const QByteArray &relative, qint64 delayMs = kSettleMs);
     void remove(qint64 id);
     bool isWaiting(qint64 id) const;
+    bool isEmpty() const { return m_waiting.isEmpty(); }
 
 Q_SIGNALS:
     void settled(qint64 id, const QByteArray &relative);

@@ -1,4 +1,5 @@
 #include "LoopMount.h"
+#include "TestFiles.h"
 
 #include <QDir>
 #include <QFile>
@@ -64,4 +65,42 @@ bool LoopMount::mount()
         return false;
     m_mounted = true;
     return true;
+}
+
+qint64 LoopMount::usage(const QString &field) const
+{
+    TestFiles::run(QStringLiteral("sync"), {});
+    const QString out =
+        TestFiles::run(QStringLiteral("btrfs"),
+                       {QStringLiteral("filesystem"), QStringLiteral("usage"), QStringLiteral("-b"), m_mountPoint});
+    for (const QString &line : out.split(u'\n')) {
+        if (line.trimmed().startsWith(field))
+            return line.mid(line.indexOf(field) + field.size()).simplified().section(u' ', 0, 0).toLongLong();
+    }
+    return -1;
+}
+
+qint64 LoopMount::compsizeSavings(const QString &path)
+{
+    TestFiles::run(QStringLiteral("sync"), {});
+    const QStringList total = TestFiles::run(QStringLiteral("compsize"), {QStringLiteral("-b"), path})
+                                  .split(u'\n')
+                                  .filter(QStringLiteral("TOTAL"))
+                                  .value(0)
+                                  .simplified()
+                                  .split(u' ');
+    return total.size() >= 4 ? total.at(3).toLongLong() - total.at(2).toLongLong() : -1;
+}
+
+bool LoopMount::isCompressed(const QString &path)
+{
+    TestFiles::run(QStringLiteral("sync"), {});
+    return TestFiles::run(QStringLiteral("compsize"), {path}).contains(QLatin1String("zstd"));
+}
+
+qint64 LoopMount::exclusiveBytes(const QString &path)
+{
+    const QString out = TestFiles::run(
+        QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("du"), QStringLiteral("--raw"), path});
+    return out.split(u'\n').last().simplified().section(u' ', 1, 1).toLongLong();
 }

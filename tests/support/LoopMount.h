@@ -19,6 +19,16 @@ public:
     QString reason() const { return m_reason; }
     QString mountPoint() const { return m_mountPoint; }
 
+    // Figures of tools we did not write, after everything written is committed.
+    // A field of "btrfs filesystem usage -b" ("Used:", "Free (statfs, df):").
+    qint64 usage(const QString &field) const;
+    // What compression saves in path: "Uncompressed" less "Disk Usage" of compsize -b.
+    static qint64 compsizeSavings(const QString &path);
+    // Whether compsize finds zstd extents in path (given as text: compsize's arguments are).
+    static bool isCompressed(const QString &path);
+    // Bytes a file keeps to itself, as "btrfs filesystem du" tells from FIEMAP.
+    static qint64 exclusiveBytes(const QString &path);
+
 private:
     bool run(const QString &program, const QStringList &arguments);
 
