@@ -1,7 +1,5 @@
-// The host's window and its pane's lifecycle; then vantor-preferences as a user starts it, a
-// real process on the test's session bus: the installed host, the faults it reports, the
-// relaunch tool and the host coming back after an update, and the login items it prepares,
-// started by the session's autostart runner (dex).
+// The host's window and pane lifecycle; then vantor-preferences as a real process on the test's
+// bus: installed, its faults, the relaunch tool, and the login items dex starts.
 #include "common/BDAlias.h"
 #include "common/HelperIdentity.h"
 #include "common/Notifications.h"
@@ -95,7 +93,7 @@ private Q_SLOTS:
         QCOMPARE(QProcess::execute(u"cmake"_s,
                                    {u"--install"_s, qEnvironmentVariable("VANTOR_BUILD_DIR"), u"--prefix"_s, prefix}),
                  0);
-        const Run run =
+        const auto run =
             TestEnvironment::run(prefix + u"/bin/vantor-preferences"_s, {u"--screenshot"_s, png()}, environment());
         QCOMPARE(run.exitCode, 0);
         QCOMPARE(run.out.trimmed(), u"vantor-preferences: wrote %1"_s.arg(png()));
@@ -103,7 +101,7 @@ private Q_SLOTS:
         QVERIFY(image.width() >= 700 && image.height() >= 400);
 
         // The pane ran, and its first run is done.
-        QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()),
+        QCOMPARE(TestEnvironment::pythonPlist(m_home->path() + u"/.local/share/Vantor/defaults.plist"_s),
                  u"{'active': True, 'checkUpdates': True, 'firstRun': False, "
                  "'folderAliases': [], 'runAtLogin': True, 'visible': True}"_s);
     }
@@ -123,18 +121,17 @@ private Q_SLOTS:
     void secondStartLaunchesNoSecondHelper()
     {
         const auto helpers = [] { return TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()); };
-        QCOMPARE(screenshot(environment()).exitCode, 0);
+        QCOMPARE(screenshot().exitCode, 0);
         QTRY_COMPARE(helpers().size(), 1);
         const QMap<int, QList<QByteArray>> first = helpers();
         // Started by its clean path (the helper's own output is tested with the helper).
         QCOMPARE(first.first().first(), QFile::encodeName(TestEnvironment::helperExecutable()));
-        QCOMPARE(screenshot(environment()).exitCode, 0);
+        QCOMPARE(screenshot().exitCode, 0);
         QTest::qWait(500);
         QCOMPARE(helpers().keys(), first.keys());
     }
 
-    // One clear line for each fault: a pane that cannot be loaded ends the host (exit 1); without
-    // a bus, a data folder or an installed pane the window is still drawn.
+    // One clear line per fault; only a pane that cannot be loaded ends the host.
     void faultsAreReported_data()
     {
         QTest::addColumn<int>("exitCode"); // the row's name is the fault
@@ -174,7 +171,7 @@ private Q_SLOTS:
         if (fault == "no pane installed"_L1)
             arguments = QStringList{u"--screenshot"_s, png()};
 
-        const Run run = runHost(arguments, env);
+        const auto run = TestEnvironment::run(TestEnvironment::hostExecutable(), arguments, env);
         QCOMPARE(run.exitCode, exitCode);
         QVERIFY2(run.err.count(line.replace(u'@', m_home->path())) == times, qPrintable(run.err));
         if (exitCode)
@@ -212,8 +209,7 @@ private Q_SLOTS:
 
     void startsAgainAsItWas()
     {
-        // A stand-in application: the first run waits a moment; the second writes to its output,
-        // a pipe whose reader (the tool's starter) has gone by then, and records how it was started.
+        // A stand-in application; run again, it writes to a pipe whose reader has gone.
         const QString marker = m_env.root() + u"/first-run"_s, record = m_env.root() + u"/second-run"_s;
         const QString script = m_env.root() + u"/app.sh"_s;
         TestEnvironment::writeFile(script,
@@ -245,8 +241,7 @@ private Q_SLOTS:
 
     void hostComesBackAfterUpdate()
     {
-        // No runtime folder: the private temporary folder is then made under $TMPDIR (or /tmp).
-        // A file planted in that shared folder itself under the tool's name must never run.
+        // No runtime folder: the tool's private copy goes under $TMPDIR (or /tmp); a planted one never runs.
         QFETCH(bool, sharedTmp);
         const QString tmpBase = sharedTmp ? u"/tmp"_s : m_env.root() + u"/tmp"_s;
         const QString planted = tmpBase + u"/relaunch"_s, plantedRan = m_env.root() + u"/planted-ran"_s;
@@ -293,8 +288,7 @@ private Q_SLOTS:
         QVERIFY(QFileInfo(tmpBase + u'/' + copies.first() + u"/relaunch"_s).isExecutable());
         QDir(tmpBase + u'/' + copies.first()).removeRecursively();
 
-        // The new host is nobody's child here: end it, and the helper, by hand. The new host may
-        // still be starting and launch a helper meanwhile, so end whatever is there until none is.
+        // The new host is nobody's child; it may still be launching a helper, so end all until none is.
         auto endAll = [&] {
             const QList<int> pids = TestEnvironment::processesWithEnvironment(token).keys();
             for (int pid : pids)
@@ -350,17 +344,12 @@ private:
         return env;
     }
 
-    using Run = TestEnvironment::Run;
-    Run runHost(const QStringList &args, const QProcessEnvironment &env) const
-    {
-        return TestEnvironment::run(TestEnvironment::hostExecutable(), args, env);
-    }
     QString png() const { return m_home->path() + u"/x.png"_s; }
-    Run screenshot(const QProcessEnvironment &env)
+    TestEnvironment::Run screenshot() const
     {
-        return runHost({u"--pane"_s, TestEnvironment::paneBundle(), u"--screenshot"_s, png()}, env);
+        const QStringList arguments{u"--pane"_s, TestEnvironment::paneBundle(), u"--screenshot"_s, png()};
+        return TestEnvironment::run(TestEnvironment::hostExecutable(), arguments, environment());
     }
-    QString defaultsFile() const { return m_home->path() + u"/.local/share/Vantor/defaults.plist"_s; }
     static QString relaunchTool()
     {
         return HelperIdentity::relaunchToolPath(HelperIdentity::applicationPathInPane(TestEnvironment::paneBundle()));

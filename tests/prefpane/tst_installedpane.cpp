@@ -1,5 +1,4 @@
-// An installed copy of the pane with the real workspace, the real helper process on the test's
-// own bus and the relaunch tool: the helper's control, leaving the pane and uninstalling.
+// An installed pane with the real workspace, helper and relaunch tool: leaving it and uninstalling.
 
 #include "NotificationRecorder.h"
 #include "PaneFixture.h"
@@ -13,8 +12,6 @@
 #include "platform/RunningApplication.h"
 #include "platform/Workspace.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QFileInfo>
 #include <QLabel>
@@ -32,17 +29,6 @@ namespace {
 
 const QString kListKey = u"AutoLaunchedApplicationDictionary"_s;
 
-uint nameOwnerPid()
-{
-    const QDBusReply<uint> pid = QDBusConnection::sessionBus().interface()->servicePid(HelperIdentity::busName());
-    return pid.isValid() ? pid.value() : 0;
-}
-
-bool helperOwnsItsName()
-{
-    return nameOwnerPid() != 0;
-}
-
 void writeLoginList(const QVariantList &items)
 {
     PreferencesDomain loginWindow(u"loginwindow"_s);
@@ -59,8 +45,7 @@ QByteArray snapshot(const QString &root, const QString &skip = u"-"_s)
     return find.readAllStandardOutput();
 }
 
-// As a package install is to its user: nothing in the folder or the bundle can change. Root
-// passes over modes but not over the immutable flag.
+// As a package install is to its user; root passes over modes but not over the immutable flag.
 void setLocked(const QString &folder, bool locked)
 {
     if (!locked && ::geteuid() == 0)
@@ -124,13 +109,12 @@ private Q_SLOTS:
         // Each case uninstalls a fresh copy.
         QVERIFY(install());
         m_ui->host.terminations = 0;
-        // The last case's helper has gone from the bus; its process must be gone too, or the
-        // workspace hands it back instead of starting a new one.
+        // The last helper's process must be gone too, or the workspace hands it back.
         QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::busName()).isEmpty()
-                    || helperOwnsItsName());
-        if (!helperOwnsItsName())
+                    || TestEnvironment::helperOwnsItsName());
+        if (!TestEnvironment::helperOwnsItsName())
             pane().launchHelper();
-        QTRY_VERIFY(helperOwnsItsName());
+        QTRY_VERIFY(TestEnvironment::helperOwnsItsName());
         QFile::remove(relaunchCopy());
     }
 
@@ -151,16 +135,16 @@ private Q_SLOTS:
     {
         DistributedNotificationCenter::defaultCenter()->postNotificationName(
             QLatin1String(Notifications::HelperShouldQuit));
-        QTRY_VERIFY(!helperOwnsItsName());
+        QTRY_VERIFY(!TestEnvironment::helperOwnsItsName());
     }
 
     void secondHelperLeavesTheFirst()
     {
-        const uint owner = nameOwnerPid();
+        const QList<int> first = helperProcesses();
         QProcess second;
         second.start(TestEnvironment::helperExecutable(), {});
         QVERIFY(second.waitForFinished(5000));
-        QCOMPARE(nameOwnerPid(), owner);
+        QCOMPARE(helperProcesses(), first);
         QVERIFY(helperLog().contains(u"another helper owns "_s + HelperIdentity::busName()));
     }
 
@@ -211,7 +195,7 @@ private Q_SLOTS:
 
         // Selecting the pane again brings it back.
         pane().didSelect();
-        QTRY_VERIFY(helperOwnsItsName());
+        QTRY_VERIFY(TestEnvironment::helperOwnsItsName());
         QCOMPARE(helperProcesses().size(), 1);
     }
 
@@ -226,7 +210,7 @@ private Q_SLOTS:
         QVERIFY(!sheet->isVisible());
         QTest::qWait(300);
         QCOMPARE(snapshot(m_env.root(), skip), before);
-        QVERIFY(helperOwnsItsName());
+        QVERIFY(TestEnvironment::helperOwnsItsName());
     }
 
     void uninstall_data()
@@ -256,12 +240,11 @@ private Q_SLOTS:
         if (systemWide)
             setLocked(QFileInfo(installedBundle()).path(), true);
 
-        // At the moment the login item goes, nothing else has changed yet: bundle, no tool
-        // copied, helper running.
+        // When the login item goes, the bundle, no tool copy and the helper are as they were.
         QList<bool> atLoginItem;
         const QMetaObject::Connection watch = connect(&m_ui->pane, &VantorPref::autorunAtLoginChanged, this, [&] {
             atLoginItem = {QFileInfo::exists(installedBundle() + u"/Contents/Info.plist"_s),
-                           QFileInfo::exists(relaunchCopy()), helperOwnsItsName()};
+                           QFileInfo::exists(relaunchCopy()), TestEnvironment::helperOwnsItsName()};
         });
         NotificationRecorder recorder;
         pane().confirmUninstall(nullptr);
@@ -289,7 +272,7 @@ private Q_SLOTS:
 
         // The helper is told to quit and does, from its deleted bundle.
         QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldQuit)));
-        QTRY_VERIFY(!helperOwnsItsName());
+        QTRY_VERIFY(!TestEnvironment::helperOwnsItsName());
         QCOMPARE(QFileInfo::exists(installedBundle() + u"/Contents/Info.plist"_s), systemWide);
 
         QWidget *restartSheet = pane().restartSheet;
