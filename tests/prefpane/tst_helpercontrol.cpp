@@ -205,7 +205,6 @@ private Q_SLOTS:
             << true << QVariantList{m_mail} << false << true << QVariantList{m_mail, QVariantMap()} << 1;
         QTest::newRow("on already") << true << QVariantList{m_mail, helper} << true << true
                                     << QVariantList{m_mail, helper} << 0;
-        QTest::newRow("off already") << true << QVariantList{m_mail} << true << false << QVariantList{m_mail} << 0;
         QTest::newRow("no list stays absent") << false << QVariantList() << true << true << QVariantList() << 0;
     }
     void setWritesOnlyAChange()

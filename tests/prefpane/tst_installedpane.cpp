@@ -199,20 +199,6 @@ private Q_SLOTS:
         QCOMPARE(helperProcesses().size(), 1);
     }
 
-    void cancellingChangesNothing()
-    {
-        const QString skip = m_env.home() + u"/.local/state"_s; // the helper's own log
-        const QByteArray before = snapshot(m_env.root(), skip);
-        pane().confirmUninstall(nullptr);
-        QWidget *sheet = pane().uninstallSheet;
-        QVERIFY(sheet->isVisible());
-        QTest::mouseClick(button(sheet, "cancelUninstallButton"), Qt::LeftButton);
-        QVERIFY(!sheet->isVisible());
-        QTest::qWait(300);
-        QCOMPARE(snapshot(m_env.root(), skip), before);
-        QVERIFY(TestEnvironment::helperOwnsItsName());
-    }
-
     void uninstall_data()
     {
         QTest::addColumn<bool>("loginItem");
@@ -239,6 +225,16 @@ private Q_SLOTS:
         const QByteArray before = snapshot(QFileInfo(loginList()).path());
         if (systemWide)
             setLocked(QFileInfo(installedBundle()).path(), true);
+
+        // Cancelled, it changes nothing.
+        const QString skip = m_env.home() + u"/.local/state"_s; // the helper's own log
+        const QByteArray all = snapshot(m_env.root(), skip);
+        pane().confirmUninstall(nullptr);
+        QTest::mouseClick(button(pane().uninstallSheet, "cancelUninstallButton"), Qt::LeftButton);
+        QVERIFY(!pane().uninstallSheet->isVisible());
+        QTest::qWait(300);
+        QCOMPARE(snapshot(m_env.root(), skip), all);
+        QVERIFY(TestEnvironment::helperOwnsItsName());
 
         // When the login item goes, the bundle, no tool copy and the helper are as they were.
         QList<bool> atLoginItem;

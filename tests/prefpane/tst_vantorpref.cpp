@@ -55,16 +55,6 @@ public:
     static inline QString startedIn;
 };
 
-QMimeData *uriList(const QList<QByteArray> &paths)
-{
-    auto *mime = new QMimeData;
-    QByteArray list;
-    for (const QByteArray &path : paths)
-        list += "file://" + path.toPercentEncoding("/") + "\r\n";
-    mime->setData(u"text/uri-list"_s, list);
-    return mime;
-}
-
 } // namespace
 
 class TestVantorPref : public QObject
@@ -378,7 +368,11 @@ private Q_SLOTS:
         QFETCH(int, validated);
         QFETCH(bool, accepted);
         QFETCH(QStringList, added);
-        std::unique_ptr<QMimeData> mime(uriList(paths));
+        QByteArray list;
+        for (const QByteArray &path : paths)
+            list += "file://" + path.toPercentEncoding("/") + "\r\n";
+        auto mime = std::make_unique<QMimeData>();
+        mime->setData(u"text/uri-list"_s, list);
         if (paths.isEmpty())
             mime->setText(u"just text"_s);
         if (paths.contains(m_undecodable))
