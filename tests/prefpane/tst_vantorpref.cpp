@@ -98,15 +98,12 @@ private:
     // What an action posts to the helper about folders: empty when nothing, a count when more than once.
     QVariantMap postOf(const std::function<void()> &action)
     {
-        const QString folders = u"com.quillfen.vantor.folders"_s;
         NotificationRecorder recorder;
         action();
         QTest::qWait(50);
         recorder.settle();
-        const int posts = recorder.count(folders);
-        if (posts == 1)
-            return recorder.userInfos().at(recorder.names().indexOf(folders));
-        return posts ? QVariantMap{{u"count"_s, posts}} : QVariantMap();
+        const int posts = recorder.count(QLatin1String(Notifications::Folders));
+        return posts > 1 ? QVariantMap{{u"count"_s, posts}} : recorder.userInfo(QLatin1String(Notifications::Folders));
     }
 
 private Q_SLOTS:
