@@ -148,7 +148,7 @@ private Q_SLOTS:
             QVERIFY2(near(image.pixelColor(centre + p), fill), qPrintable(u"filled at %1,%2"_s.arg(p.x()).arg(p.y())));
         for (const QPoint &p : empty)
             QVERIFY2(near(image.pixelColor(centre + p), kBackground),
-                     qPrintable(u"empty %1,%2"_s.arg(p.x()).arg(p.y())));
+                     qPrintable(u"empty at %1,%2"_s.arg(p.x()).arg(p.y())));
         if (percent >= 100) // the white check mark, on its middle stroke
             QVERIFY(near(image.pixelColor(centre + QPoint(-2, 1)), Qt::white, 60));
     }
