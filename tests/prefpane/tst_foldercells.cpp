@@ -46,11 +46,6 @@ bool near(QColor a, QColor b, int tolerance = 24)
         && std::abs(a.blue() - b.blue()) <= tolerance;
 }
 
-bool isRed(QColor c)
-{
-    return c.red() > 180 && c.green() < 110 && c.blue() < 110;
-}
-
 // The box of pixels that differ from the background.
 QRect inkBox(
     const QImage &image, const std::function<bool(QColor)> &ink = [](QColor c) { return !near(c, kBackground, 60); })
@@ -188,7 +183,8 @@ private Q_SLOTS:
         QFTableCell *cells[] = {&folders, &paths, &status, &savings};
         const QVariant value = cellKind == Status ? QVariant(100u) : cellKind == Savings ? QVariant(5000) : path;
         const QImage image = render(*cells[cellKind], Cell(cellKind), value, QStyle::State(state));
-        QCOMPARE(inkBox(image, isRed).width() > 2, red);
+        QCOMPARE(inkBox(image, [](QColor c) { return c.red() > 180 && c.green() < 110 && c.blue() < 110; }).width() > 2,
+                 red);
         // At x = 4: the folder's own icon; what names nothing, and the summary row, get the generic one.
         const QColor icon = existing && state ? Qt::magenta : Qt::green;
         if (cellKind == Folder)
