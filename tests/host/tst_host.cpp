@@ -104,18 +104,6 @@ private Q_SLOTS:
                  "'folderAliases': [], 'runAtLogin': True, 'visible': True}"_s);
     }
 
-    void quitNotificationFromAnotherProcess()
-    {
-        QProcess host;
-        host.setProcessEnvironment(environment());
-        host.start(TestEnvironment::hostExecutable(), {u"--pane"_s, TestEnvironment::paneBundle()});
-        QVERIFY(TestEnvironment::waitForObserver(u"com.quillfen.vantor.quit"_s));
-        QCOMPARE(TestEnvironment::postWithGdbus(u"com.quillfen.vantor.quit"_s), 0);
-        QVERIFY(host.waitForFinished(20000));
-        QCOMPARE(host.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(host.exitCode(), 0);
-    }
-
     // The second start is by a program that has gone (as before a relaunch): its output is a pipe nobody reads.
     void secondStartLaunchesNoSecondHelper()
     {
@@ -266,6 +254,8 @@ private Q_SLOTS:
         center->postNotificationName(QLatin1String(Notifications::RestartingAfterUpdate));
         center->postNotificationName(QLatin1String(Notifications::Quit));
         QVERIFY(host.waitForFinished(30000));
+        QCOMPARE(host.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(host.exitCode(), 0);
         QStringList copies = QDir(tmpBase).entryList({u"vantor-*"_s}, QDir::Dirs);
         for (const QString &old : copiesBefore)
             copies.removeAll(old);
