@@ -26,6 +26,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+const QString kListKey = u"AutoLaunchedApplicationDictionary"_s;
+
 QVariantMap app(const QString &path)
 {
     return {{u"Path"_s, path}, {u"Hide"_s, false}};
@@ -60,12 +62,9 @@ private:
     void writeList(const QVariantList &items)
     {
         QDir().mkpath(QFileInfo(listFile()).path());
-        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{u"AutoLaunchedApplicationDictionary"_s, items}}));
+        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{kListKey, items}}));
     }
-    QVariantList list() const
-    {
-        return PreferencesDomain(u"loginwindow"_s).copyValue(u"AutoLaunchedApplicationDictionary"_s).toList();
-    }
+    QVariantList list() const { return PreferencesDomain(u"loginwindow"_s).copyValue(kListKey).toList(); }
 
     TestEnvironment m_env;
     std::optional<FakeWorkspace> m_workspace;

@@ -5,7 +5,6 @@
 #include "RecordingAlerts.h"
 #include "common/HelperIdentity.h"
 #include "common/Notifications.h"
-#include "platform/DistributedNotificationCenter.h"
 #include "platform/FileManager.h"
 #include "common/VTDefaultsController.h"
 #include "platform/PreferencesDomain.h"
@@ -132,8 +131,7 @@ private Q_SLOTS:
 
     void cleanupTestCase()
     {
-        DistributedNotificationCenter::defaultCenter()->postNotificationName(
-            QLatin1String(Notifications::HelperShouldQuit));
+        TestEnvironment::postWithGdbus(QLatin1String(Notifications::HelperShouldQuit));
         QTRY_VERIFY(!TestEnvironment::helperOwnsItsName());
     }
 
