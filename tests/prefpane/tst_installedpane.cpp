@@ -135,29 +135,14 @@ private Q_SLOTS:
         QTRY_VERIFY(!TestEnvironment::helperOwnsItsName());
     }
 
-    // Starting it from the login list is the login-items suites'.
-    void switchReachesHelper()
+    // The switch reaches the helper, which stays while active. Starting it from the login list
+    // is the login-items suites'.
+    void switchAndLeavingThePane()
     {
         writeLoginList({});
         VTDefaultsController::sharedDefaultsController()->setHelperActive(false);
         pane().didSelect();
         const qsizetype logged = helperLog().size();
-
-        // The helper reads the settings file when told: it must find the new value there.
-        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
-        QTRY_VERIFY(helperLog().mid(logged).contains(u"com.quillfen.vantor.active: settings active=true"_s));
-        QVERIFY(pane().autorunAtLogin());
-        pane().checkForUpdates(nullptr);
-        QTRY_VERIFY(helperLog().mid(logged).contains(QLatin1String(Notifications::HelperShouldCheckForUpdates)));
-        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
-        QTRY_VERIFY(helperLog().mid(logged).contains(u"com.quillfen.vantor.active: settings active=false"_s));
-        QVERIFY(!pane().autorunAtLogin());
-    }
-
-    void leavingThePane()
-    {
-        VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
-        NotificationRecorder recorder;
         const QList<int> pids = helperProcesses();
         QCOMPARE(pids.size(), 1);
         // A second helper leaves the first alone.
@@ -166,15 +151,24 @@ private Q_SLOTS:
         QVERIFY(second.waitForFinished(5000));
         QVERIFY(helperLog().contains(u"another helper owns "_s + HelperIdentity::busName()));
 
+        // The helper reads the settings file when told: it must find the new value there.
+        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
+        QTRY_VERIFY(helperLog().mid(logged).contains(u"com.quillfen.vantor.active: settings active=true"_s));
+        QVERIFY(pane().autorunAtLogin());
+        pane().checkForUpdates(nullptr);
+        QTRY_VERIFY(helperLog().mid(logged).contains(QLatin1String(Notifications::HelperShouldCheckForUpdates)));
+
         // Active: left running, nothing sent.
-        store->setHelperActive(true);
+        NotificationRecorder recorder;
         pane().didUnselect();
         recorder.settle();
         QCOMPARE(recorder.count(QLatin1String(Notifications::HelperShouldQuit)), 0);
         QCOMPARE(helperProcesses(), pids);
 
+        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
+        QTRY_VERIFY(helperLog().mid(logged).contains(u"com.quillfen.vantor.active: settings active=false"_s));
+        QVERIFY(!pane().autorunAtLogin());
         // Inactive: asked to quit, and it does; its process is gone, not a zombie.
-        store->setHelperActive(false);
         pane().didUnselect();
         QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldQuit)));
         QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::busName()).isEmpty());

@@ -335,9 +335,6 @@ private Q_SLOTS:
         QTest::addColumn<bool>("accepted");
         QTest::addColumn<QStringList>("added");
 
-        QTest::newRow("two folders and a file")
-            << QList<QByteArray>{m_dirA, m_file, m_dirB} << int(Qt::CopyAction) << true
-            << QStringList{QFile::decodeName(m_dirA), QFile::decodeName(m_dirB)};
         QTest::newRow("a file and a missing folder")
             << QList<QByteArray>{m_file, m_dirA + "-gone"} << int(Qt::IgnoreAction) << false << QStringList();
         QTest::newRow("no file paths") << QList<QByteArray>() << int(Qt::IgnoreAction) << false << QStringList();
