@@ -1,7 +1,5 @@
 #!/bin/sh
-# session.sh <vantorctl> <pane> <folder>: one user's session on a bus of its own. Switches
-# the helper on, adds the folder, prints "list --json" once the folder is at 100, then
-# switches the helper off again.
+# session.sh <vantorctl> <pane> <folder>: one user's session: on, add, "list --json" at 100, off.
 vantorctl=$1 pane=$2 folder=$3
 ctl() { "$vantorctl" --pane "$pane" "$@"; }
 waitFor() {

@@ -1,6 +1,5 @@
-// vantorctl against the real helper on the test's own session bus: what it refuses (and
-// that a refused request sends nothing), and a real folder on btrfs compressed through it,
-// by root and by an ordinary user in a session of their own.
+// vantorctl against the real helper on the test's bus: what it refuses (sending nothing), and a
+// folder on btrfs compressed through it by root and by an ordinary user in a session of their own.
 #include "LoopMount.h"
 #include "NotificationRecorder.h"
 #include "TestEnvironment.h"
@@ -103,8 +102,7 @@ private Q_SLOTS:
         row("damaged history.db: remove", {u"remove"_s, docs}, u"damaged store"_s, 1, damaged);
         row("usage: no command", {}, helper, 2, u"no command given"_s);
         row("usage: list --xml", {u"list"_s, u"--xml"_s}, helper, 2, u"list takes only --json"_s);
-        // The switch's order: "active" stored and the login item set before the helper is told;
-        // "on" starts a helper and returns once it listens.
+        // "active" and the login item are set before the helper is told; "on" returns once it listens.
         row("on", {u"on"_s}, u"no helper"_s, 0, {}, {u"com.quillfen.vantor.active"_s}, u"True"_s);
         row("off", {u"off"_s}, helper, 0, {}, {u"com.quillfen.vantor.active"_s, u"vantorHelperShouldQuit"_s},
             u"False"_s);

@@ -1,7 +1,5 @@
-// The host's window and its pane's lifecycle; then vantor-preferences as a user starts it, a
-// real process on the test's session bus: the installed host, the faults it reports, the
-// relaunch tool and the host coming back after an update, and the login items it prepares,
-// started by the session's autostart runner (dex).
+// The host's window and pane lifecycle; then vantor-preferences as a real process on the test's
+// bus: installed, its faults, the relaunch tool, and the login items dex starts.
 #include "common/BDAlias.h"
 #include "common/HelperIdentity.h"
 #include "common/Notifications.h"
@@ -61,30 +59,28 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("calls"); // the row's name is what is done to the window
         QTest::newRow("show") << "load select";
-        QTest::newRow("hide") << "load select unselect";
-        QTest::newRow("minimise") << "load select unselect";
-        QTest::newRow("restore") << "load select unselect select";
-        QTest::newRow("show twice") << "load select";
+        QTest::newRow("show hide") << "load select unselect";
+        QTest::newRow("show minimise") << "load select unselect";
+        QTest::newRow("show minimise restore") << "load select unselect select";
+        QTest::newRow("show show") << "load select";
     }
 
     void lifecycleFollowsTheWindow()
     {
-        const QLatin1StringView action(QTest::currentDataTag());
         QFETCH(QString, calls);
         RecordingPane pane;
         HostWindow window;
         pane.initWithBundle(nullptr, &window);
         window.showPane(&pane);
         QCOMPARE(pane.calls, QStringList{u"load"_s}); // loaded once, before it is shown
-        window.show();
-        if (action == "show twice"_L1)
-            window.show();
-        if (action == "hide"_L1)
-            window.hide();
-        if (action == "minimise"_L1 || action == "restore"_L1)
-            window.setWindowState(Qt::WindowMinimized);
-        if (action == "restore"_L1)
-            window.setWindowState(Qt::WindowNoState);
+        for (const QString &action : QString::fromLatin1(QTest::currentDataTag()).split(u' ')) {
+            if (action == "show"_L1)
+                window.show();
+            else if (action == "hide"_L1)
+                window.hide();
+            else
+                window.setWindowState(action == "minimise"_L1 ? Qt::WindowMinimized : Qt::WindowNoState);
+        }
         QCOMPARE(pane.calls.join(u' '), calls);
     }
 
@@ -95,7 +91,7 @@ private Q_SLOTS:
         QCOMPARE(QProcess::execute(u"cmake"_s,
                                    {u"--install"_s, qEnvironmentVariable("VANTOR_BUILD_DIR"), u"--prefix"_s, prefix}),
                  0);
-        const Run run =
+        const auto run =
             TestEnvironment::run(prefix + u"/bin/vantor-preferences"_s, {u"--screenshot"_s, png()}, environment());
         QCOMPARE(run.exitCode, 0);
         QCOMPARE(run.out.trimmed(), u"vantor-preferences: wrote %1"_s.arg(png()));
@@ -103,38 +99,29 @@ private Q_SLOTS:
         QVERIFY(image.width() >= 700 && image.height() >= 400);
 
         // The pane ran, and its first run is done.
-        QCOMPARE(TestEnvironment::pythonPlist(defaultsFile()),
+        QCOMPARE(TestEnvironment::pythonPlist(m_home->path() + u"/.local/share/Vantor/defaults.plist"_s),
                  u"{'active': True, 'checkUpdates': True, 'firstRun': False, "
                  "'folderAliases': [], 'runAtLogin': True, 'visible': True}"_s);
     }
 
-    void quitNotificationFromAnotherProcess()
-    {
-        QProcess host;
-        host.setProcessEnvironment(environment());
-        host.start(TestEnvironment::hostExecutable(), {u"--pane"_s, TestEnvironment::paneBundle()});
-        QVERIFY(TestEnvironment::waitForObserver(u"com.quillfen.vantor.quit"_s));
-        QCOMPARE(TestEnvironment::postWithGdbus(u"com.quillfen.vantor.quit"_s), 0);
-        QVERIFY(host.waitForFinished(20000));
-        QCOMPARE(host.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(host.exitCode(), 0);
-    }
-
+    // The second start is by a program that has gone (as before a relaunch): its output is a pipe nobody reads.
     void secondStartLaunchesNoSecondHelper()
     {
         const auto helpers = [] { return TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()); };
-        QCOMPARE(screenshot(environment()).exitCode, 0);
+        const QStringList arguments{u"--pane"_s, TestEnvironment::paneBundle(), u"--screenshot"_s, png()};
+        QCOMPARE(TestEnvironment::run(TestEnvironment::hostExecutable(), arguments, environment()).exitCode, 0);
         QTRY_COMPARE(helpers().size(), 1);
         const QMap<int, QList<QByteArray>> first = helpers();
         // Started by its clean path (the helper's own output is tested with the helper).
         QCOMPARE(first.first().first(), QFile::encodeName(TestEnvironment::helperExecutable()));
-        QCOMPARE(screenshot(environment()).exitCode, 0);
+        const QStringList closedPipe{u"-c"_s, u"set -o pipefail; \"$0\" \"$@\" 2>&1 | true"_s,
+                                     TestEnvironment::hostExecutable()};
+        QCOMPARE(TestEnvironment::run(u"bash"_s, closedPipe + arguments, environment()).exitCode, 0);
         QTest::qWait(500);
         QCOMPARE(helpers().keys(), first.keys());
     }
 
-    // One clear line for each fault: a pane that cannot be loaded ends the host (exit 1); without
-    // a bus, a data folder or an installed pane the window is still drawn.
+    // One clear line per fault; only a pane that cannot be loaded ends the host.
     void faultsAreReported_data()
     {
         QTest::addColumn<int>("exitCode"); // the row's name is the fault
@@ -174,20 +161,12 @@ private Q_SLOTS:
         if (fault == "no pane installed"_L1)
             arguments = QStringList{u"--screenshot"_s, png()};
 
-        const Run run = runHost(arguments, env);
+        const auto run = TestEnvironment::run(TestEnvironment::hostExecutable(), arguments, env);
         QCOMPARE(run.exitCode, exitCode);
         QVERIFY2(run.err.count(line.replace(u'@', m_home->path())) == times, qPrintable(run.err));
         if (exitCode)
             QCOMPARE(run.err.count(u"vantor.host:"_s), 1);
         QCOMPARE(QFile::exists(png()), !exitCode);
-    }
-
-    // Started by a program that has gone (as before a relaunch): its output is a pipe nobody reads.
-    void survivesClosedOutput()
-    {
-        const QString command = u"set -o pipefail; \"$0\" --screenshot \"$1\" 2>&1 | true"_s;
-        const QStringList arguments{u"-c"_s, command, TestEnvironment::hostExecutable(), png()};
-        QCOMPARE(TestEnvironment::run(u"bash"_s, arguments, environment()).exitCode, 0);
     }
 
     void badArguments_data()
@@ -212,8 +191,7 @@ private Q_SLOTS:
 
     void startsAgainAsItWas()
     {
-        // A stand-in application: the first run waits a moment; the second writes to its output,
-        // a pipe whose reader (the tool's starter) has gone by then, and records how it was started.
+        // A stand-in application; run again, it writes to a pipe whose reader has gone.
         const QString marker = m_env.root() + u"/first-run"_s, record = m_env.root() + u"/second-run"_s;
         const QString script = m_env.root() + u"/app.sh"_s;
         TestEnvironment::writeFile(script,
@@ -245,8 +223,7 @@ private Q_SLOTS:
 
     void hostComesBackAfterUpdate()
     {
-        // No runtime folder: the private temporary folder is then made under $TMPDIR (or /tmp).
-        // A file planted in that shared folder itself under the tool's name must never run.
+        // No runtime folder: the tool's private copy goes under $TMPDIR (or /tmp); a planted one never runs.
         QFETCH(bool, sharedTmp);
         const QString tmpBase = sharedTmp ? u"/tmp"_s : m_env.root() + u"/tmp"_s;
         const QString planted = tmpBase + u"/relaunch"_s, plantedRan = m_env.root() + u"/planted-ran"_s;
@@ -277,6 +254,8 @@ private Q_SLOTS:
         center->postNotificationName(QLatin1String(Notifications::RestartingAfterUpdate));
         center->postNotificationName(QLatin1String(Notifications::Quit));
         QVERIFY(host.waitForFinished(30000));
+        QCOMPARE(host.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(host.exitCode(), 0);
         QStringList copies = QDir(tmpBase).entryList({u"vantor-*"_s}, QDir::Dirs);
         for (const QString &old : copiesBefore)
             copies.removeAll(old);
@@ -293,8 +272,8 @@ private Q_SLOTS:
         QVERIFY(QFileInfo(tmpBase + u'/' + copies.first() + u"/relaunch"_s).isExecutable());
         QDir(tmpBase + u'/' + copies.first()).removeRecursively();
 
-        // The new host is nobody's child here: end it, and the helper, by hand. The new host may
-        // still be starting and launch a helper meanwhile, so end whatever is there until none is.
+        // The new host is nobody's child; it may still be launching a helper, so end all until none
+        // is. The helper is ended by cleanup().
         auto endAll = [&] {
             const QList<int> pids = TestEnvironment::processesWithEnvironment(token).keys();
             for (int pid : pids)
@@ -302,8 +281,6 @@ private Q_SLOTS:
             return pids.isEmpty();
         };
         QTRY_VERIFY_WITH_TIMEOUT(endAll(), 30000);
-        center->postNotificationName(QLatin1String(Notifications::HelperShouldQuit));
-        QTRY_VERIFY_WITH_TIMEOUT(!TestEnvironment::helperOwnsItsName(), 30000);
     }
 
     void newUserGetsAgentThatOpensTheList()
@@ -350,17 +327,7 @@ private:
         return env;
     }
 
-    using Run = TestEnvironment::Run;
-    Run runHost(const QStringList &args, const QProcessEnvironment &env) const
-    {
-        return TestEnvironment::run(TestEnvironment::hostExecutable(), args, env);
-    }
     QString png() const { return m_home->path() + u"/x.png"_s; }
-    Run screenshot(const QProcessEnvironment &env)
-    {
-        return runHost({u"--pane"_s, TestEnvironment::paneBundle(), u"--screenshot"_s, png()}, env);
-    }
-    QString defaultsFile() const { return m_home->path() + u"/.local/share/Vantor/defaults.plist"_s; }
     static QString relaunchTool()
     {
         return HelperIdentity::relaunchToolPath(HelperIdentity::applicationPathInPane(TestEnvironment::paneBundle()));

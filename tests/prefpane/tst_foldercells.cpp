@@ -16,6 +16,8 @@
 
 #include <clocale>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 const QColor kBlue(56, 117, 215);
@@ -44,11 +46,6 @@ bool near(QColor a, QColor b, int tolerance = 24)
         && std::abs(a.blue() - b.blue()) <= tolerance;
 }
 
-bool isRed(QColor c)
-{
-    return c.red() > 180 && c.green() < 110 && c.blue() < 110;
-}
-
 // The box of pixels that differ from the background.
 QRect inkBox(
     const QImage &image, const std::function<bool(QColor)> &ink = [](QColor c) { return !near(c, kBackground, 60); })
@@ -72,8 +69,7 @@ qreal tenPerCharacter(QStringView text)
 
 } // namespace
 
-// The folder table's cells drawn offscreen with a pinned font, palette and icons; what it
-// shows as text: sizes, their order, and names shortened to fit.
+// The folder table's cells drawn offscreen with pinned font, palette and icons; sizes, order, ellipsis.
 class TestFolderCells : public QObject
 {
     Q_OBJECT
@@ -86,11 +82,11 @@ private:
 
     QImage render(QFTableCell &cell, Cell column, const QVariant &value, QStyle::State state, QSize size = {200, 28})
     {
-        m_model.setRows({{{QStringLiteral("sortID"), 0},
-                          {QStringLiteral("folder"), value},
-                          {QStringLiteral("path"), value},
-                          {QStringLiteral("status"), value},
-                          {QStringLiteral("savings"), value}}});
+        m_model.setRows({{{u"sortID"_s, 0},
+                          {u"folder"_s, value},
+                          {u"path"_s, value},
+                          {u"status"_s, value},
+                          {u"savings"_s, value}}});
         QImage image(size, QImage::Format_ARGB32);
         image.fill(kBackground);
         QPainter painter(&image);
@@ -106,9 +102,8 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(QFontDatabase::addApplicationFont(QStringLiteral("/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"))
-                >= 0);
-        QApplication::setFont(QFont(QStringLiteral("DejaVu Sans")));
+        QVERIFY(QFontDatabase::addApplicationFont(u"/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"_s) >= 0);
+        QApplication::setFont(QFont(u"DejaVu Sans"_s));
         m_palette.setColor(QPalette::Highlight, kBlue);
         m_palette.setColor(QPalette::HighlightedText, Qt::white);
         m_palette.setColor(QPalette::Text, Qt::black);
@@ -145,11 +140,10 @@ private Q_SLOTS:
         option.palette = m_palette;
         const QColor fill = percent >= 100 ? VTStatusCell::selectedControlColor(option) : kBlue;
         for (const QPoint &p : filled)
-            QVERIFY2(near(image.pixelColor(centre + p), fill),
-                     qPrintable(QStringLiteral("filled at %1,%2").arg(p.x()).arg(p.y())));
+            QVERIFY2(near(image.pixelColor(centre + p), fill), qPrintable(u"filled at %1,%2"_s.arg(p.x()).arg(p.y())));
         for (const QPoint &p : empty)
             QVERIFY2(near(image.pixelColor(centre + p), kBackground),
-                     qPrintable(QStringLiteral("empty at %1,%2").arg(p.x()).arg(p.y())));
+                     qPrintable(u"empty at %1,%2"_s.arg(p.x()).arg(p.y())));
         if (percent >= 100) // the white check mark, on its middle stroke
             QVERIFY(near(image.pixelColor(centre + QPoint(-2, 1)), Qt::white, 60));
     }
@@ -179,7 +173,7 @@ private Q_SLOTS:
         QFETCH(int, state);
         QFETCH(bool, red);
         QTemporaryDir dir;
-        const QString path = existing ? dir.path() : dir.path() + QStringLiteral("/Gone Folder");
+        const QString path = existing ? dir.path() : dir.path() + u"/Gone Folder"_s;
         PinnedIcons icons;
         VTFoldersCell folders;
         folders.setIconProvider(&icons);
@@ -189,7 +183,8 @@ private Q_SLOTS:
         QFTableCell *cells[] = {&folders, &paths, &status, &savings};
         const QVariant value = cellKind == Status ? QVariant(100u) : cellKind == Savings ? QVariant(5000) : path;
         const QImage image = render(*cells[cellKind], Cell(cellKind), value, QStyle::State(state));
-        QCOMPARE(inkBox(image, isRed).width() > 2, red);
+        QCOMPARE(inkBox(image, [](QColor c) { return c.red() > 180 && c.green() < 110 && c.blue() < 110; }).width() > 2,
+                 red);
         // At x = 4: the folder's own icon; what names nothing, and the summary row, get the generic one.
         const QColor icon = existing && state ? Qt::magenta : Qt::green;
         if (cellKind == Folder)
@@ -234,16 +229,14 @@ private Q_SLOTS:
         QTest::addColumn<int>("ascending");
         using C = VTSortDescriptor::Comparison;
         QTest::newRow("last component ignores place and case")
-            << "folder" << int(C::LastPathComponent) << QVariant(QStringLiteral("/Users/x/Documents"))
-            << QVariant(QStringLiteral("/Volumes/Disk/documents")) << 0;
+            << "folder" << int(C::LastPathComponent) << QVariant(u"/Users/x/Documents"_s)
+            << QVariant(u"/Volumes/Disk/documents"_s) << 0;
         QTest::newRow("last component orders by name")
-            << "folder" << int(C::LastPathComponent) << QVariant(QStringLiteral("/z/apple"))
-            << QVariant(QStringLiteral("/a/Banana")) << -1;
-        QTest::newRow("trailing slash") << "folder" << int(C::LastPathComponent)
-                                        << QVariant(QStringLiteral("/a/music/")) << QVariant(QStringLiteral("/b/Music"))
-                                        << 0;
-        QTest::newRow("path case-insensitive") << "path" << int(C::CaseInsensitive) << QVariant(QStringLiteral("/B"))
-                                               << QVariant(QStringLiteral("/a")) << 1;
+            << "folder" << int(C::LastPathComponent) << QVariant(u"/z/apple"_s) << QVariant(u"/a/Banana"_s) << -1;
+        QTest::newRow("trailing slash") << "folder" << int(C::LastPathComponent) << QVariant(u"/a/music/"_s)
+                                        << QVariant(u"/b/Music"_s) << 0;
+        QTest::newRow("path case-insensitive")
+            << "path" << int(C::CaseInsensitive) << QVariant(u"/B"_s) << QVariant(u"/a"_s) << 1;
         QTest::newRow("savings unsigned")
             << "savings" << int(C::Default) << QVariant(quint64(1) << 63) << QVariant(quint64(5)) << 1;
         QTest::newRow("status") << "status" << int(C::Default) << QVariant(20u) << QVariant(100u) << -1;
@@ -256,13 +249,13 @@ private Q_SLOTS:
         QFETCH(QVariant, second);
         QFETCH(int, ascending);
         const VTSortDescriptor descriptor(key, true, VTSortDescriptor::Comparison(comparison));
-        const QVariantMap a{{QStringLiteral("sortID"), 0}, {key, first}};
-        const QVariantMap b{{QStringLiteral("sortID"), 0}, {key, second}};
+        const QVariantMap a{{u"sortID"_s, 0}, {key, first}};
+        const QVariantMap b{{u"sortID"_s, 0}, {key, second}};
         QCOMPARE(descriptor.compareObject(a, b), ascending);
         QCOMPARE(descriptor.reversedSortDescriptor().compareObject(a, b), -ascending);
 
         // The summary row goes last whichever key and direction.
-        const QVariantMap summary{{QStringLiteral("sortID"), 1}, {key, second}};
+        const QVariantMap summary{{u"sortID"_s, 1}, {key, second}};
         for (const VTSortDescriptor &d : {descriptor, descriptor.reversedSortDescriptor()}) {
             QCOMPARE(d.compareObject(summary, a), 1);
             QCOMPARE(d.compareObject(a, summary), -1);
@@ -279,9 +272,8 @@ private Q_SLOTS:
         QTest::newRow("first replacement fits") << "abcdefgh" << 70.f << "abcd...";
         QTest::newRow("several steps") << "abcdefgh" << 50.f << "ab...";
         QTest::newRow("lone CR is re-inserted") << "abc\rdef" << 50.f << "abc\rdef";
-        QTest::newRow("each terminator stays in its line")
-            << QStringLiteral("abc\ndef\r\nghi\u2028jkl\u2029mno\u0085pqr") << 50.f
-            << QStringLiteral("abc\n\rdef\r\n\rghi\u2028\rjkl\u2029\rmno\u0085\rpqr");
+        QTest::newRow("each terminator stays in its line") << u"abc\ndef\r\nghi\u2028jkl\u2029mno\u0085pqr"_s << 50.f
+                                                           << u"abc\n\rdef\r\n\rghi\u2028\rjkl\u2029\rmno\u0085\rpqr"_s;
         QTest::newRow("exact line kept, neighbour cut") << "abcde\nabcdefgh" << 50.f << "abcde\n\rab...";
         QTest::newRow("cannot fit stops at ellipsis") << "abcdef" << 10.f << "...";
         QTest::newRow("trailing CR") << "abc\r" << 20.f << "...";
@@ -300,9 +292,9 @@ private Q_SLOTS:
     void realFontFits()
     {
         const QFont font = QApplication::font();
-        const QString path = QStringLiteral("/home/someone/Documents/Projects/A rather long folder name");
+        const QString path = u"/home/someone/Documents/Projects/A rather long folder name"_s;
         const QString shortened = QFellipsis::mutableEllipsizedStringFrom(path, font, 120.f);
-        QVERIFY(shortened.endsWith(QStringLiteral("...")));
+        QVERIFY(shortened.endsWith(u"..."_s));
         QVERIFY(path.startsWith(shortened.chopped(3)));
         QVERIFY(QFellipsis::width(shortened, font) <= 120.0);
         QCOMPARE(QFellipsis::mutableEllipsizedStringFrom(path, font, 10000.f), path);

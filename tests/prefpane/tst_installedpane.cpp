@@ -1,20 +1,15 @@
-// An installed copy of the pane with the real workspace, the real helper process on the test's
-// own bus and the relaunch tool: the helper's control, leaving the pane and uninstalling.
+// An installed pane with the real workspace, helper and relaunch tool: leaving it and uninstalling.
 
 #include "NotificationRecorder.h"
 #include "PaneFixture.h"
 #include "RecordingAlerts.h"
 #include "common/HelperIdentity.h"
 #include "common/Notifications.h"
-#include "platform/DistributedNotificationCenter.h"
 #include "platform/FileManager.h"
 #include "common/VTDefaultsController.h"
 #include "platform/PreferencesDomain.h"
-#include "platform/RunningApplication.h"
 #include "platform/Workspace.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QFileInfo>
 #include <QLabel>
@@ -32,17 +27,6 @@ namespace {
 
 const QString kListKey = u"AutoLaunchedApplicationDictionary"_s;
 
-uint nameOwnerPid()
-{
-    const QDBusReply<uint> pid = QDBusConnection::sessionBus().interface()->servicePid(HelperIdentity::busName());
-    return pid.isValid() ? pid.value() : 0;
-}
-
-bool helperOwnsItsName()
-{
-    return nameOwnerPid() != 0;
-}
-
 void writeLoginList(const QVariantList &items)
 {
     PreferencesDomain loginWindow(u"loginwindow"_s);
@@ -59,8 +43,7 @@ QByteArray snapshot(const QString &root, const QString &skip = u"-"_s)
     return find.readAllStandardOutput();
 }
 
-// As a package install is to its user: nothing in the folder or the bundle can change. Root
-// passes over modes but not over the immutable flag.
+// As a package install is to its user; root passes over modes but not over the immutable flag.
 void setLocked(const QString &folder, bool locked)
 {
     if (!locked && ::geteuid() == 0)
@@ -124,13 +107,12 @@ private Q_SLOTS:
         // Each case uninstalls a fresh copy.
         QVERIFY(install());
         m_ui->host.terminations = 0;
-        // The last case's helper has gone from the bus; its process must be gone too, or the
-        // workspace hands it back instead of starting a new one.
+        // The last helper's process must be gone too, or the workspace hands it back.
         QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::busName()).isEmpty()
-                    || helperOwnsItsName());
-        if (!helperOwnsItsName())
+                    || TestEnvironment::helperOwnsItsName());
+        if (!TestEnvironment::helperOwnsItsName())
             pane().launchHelper();
-        QTRY_VERIFY(helperOwnsItsName());
+        QTRY_VERIFY(TestEnvironment::helperOwnsItsName());
         QFile::remove(relaunchCopy());
     }
 
@@ -149,28 +131,25 @@ private Q_SLOTS:
 
     void cleanupTestCase()
     {
-        DistributedNotificationCenter::defaultCenter()->postNotificationName(
-            QLatin1String(Notifications::HelperShouldQuit));
-        QTRY_VERIFY(!helperOwnsItsName());
+        TestEnvironment::postWithGdbus(QLatin1String(Notifications::HelperShouldQuit));
+        QTRY_VERIFY(!TestEnvironment::helperOwnsItsName());
     }
 
-    void secondHelperLeavesTheFirst()
-    {
-        const uint owner = nameOwnerPid();
-        QProcess second;
-        second.start(TestEnvironment::helperExecutable(), {});
-        QVERIFY(second.waitForFinished(5000));
-        QCOMPARE(nameOwnerPid(), owner);
-        QVERIFY(helperLog().contains(u"another helper owns "_s + HelperIdentity::busName()));
-    }
-
-    // Starting it from the login list is the login-items suites'.
-    void switchReachesHelper()
+    // The switch reaches the helper, which stays while active. Starting it from the login list
+    // is the login-items suites'.
+    void switchAndLeavingThePane()
     {
         writeLoginList({});
         VTDefaultsController::sharedDefaultsController()->setHelperActive(false);
         pane().didSelect();
         const qsizetype logged = helperLog().size();
+        const QList<int> pids = helperProcesses();
+        QCOMPARE(pids.size(), 1);
+        // A second helper leaves the first alone.
+        QProcess second;
+        second.start(TestEnvironment::helperExecutable(), {});
+        QVERIFY(second.waitForFinished(5000));
+        QVERIFY(helperLog().contains(u"another helper owns "_s + HelperIdentity::busName()));
 
         // The helper reads the settings file when told: it must find the new value there.
         QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
@@ -178,55 +157,27 @@ private Q_SLOTS:
         QVERIFY(pane().autorunAtLogin());
         pane().checkForUpdates(nullptr);
         QTRY_VERIFY(helperLog().mid(logged).contains(QLatin1String(Notifications::HelperShouldCheckForUpdates)));
-        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
-        QTRY_VERIFY(helperLog().mid(logged).contains(u"com.quillfen.vantor.active: settings active=false"_s));
-        QVERIFY(!pane().autorunAtLogin());
-    }
-
-    void leavingThePane()
-    {
-        VTDefaultsController *store = VTDefaultsController::sharedDefaultsController();
-        NotificationRecorder recorder;
-        const QList<RunningApplication *> running =
-            Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::busName());
-        QCOMPARE(running.size(), 1);
-        const int pid = running.first()->processIdentifier();
-        bool terminated = false;
-        connect(running.first(), &RunningApplication::terminatedChanged, this, [&terminated] { terminated = true; });
 
         // Active: left running, nothing sent.
-        store->setHelperActive(true);
+        NotificationRecorder recorder;
         pane().didUnselect();
         recorder.settle();
         QCOMPARE(recorder.count(QLatin1String(Notifications::HelperShouldQuit)), 0);
-        QCOMPARE(helperProcesses(), QList<int>{pid});
+        QCOMPARE(helperProcesses(), pids);
 
+        QTest::mouseClick(pane().toggleActiveButton, Qt::LeftButton);
+        QTRY_VERIFY(helperLog().mid(logged).contains(u"com.quillfen.vantor.active: settings active=false"_s));
+        QVERIFY(!pane().autorunAtLogin());
         // Inactive: asked to quit, and it does; its process is gone, not a zombie.
-        store->setHelperActive(false);
         pane().didUnselect();
         QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldQuit)));
-        QTRY_VERIFY(terminated);
-        QVERIFY(!QFileInfo::exists(u"/proc/%1"_s.arg(pid)));
-        QVERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::busName()).isEmpty());
+        QTRY_VERIFY(Workspace::shared()->runningApplicationsWithBundleIdentifier(HelperIdentity::busName()).isEmpty());
+        QVERIFY(!QFileInfo::exists(u"/proc/%1"_s.arg(pids.first())));
 
         // Selecting the pane again brings it back.
         pane().didSelect();
-        QTRY_VERIFY(helperOwnsItsName());
+        QTRY_VERIFY(TestEnvironment::helperOwnsItsName());
         QCOMPARE(helperProcesses().size(), 1);
-    }
-
-    void cancellingChangesNothing()
-    {
-        const QString skip = m_env.home() + u"/.local/state"_s; // the helper's own log
-        const QByteArray before = snapshot(m_env.root(), skip);
-        pane().confirmUninstall(nullptr);
-        QWidget *sheet = pane().uninstallSheet;
-        QVERIFY(sheet->isVisible());
-        QTest::mouseClick(button(sheet, "cancelUninstallButton"), Qt::LeftButton);
-        QVERIFY(!sheet->isVisible());
-        QTest::qWait(300);
-        QCOMPARE(snapshot(m_env.root(), skip), before);
-        QVERIFY(helperOwnsItsName());
     }
 
     void uninstall_data()
@@ -256,12 +207,21 @@ private Q_SLOTS:
         if (systemWide)
             setLocked(QFileInfo(installedBundle()).path(), true);
 
-        // At the moment the login item goes, nothing else has changed yet: bundle, no tool
-        // copied, helper running.
+        // Cancelled, it changes nothing.
+        const QString skip = m_env.home() + u"/.local/state"_s; // the helper's own log
+        const QByteArray all = snapshot(m_env.root(), skip);
+        pane().confirmUninstall(nullptr);
+        QTest::mouseClick(button(pane().uninstallSheet, "cancelUninstallButton"), Qt::LeftButton);
+        QVERIFY(!pane().uninstallSheet->isVisible());
+        QTest::qWait(300);
+        QCOMPARE(snapshot(m_env.root(), skip), all);
+        QVERIFY(TestEnvironment::helperOwnsItsName());
+
+        // When the login item goes, the bundle, no tool copy and the helper are as they were.
         QList<bool> atLoginItem;
         const QMetaObject::Connection watch = connect(&m_ui->pane, &VantorPref::autorunAtLoginChanged, this, [&] {
             atLoginItem = {QFileInfo::exists(installedBundle() + u"/Contents/Info.plist"_s),
-                           QFileInfo::exists(relaunchCopy()), helperOwnsItsName()};
+                           QFileInfo::exists(relaunchCopy()), TestEnvironment::helperOwnsItsName()};
         });
         NotificationRecorder recorder;
         pane().confirmUninstall(nullptr);
@@ -289,7 +249,7 @@ private Q_SLOTS:
 
         // The helper is told to quit and does, from its deleted bundle.
         QVERIFY(recorder.waitFor(QLatin1String(Notifications::HelperShouldQuit)));
-        QTRY_VERIFY(!helperOwnsItsName());
+        QTRY_VERIFY(!TestEnvironment::helperOwnsItsName());
         QCOMPARE(QFileInfo::exists(installedBundle() + u"/Contents/Info.plist"_s), systemWide);
 
         QWidget *restartSheet = pane().restartSheet;

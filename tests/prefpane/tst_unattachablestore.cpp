@@ -1,5 +1,4 @@
-// The history controller made while its store cannot be: made once per process, so a suite
-// of its own.
+// The history controller made while its store cannot be: once per process, so a suite of its own.
 
 #include "RecordingAlerts.h"
 #include "TestEnvironment.h"
@@ -10,6 +9,8 @@
 
 #include <QFileInfo>
 #include <QTest>
+
+using namespace Qt::StringLiterals;
 
 class TestUnattachableStore : public QObject
 {
@@ -39,9 +40,8 @@ private Q_SLOTS:
         m_alerts.clear();
         QVERIFY(controller->managedObjectContext());
         QVERIFY(m_alerts.errors.isEmpty());
-        const QString store = m_env.productFolder() + QStringLiteral("/history.db");
-        QVERIFY(TestEnvironment::sqlite(store, QStringLiteral(".schema ZHISTORY"))
-                    .contains(QLatin1String("ZSAVINGS INTEGER NOT NULL")));
+        const QString store = m_env.productFolder() + u"/history.db"_s;
+        QVERIFY(TestEnvironment::sqlite(store, u".schema ZHISTORY"_s).contains("ZSAVINGS INTEGER NOT NULL"_L1));
         QCOMPARE(QFileInfo(store).permissions() & 0x0077, QFileDevice::Permissions());
     }
 

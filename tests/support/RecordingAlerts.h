@@ -4,9 +4,8 @@
 
 #include <QList>
 
-// Records every alert, sheet (with the window it hangs on) and presented error instead of
-// showing it; installs itself as the shared instance for its lifetime. Sheets end at once
-// with their first button.
+// Records alerts, sheets (and their windows) and errors instead of showing them, as the shared
+// instance for its lifetime. Sheets end at once with their first button.
 class RecordingAlerts final : public Alerts
 {
 public:
