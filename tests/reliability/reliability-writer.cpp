@@ -48,11 +48,7 @@ sqlite3 *openStore(const QString &path)
 
 void postSavingsChanged()
 {
-    QDBusConnection::sessionBus().send(
-        QDBusMessage::createSignal(QLatin1String(DistributedNotificationCenter::kPath),
-                                   QLatin1String(DistributedNotificationCenter::kInterface),
-                                   QLatin1String(DistributedNotificationCenter::kMember))
-        << QString::fromLatin1(Notifications::SavingsChanged) << QVariantMap());
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::SavingsChanged));
 }
 
 // A call's answer comes after everything sent before it: nothing posted is lost at exit.

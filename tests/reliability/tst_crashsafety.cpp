@@ -20,19 +20,18 @@ class TestCrashSafety : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void killedWriterLeavesOldOrNew_data();
+    void killedWriterLeavesOldOrNew_data()
+    {
+        QTest::addColumn<QString>("mode");
+        QTest::newRow("defaults.plist") << "settings";
+        QTest::newRow("login list") << "login";
+    }
+
     void killedWriterLeavesOldOrNew();
 
 private:
     TestEnvironment m_env;
 };
-
-void TestCrashSafety::killedWriterLeavesOldOrNew_data()
-{
-    QTest::addColumn<QString>("mode");
-    QTest::newRow("defaults.plist") << "settings";
-    QTest::newRow("login list") << "login";
-}
 
 void TestCrashSafety::killedWriterLeavesOldOrNew()
 {

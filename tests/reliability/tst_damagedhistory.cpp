@@ -72,44 +72,41 @@ class TestDamagedHistory : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void damagedStore_data();
+    void initTestCase()
+    {
+        // Another user must reach the homes made inside.
+        QVERIFY(QFile::setPermissions(m_dir.path(), QFileDevice::Permissions(0x7755)));
+        const QString home = m_dir.path() + u"/template"_s;
+        QCOMPARE(runHost(home, false), QStringList());
+        m_sound = home + u"/.local/share/Vantor/history.db"_s;
+        TestEnvironment::sqlite(m_sound,
+                                u"WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000) "
+                                "INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
+                                "SELECT printf('/home/u/folder %05d with a long name to fill the pages', i), i % 101, "
+                                "i * 1000, i % 2 FROM n; PRAGMA wal_checkpoint(TRUNCATE);"_s);
+        QCOMPARE(TestEnvironment::sqlite(m_sound, u"SELECT count(*) FROM ZHISTORY"_s), u"2000"_s);
+        QVERIFY(QFileInfo(m_sound).size() > 40 * kPage);
+    }
+
+    void damagedStore_data()
+    {
+        QTest::addColumn<int>("outcome");
+        QTest::newRow("empty") << int(Kept);
+        // The header's page count no longer matches the file: the schema cannot be read.
+        QTest::newRow("truncated to half") << int(Replaced);
+        QTest::newRow("zeroed first page") << int(Replaced);
+        QTest::newRow("zeroed pages") << int(Kept);
+        QTest::newRow("damaged schema") << int(Replaced);
+        QTest::newRow("damaged data pages") << int(Kept);
+        QTest::newRow("directory in its place") << int(Unattachable);
+        QTest::newRow("no permission to read") << int(Replaced);
+    }
     void damagedStore();
 
 private:
     QTemporaryDir m_dir;
     QString m_sound; // a store of 2,000 records, made by the pane and filled as the helper would
 };
-
-void TestDamagedHistory::initTestCase()
-{
-    // Another user must reach the homes made inside.
-    QVERIFY(QFile::setPermissions(m_dir.path(), QFileDevice::Permissions(0x7755)));
-    const QString home = m_dir.path() + u"/template"_s;
-    QCOMPARE(runHost(home, false), QStringList());
-    m_sound = home + u"/.local/share/Vantor/history.db"_s;
-    TestEnvironment::sqlite(m_sound,
-                            u"WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000) "
-                            "INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
-                            "SELECT printf('/home/u/folder %05d with a long name to fill the pages', i), i % 101, "
-                            "i * 1000, i % 2 FROM n; PRAGMA wal_checkpoint(TRUNCATE);"_s);
-    QCOMPARE(TestEnvironment::sqlite(m_sound, u"SELECT count(*) FROM ZHISTORY"_s), u"2000"_s);
-    QVERIFY(QFileInfo(m_sound).size() > 40 * kPage);
-}
-
-void TestDamagedHistory::damagedStore_data()
-{
-    QTest::addColumn<int>("outcome");
-    QTest::newRow("empty") << int(Kept);
-    // The header's page count no longer matches the file: the schema cannot be read.
-    QTest::newRow("truncated to half") << int(Replaced);
-    QTest::newRow("zeroed first page") << int(Replaced);
-    QTest::newRow("zeroed pages") << int(Kept);
-    QTest::newRow("damaged schema") << int(Replaced);
-    QTest::newRow("damaged data pages") << int(Kept);
-    QTest::newRow("directory in its place") << int(Unattachable);
-    QTest::newRow("no permission to read") << int(Replaced);
-}
 
 void TestDamagedHistory::damagedStore()
 {

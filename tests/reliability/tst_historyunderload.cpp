@@ -20,8 +20,28 @@ class TestHistoryUnderLoad : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void init();
+    void initTestCase()
+    {
+        QVERIFY(Bundle::bundleWithPath(TestEnvironment::paneBundle()));
+        QVERIFY(VTHistoryController::create());
+        controller()->awakeFromNib(&m_table);
+        m_table.resize(600, 400);
+        m_table.show();
+    }
+
+    void init()
+    {
+        // Half the folders listed, half gone to the summary row; the writers keep the sum.
+        sqlite(u"DELETE FROM ZHISTORY; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<%1) "
+               "INSERT INTO ZHISTORY (Z_PK, ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
+               "SELECT i, printf('/home/u/folder %d', i), 0, 1000000, i % 2 FROM n;"_s.arg(kRecords));
+        QSignalSpy refreshed(controller(), &VTHistoryController::totalSavingsChanged);
+        TestEnvironment::postWithGdbus(u"vantorSavingsChanged"_s);
+        QVERIFY(refreshed.wait(10000));
+        QTest::qWait(100);
+        QCOMPARE(inconsistency(kTotal), QString());
+        m_alerts.clear();
+    }
     void cleanup() { QVERIFY(m_alerts.modals.isEmpty() && m_alerts.errors.isEmpty() && m_alerts.sheets.isEmpty()); }
     void refreshesWhileTheWriterWrites();
     void floodKeepsTheWindowPainting();
@@ -33,7 +53,13 @@ private:
     // What the table shows adds up: rows (summary row included) make the total.
     static QString inconsistency(quint64 expectedTotal);
     // Runs the writer to its end while this process handles its events; its exit code.
-    static int runWriter(const QStringList &arguments);
+    static int runWriter(const QStringList &arguments)
+    {
+        QProcess writer;
+        writer.setProcessChannelMode(QProcess::ForwardedChannels);
+        writer.start(QStringLiteral(VANTOR_RELIABILITY_WRITER), arguments);
+        return QTest::qWaitFor([&] { return writer.state() == QProcess::NotRunning; }, 60000) ? writer.exitCode() : -1;
+    }
 
     TestEnvironment m_env;
     RecordingAlerts m_alerts;
@@ -56,37 +82,6 @@ QString TestHistoryUnderLoad::inconsistency(quint64 expectedTotal)
         return {};
     return QString::asprintf("total %llu of %llu, rows %llu, summary row %llu of %llu", total, expectedTotal, rows,
                              summary, previous);
-}
-
-int TestHistoryUnderLoad::runWriter(const QStringList &arguments)
-{
-    QProcess writer;
-    writer.setProcessChannelMode(QProcess::ForwardedChannels);
-    writer.start(QStringLiteral(VANTOR_RELIABILITY_WRITER), arguments);
-    return QTest::qWaitFor([&] { return writer.state() == QProcess::NotRunning; }, 60000) ? writer.exitCode() : -1;
-}
-
-void TestHistoryUnderLoad::initTestCase()
-{
-    QVERIFY(Bundle::bundleWithPath(TestEnvironment::paneBundle()));
-    QVERIFY(VTHistoryController::create());
-    controller()->awakeFromNib(&m_table);
-    m_table.resize(600, 400);
-    m_table.show();
-}
-
-void TestHistoryUnderLoad::init()
-{
-    // Half the folders listed, half gone to the summary row; the writers keep the sum.
-    sqlite(u"DELETE FROM ZHISTORY; WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<%1) "
-           "INSERT INTO ZHISTORY (Z_PK, ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
-           "SELECT i, printf('/home/u/folder %d', i), 0, 1000000, i % 2 FROM n;"_s.arg(kRecords));
-    QSignalSpy refreshed(controller(), &VTHistoryController::totalSavingsChanged);
-    TestEnvironment::postWithGdbus(u"vantorSavingsChanged"_s);
-    QVERIFY(refreshed.wait(10000));
-    QTest::qWait(100);
-    QCOMPARE(inconsistency(kTotal), QString());
-    m_alerts.clear();
 }
 
 void TestHistoryUnderLoad::refreshesWhileTheWriterWrites()

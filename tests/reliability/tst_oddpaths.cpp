@@ -3,7 +3,6 @@
 // row, found again through the record's alias, and removed again; the helper's log keeps
 // one line per notification.
 #include "common/AliasResolver.h"
-#include "common/HelperIdentity.h"
 #include "prefpane/ArrayController.h"
 #include "common/BDAlias.h"
 #include "NotificationRecorder.h"
@@ -14,8 +13,6 @@
 #include "TestEnvironment.h"
 #include "prefpane/VTHistoryController.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QDropEvent>
 #include <QMimeData>
@@ -29,7 +26,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-const QString kFolders = u"com.quillfen.vantor.folders"_s;
+const QString kFolders = QLatin1String(Notifications::Folders);
 
 // A path of exactly `bytes` bytes, its names of one- to three-byte characters under 255 bytes each.
 QString pathOfLength(const QString &base, qsizetype bytes)
@@ -47,7 +44,13 @@ class TestOddPaths : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
+    void initTestCase()
+    {
+        QVERIFY(controller()->managedObjectContext());
+        m_helper.setProcessChannelMode(QProcess::ForwardedChannels);
+        m_helper.start(TestEnvironment::helperExecutable(), {});
+        QTRY_VERIFY_WITH_TIMEOUT(TestEnvironment::helperOwnsItsName(), 15000);
+    }
     void init() { AliasResolver::setUseFileHandles(false); }
     void cleanup() { AliasResolver::setUseFileHandles(true); }
     void travelsUnchanged_data();
@@ -55,8 +58,15 @@ private Q_SLOTS:
 
 private:
     static VTHistoryController *controller() { return VTHistoryController::sharedHistoryController(); }
-    QFTableView *table() { return m_fixture.pane.foldersTableView; }
-    int rowOf(const QString &folder) const;
+    static int rowOf(const QString &folder)
+    {
+        const QList<QVariantMap> rows = controller()->foldersArrayController()->arrangedObjects();
+        for (int i = 0; i < rows.size(); ++i) {
+            if (rows.at(i).value(u"folder"_s).toString() == folder)
+                return i;
+        }
+        return -1;
+    }
     QString sqlite(const QString &sql) const
     {
         return TestEnvironment::sqlite(m_env.productFolder() + u"/history.db"_s, sql);
@@ -67,27 +77,6 @@ private:
     PaneFixture m_fixture;
     QProcess m_helper;
 };
-
-void TestOddPaths::initTestCase()
-{
-    QVERIFY(controller()->managedObjectContext());
-
-    m_helper.setProcessChannelMode(QProcess::ForwardedChannels);
-    m_helper.start(TestEnvironment::helperExecutable(), {});
-    QVERIFY(m_helper.waitForStarted());
-    QTRY_VERIFY_WITH_TIMEOUT(QDBusConnection::sessionBus().interface()->isServiceRegistered(HelperIdentity::busName()),
-                             15000);
-}
-
-int TestOddPaths::rowOf(const QString &folder) const
-{
-    const QList<QVariantMap> rows = controller()->foldersArrayController()->arrangedObjects();
-    for (int i = 0; i < rows.size(); ++i) {
-        if (rows.at(i).value(u"folder"_s).toString() == folder)
-            return i;
-    }
-    return -1;
-}
 
 void TestOddPaths::travelsUnchanged_data()
 {
@@ -121,7 +110,8 @@ void TestOddPaths::travelsUnchanged()
     mime->setData(u"text/uri-list"_s, "file://" + QFile::encodeName(folder).toPercentEncoding("/") + "\r\n");
     QDropEvent drop(QPointF(10, 10), Qt::CopyAction, mime.get(), Qt::LeftButton, {});
     NotificationRecorder recorder;
-    QVERIFY(m_fixture.pane.tableViewAcceptDrop(table(), &drop, -1, QFTableViewDataSource::DropOn));
+    QVERIFY(
+        m_fixture.pane.tableViewAcceptDrop(m_fixture.pane.foldersTableView, &drop, -1, QFTableViewDataSource::DropOn));
     QVERIFY(recorder.waitFor(kFolders));
     QCOMPARE(recorder.userInfo(kFolders).value(u"foldersToAdd"_s), QVariant(QStringList{folder}));
 

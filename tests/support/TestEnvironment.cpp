@@ -54,18 +54,16 @@ void TestEnvironment::writeFile(const QString &path, const QByteArray &bytes)
 
 QString TestEnvironment::pythonPlist(const QString &path)
 {
-    QProcess python;
-    python.start(QStringLiteral("python3"),
-                 {QStringLiteral("-c"),
-                  QStringLiteral("import plistlib,sys\n"
-                                 "try:\n"
-                                 "  d=plistlib.load(open(sys.argv[1],'rb'))\n"
-                                 "  print(repr(dict(sorted(d.items())) if isinstance(d, dict) else d))\n"
-                                 "except Exception as e:\n"
-                                 "  print('ERROR: %s' % e)\n"),
-                  path});
-    python.waitForFinished(30000);
-    return QString::fromUtf8(python.readAllStandardOutput()).trimmed();
+    return run(QStringLiteral("python3"),
+               {QStringLiteral("-c"),
+                QStringLiteral("import plistlib,sys\n"
+                               "try:\n"
+                               "  d=plistlib.load(open(sys.argv[1],'rb'))\n"
+                               "  print(repr(dict(sorted(d.items())) if isinstance(d, dict) else d))\n"
+                               "except Exception as e:\n"
+                               "  print('ERROR: %s' % e)\n"),
+                path})
+        .out.trimmed();
 }
 
 int TestEnvironment::postWithGdbus(const QString &name, const QString &userInfo)
@@ -150,11 +148,10 @@ QString TestEnvironment::helperExecutable()
 
 QString TestEnvironment::sqlite(const QString &database, const QString &sql)
 {
-    QProcess shell;
     // A helper may still hold the store a moment after its host is gone: wait for its lock.
-    shell.start(QStringLiteral("sqlite3"), {QStringLiteral("-cmd"), QStringLiteral(".timeout 5000"), database, sql});
-    shell.waitForFinished(30000);
-    return QString::fromUtf8(shell.readAllStandardOutput() + shell.readAllStandardError()).trimmed();
+    const Run shell =
+        run(QStringLiteral("sqlite3"), {QStringLiteral("-cmd"), QStringLiteral(".timeout 5000"), database, sql});
+    return (shell.out + shell.err).trimmed();
 }
 
 QProcessEnvironment TestEnvironment::markedEnvironment(QByteArray *token)
