@@ -2,7 +2,6 @@
 // every kill the file must parse and hold the contents before the interrupted write or after.
 #include "platform/PreferencesDomain.h"
 #include "platform/PropertyList.h"
-#include "ReliabilityStates.h"
 #include "TestEnvironment.h"
 #include "common/VTUtil.h"
 
@@ -45,7 +44,9 @@ void TestCrashSafety::killedWriterLeavesOldOrNew()
                                {QStringLiteral("folderAliases"), QVariantList()},
                                {QStringLiteral("step"), step},
                                {QStringLiteral("visible"), step % 2 == 1}};
-        return QVariantMap{{QStringLiteral("AutoLaunchedApplicationDictionary"), ReliabilityStates::loginListAt(step)}};
+        return QVariantMap{
+            {QStringLiteral("AutoLaunchedApplicationDictionary"),
+             QVariantList{QVariantMap{{QStringLiteral("Path"), QStringLiteral("/opt/step %1").arg(step)}}}}};
     };
     QVERIFY(QDir().mkpath(QFileInfo(path).path()));
     QVERIFY(PropertyList::writeFile(path, expected(0)));

@@ -1,6 +1,5 @@
 // Damaged "history.db" files through the whole start-up of the host with the pane: each is
-// read as far as it reads, or replaced by an empty store after the "Vantor Database Error"
-// alert, or (where no store can be made) followed by the two presented errors.
+// read as far as it reads, replaced after the alert, or (where none can be made) refused.
 #include "TestEnvironment.h"
 
 #include <QDir>

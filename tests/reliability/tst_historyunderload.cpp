@@ -96,7 +96,7 @@ void TestHistoryUnderLoad::refreshesWhileTheWriterWrites()
             faults << fault;
     });
     idle.start(0);
-    QCOMPARE(runWriter({u"history"_s, storePath(), u"5"_s}), 0);
+    QCOMPARE(runWriter({u"history"_s, storePath(), u"5"_s, QString::number(kRecords)}), 0);
     QTest::qWait(500); // the last notifications
     idle.stop();
 

@@ -1,7 +1,5 @@
-// Folders named as Linux allows, carried end to end through real parts: dropped on the
-// pane, posted on the bus, recorded by the real helper in the real store, shown as a table
-// row, found again through the record's alias, and removed again; the helper's log keeps
-// one line per notification.
+// Folders named as Linux allows, carried unchanged from a drop on the pane through the bus,
+// the real helper and store to a table row and the record's alias, and removed again.
 #include "common/AliasResolver.h"
 #include "prefpane/ArrayController.h"
 #include "common/BDAlias.h"

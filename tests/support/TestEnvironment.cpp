@@ -28,16 +28,6 @@ TestEnvironment::TestEnvironment()
     qputenv("TMPDIR", QFile::encodeName(m_dir.path() + QStringLiteral("/tmp")));
 }
 
-QString TestEnvironment::paneBundle()
-{
-    return qEnvironmentVariable("VANTOR_PANE_BUNDLE");
-}
-
-QString TestEnvironment::hostExecutable()
-{
-    return qEnvironmentVariable("VANTOR_HOST");
-}
-
 QByteArray TestEnvironment::readFile(const QString &path)
 {
     QFile f(path);
@@ -170,6 +160,7 @@ bool TestEnvironment::runAutostart() const
     env.insert(QStringLiteral("XDG_CONFIG_DIRS"), root() + QStringLiteral("/no-system-config"));
     env.remove(QStringLiteral("QT_QPA_PLATFORM"));
     dex.setProcessEnvironment(env);
+    // What it starts outlives it: they write to our output, not to a pipe closed behind them.
     dex.setProcessChannelMode(QProcess::ForwardedChannels);
     dex.start(QStringLiteral("dex"), {QStringLiteral("-a"), QStringLiteral("-w")});
     return dex.waitForFinished(60000) && dex.exitStatus() == QProcess::NormalExit && dex.exitCode() == 0;

@@ -7,9 +7,8 @@
 #include <QString>
 #include <QTemporaryDir>
 
-// A throw-away home for one test process: HOME, XDG_DATA_HOME, XDG_CONFIG_HOME,
-// XDG_STATE_HOME, XDG_RUNTIME_DIR and TMPDIR all point inside one temporary folder, made
-// before anything looks them up.
+// A throw-away home for one test process: HOME, the XDG folders and TMPDIR all point inside
+// one temporary folder, made before anything looks them up.
 class TestEnvironment
 {
 public:
@@ -22,8 +21,8 @@ public:
     QString configHome() const { return home() + QStringLiteral("/.config"); }
 
     // Paths of the build tree, from the test's environment.
-    static QString paneBundle();
-    static QString hostExecutable();
+    static QString paneBundle() { return qEnvironmentVariable("VANTOR_PANE_BUNDLE"); }
+    static QString hostExecutable() { return qEnvironmentVariable("VANTOR_HOST"); }
 
     static QByteArray readFile(const QString &path);
     static void writeFile(const QString &path, const QByteArray &bytes);
