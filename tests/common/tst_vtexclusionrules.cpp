@@ -142,7 +142,6 @@ private Q_SLOTS:
         const QString dir = m_env.root() + u'/' + QString::fromLatin1(QTest::currentDataTag()).replace(u' ', u'_');
         const QString systemPath = dir + u"/System/SystemCompressionRules.plist"_s;
         const QString resources = dir + u"/Resources"_s;
-        QDir().mkpath(resources);
         if (systemFile != "-")
             TestEnvironment::writeFile(systemPath, systemFile);
         if (bundleFile != "-")

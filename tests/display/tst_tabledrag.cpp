@@ -30,7 +30,6 @@ public:
         m_process.start(QStringLiteral(VANTOR_DND_PEER), QStringList{u"20"_s, u"20"_s, u"160"_s, u"160"_s} + paths);
         started = m_process.waitForStarted() && waitForLine("ready").has_value();
     }
-    // The first line starting with `prefix`, read while this process keeps handling events.
     std::optional<QByteArray> waitForLine(const QByteArray &prefix)
     {
         while (QTest::qWaitFor([this] { return m_process.canReadLine(); }, 15000)) {
@@ -86,7 +85,6 @@ private:
     {
         return table()->viewport()->mapToGlobal(table()->visualRect(table()->model()->index(row, 0)).center());
     }
-    int rowCount() const { return table()->model()->rowCount(); }
 
 private Q_SLOTS:
     void initTestCase()
@@ -102,13 +100,11 @@ private Q_SLOTS:
                                         .arg(i + 1));
         }
         VTHistoryController::sharedHistoryController()->updatePreviousSavings();
-        QCOMPARE(rowCount(), 3);
+        QCOMPARE(table()->model()->rowCount(), 3);
         // Right of the other application's window, on an X server with no window manager.
         m_ui.window.setGeometry(240, 20, 780, 480);
         QVERIFY(QTest::qWaitForWindowExposed(&m_ui.window));
     }
-
-    void init() { table()->clearSelection(); }
 
     void rowsDraggedOut_data()
     {
@@ -134,7 +130,7 @@ private Q_SLOTS:
         QVERIFY(!table()->isDropTarget());
         recorder.settle();
         QCOMPARE(recorder.count(kFolders), 0);
-        QCOMPARE(rowCount(), 3);
+        QCOMPARE(table()->model()->rowCount(), 3);
     }
 
     void dropsFromAnotherApplication()

@@ -83,7 +83,6 @@ private Q_SLOTS:
                                 "INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
                                 "SELECT printf('/home/u/folder %05d with a long name to fill the pages', i), i % 101, "
                                 "i * 1000, i % 2 FROM n; PRAGMA wal_checkpoint(TRUNCATE);"_s);
-        QCOMPARE(TestEnvironment::sqlite(m_sound, u"SELECT count(*) FROM ZHISTORY"_s), u"2000"_s);
         QVERIFY(QFileInfo(m_sound).size() > 40 * kPage);
     }
 
@@ -150,7 +149,6 @@ void TestDamagedHistory::damagedStore()
         QCOMPARE(inodeOf(path), inode);
     } else if (outcome == Replaced) {
         QCOMPARE(alerts, QStringList{kCorruptAlert});
-        // A new, empty store took its place.
         QCOMPARE(TestEnvironment::sqlite(path, u"SELECT count(*) FROM ZHISTORY"_s), u"0"_s);
     } else {
         // The alert, then the store's own error and the stack's, for every request of the store.

@@ -52,7 +52,6 @@ private:
     QString sqlite(const QString &sql) const { return TestEnvironment::sqlite(storePath(), sql); }
     // What the table shows adds up: rows (summary row included) make the total.
     static QString inconsistency(quint64 expectedTotal);
-    // Runs the writer to its end while this process handles its events; its exit code.
     static int runWriter(const QStringList &arguments)
     {
         QProcess writer;

@@ -119,7 +119,6 @@ void TestOddPaths::travelsUnchanged()
     QTRY_COMPARE_WITH_TIMEOUT(sqlite(u"SELECT COUNT(*), typeof(ZFOLDER), ZENABLED, ZSTATUS"_s + where),
                               u"1|text|1|100"_s, 30000);
 
-    // The table's row, once the helper's word has reached the pane.
     QTRY_VERIFY_WITH_TIMEOUT(rowOf(folder) >= 0, 30000);
     const int row = rowOf(folder);
     QCOMPARE(controller()->foldersArrayController()->arrangedObjects().at(row).value(u"path"_s).toString(), folder);
