@@ -99,64 +99,62 @@ private Q_SLOTS:
         QTest::newRow("directory in its place") << int(Unattachable);
         QTest::newRow("no permission to read") << int(Replaced);
     }
-    void damagedStore();
+    void damagedStore()
+    {
+        QFETCH(int, outcome);
+        const QString damage = QString::fromUtf8(QTest::currentDataTag());
+        const bool asNobody = damage == u"no permission to read";
+        if (asNobody && ::geteuid() != 0)
+            QSKIP("the unreadable store is tested as another user, which needs root");
+
+        const QString home = m_dir.path() + u'/' + damage;
+        const QString path = home + u"/.local/share/Vantor/history.db"_s;
+        QVERIFY(QDir().mkpath(QFileInfo(path).path()));
+        if (damage == u"empty") {
+            TestEnvironment::writeFile(path, {});
+        } else if (damage == u"directory in its place") {
+            QVERIFY(QDir().mkpath(path));
+        } else {
+            QVERIFY(QFile::copy(m_sound, path));
+            QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
+            if (damage.startsWith(u"truncated"))
+                QVERIFY(QFile::resize(path, QFileInfo(path).size() / 2));
+            if (damage.startsWith(u"zeroed"))
+                overwrite(path, damage.contains(u"first") ? 0 : 5 * kPage, QByteArray(4 * kPage, '\0'));
+            if (damage == u"damaged data pages")
+                overwrite(path, 10 * kPage, QByteArray(3 * kPage, '\xA5'));
+            if (damage == u"damaged schema") {
+                const qsizetype at = TestEnvironment::readFile(path).indexOf("CREATE TABLE ZHISTORY");
+                QVERIFY(at > 0 && at < kPage);
+                overwrite(path, at, "CREATE TABXE ZH(STORY");
+            }
+            if (asNobody) {
+                QVERIFY(QFile::setPermissions(path, QFileDevice::Permissions()));
+                QCOMPARE(QProcess::execute(u"chown"_s, {u"-R"_s, u"65534:65534"_s, home}), 0);
+            }
+        }
+        const ino_t inode = inodeOf(path);
+
+        const QStringList alerts = runHost(home, asNobody);
+        QVERIFY2(alerts.isEmpty() || !alerts.first().startsWith(u"exit"), qPrintable(alerts.join(u'\n')));
+        if (outcome == Kept) {
+            QCOMPARE(alerts, QStringList());
+            QCOMPARE(inodeOf(path), inode);
+        } else if (outcome == Replaced) {
+            QCOMPARE(alerts, QStringList{kCorruptAlert});
+            QCOMPARE(TestEnvironment::sqlite(path, u"SELECT count(*) FROM ZHISTORY"_s), u"0"_s);
+        } else {
+            // The alert, then the store's own error and the stack's, for every request of the store.
+            QVERIFY(alerts.size() >= 3 && alerts.count(kCorruptAlert) == alerts.size() / 3);
+            QVERIFY(alerts.last().endsWith(u"There was an error building up the data file."_s));
+            QVERIFY(QFileInfo(path).isDir());
+        }
+    }
 
 private:
     QTemporaryDir m_dir;
     QString m_sound; // a store of 2,000 records, made by the pane and filled as the helper would
 };
-
-void TestDamagedHistory::damagedStore()
-{
-    QFETCH(int, outcome);
-    const QString damage = QString::fromUtf8(QTest::currentDataTag());
-    const bool asNobody = damage == u"no permission to read";
-    if (asNobody && ::geteuid() != 0)
-        QSKIP("the unreadable store is tested as another user, which needs root");
-
-    const QString home = m_dir.path() + u'/' + damage;
-    const QString path = home + u"/.local/share/Vantor/history.db"_s;
-    QVERIFY(QDir().mkpath(QFileInfo(path).path()));
-    if (damage == u"empty") {
-        TestEnvironment::writeFile(path, {});
-    } else if (damage == u"directory in its place") {
-        QVERIFY(QDir().mkpath(path));
-    } else {
-        QVERIFY(QFile::copy(m_sound, path));
-        QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
-        if (damage.startsWith(u"truncated"))
-            QVERIFY(QFile::resize(path, QFileInfo(path).size() / 2));
-        if (damage.startsWith(u"zeroed"))
-            overwrite(path, damage.contains(u"first") ? 0 : 5 * kPage, QByteArray(4 * kPage, '\0'));
-        if (damage == u"damaged data pages")
-            overwrite(path, 10 * kPage, QByteArray(3 * kPage, '\xA5'));
-        if (damage == u"damaged schema") {
-            const qsizetype at = TestEnvironment::readFile(path).indexOf("CREATE TABLE ZHISTORY");
-            QVERIFY(at > 0 && at < kPage);
-            overwrite(path, at, "CREATE TABXE ZH(STORY");
-        }
-        if (asNobody) {
-            QVERIFY(QFile::setPermissions(path, QFileDevice::Permissions()));
-            QCOMPARE(QProcess::execute(u"chown"_s, {u"-R"_s, u"65534:65534"_s, home}), 0);
-        }
-    }
-    const ino_t inode = inodeOf(path);
-
-    const QStringList alerts = runHost(home, asNobody);
-    QVERIFY2(alerts.isEmpty() || !alerts.first().startsWith(u"exit"), qPrintable(alerts.join(u'\n')));
-    if (outcome == Kept) {
-        QCOMPARE(alerts, QStringList());
-        QCOMPARE(inodeOf(path), inode);
-    } else if (outcome == Replaced) {
-        QCOMPARE(alerts, QStringList{kCorruptAlert});
-        QCOMPARE(TestEnvironment::sqlite(path, u"SELECT count(*) FROM ZHISTORY"_s), u"0"_s);
-    } else {
-        // The alert, then the store's own error and the stack's, for every request of the store.
-        QVERIFY(alerts.size() >= 3 && alerts.count(kCorruptAlert) == alerts.size() / 3);
-        QVERIFY(alerts.last().endsWith(u"There was an error building up the data file."_s));
-        QVERIFY(QFileInfo(path).isDir());
-    }
-}
 
 QTEST_GUILESS_MAIN(TestDamagedHistory)
 #include "tst_damagedhistory.moc"
