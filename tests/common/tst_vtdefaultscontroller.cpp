@@ -131,7 +131,7 @@ private Q_SLOTS:
 
         if (!contents.isEmpty())
             TestEnvironment::writeFile(file(), contents);
-        VTDefaultsController *made = VTDefaultsController::create();
+        VTDefaultsController *made = VTDefaultsController::create(); // before store() makes one
         QCOMPARE(made, store());
 
         QCOMPARE(TestEnvironment::pythonPlist(file()), fileAfterCreation);

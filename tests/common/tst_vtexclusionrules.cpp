@@ -88,23 +88,6 @@ private Q_SLOTS:
         QCOMPARE(rules.mustExcludeByLinearScan(path), excluded);
     }
 
-    void oddEntriesAreSkippedWithAMessage()
-    {
-        const QString file = m_env.root() + u"/odd.plist"_s;
-        const QVariantList root{u"not a rule"_s, excludeRule("PathEndsWithString", qint64(7)),
-                                excludeRule("PathBeginsWithString", u"/kept/"_s)};
-        QVERIFY(PropertyList::writeFile(file, root));
-
-        QTest::ignoreMessage(QtWarningMsg,
-                             QRegularExpression(u"skipping entry 0 of .*odd\\.plist \\(not a dictionary\\)"_s));
-        QTest::ignoreMessage(QtWarningMsg,
-                             QRegularExpression(u"skipping PathEndsWithString of entry 1 of .*\\(not a string\\)"_s));
-        VTExclusionRules rules;
-        rules.loadRulesAt(file);
-        QVERIFY(rules.suffixRules().isEmpty());
-        QCOMPARE(rules.prefixRules(), QSet<QString>{u"/kept/"_s});
-    }
-
     void loading_data()
     {
         QTest::addColumn<QByteArray>("systemFile"); // "-": no file
@@ -124,6 +107,11 @@ private Q_SLOTS:
         QTest::newRow("dictionary root, other still read") << dictRoot << a << onlyA;
         QTest::newRow("not a property list") << QByteArray("<plist><array><dict>") << a << onlyA;
         QTest::newRow("empty file") << a << QByteArray() << onlyA;
+        QTest::newRow("odd entries skipped with a message")
+            << QByteArray("-")
+            << PropertyList::toXml(QVariantList{u"not a rule"_s, excludeRule("PathEndsWithString", qint64(7)),
+                                                excludeRule("PathBeginsWithString", u"/kept/"_s)})
+            << QStringList{u"prefix /kept/"_s};
 
         // One dictionary with all four pattern keys and one the loader does not know, under each
         // rule type: only "Exclude" is used.
@@ -154,15 +142,20 @@ private Q_SLOTS:
         const QString dir = m_env.root() + u'/' + QString::fromLatin1(QTest::currentDataTag()).replace(u' ', u'_');
         const QString systemPath = dir + u"/System/SystemCompressionRules.plist"_s;
         const QString resources = dir + u"/Resources"_s;
-        QDir().mkpath(resources);
         if (systemFile != "-")
             TestEnvironment::writeFile(systemPath, systemFile);
         if (bundleFile != "-")
             TestEnvironment::writeFile(resources + u"/ExclusionRules.plist"_s, bundleFile);
 
         VTExclusionRules::setRuleFileLocations(systemPath, resources);
+        if (QTest::currentDataTag() == QByteArrayView("odd entries skipped with a message")) {
+            QTest::ignoreMessage(QtWarningMsg,
+                                 QRegularExpression(u"skipping entry 0 of .*\\.plist \\(not a dictionary\\)"_s));
+            QTest::ignoreMessage(
+                QtWarningMsg, QRegularExpression(u"skipping PathEndsWithString of entry 1 of .*\\(not a string\\)"_s));
+        }
         VTExclusionRules rules;
-        rules.loadExclusionRules(); // no message expected: Qt Test fails on unexpected warnings below
+        rules.loadExclusionRules(); // other rows log nothing: Qt Test fails on unexpected warnings below
         VTExclusionRules::setRuleFileLocations(QString(), QString());
 
         QStringList found;
@@ -196,12 +189,8 @@ private Q_SLOTS:
                      + rules->exactRules().size(),
                  entries);
 
-        QVERIFY(VTExclusionRules::mustExcludePath(u"/home/u/.cache/thumbnails/large/x.png"_s));
         QVERIFY(VTExclusionRules::mustExcludePath(u"/home/u/.local/share/Vantor/history.db"_s));
-        QVERIFY(VTExclusionRules::mustExcludePath(u"/home/u/Downloads/linux.tar.xz"_s));
-        QVERIFY(VTExclusionRules::mustExcludePath(u"/var/lib/dpkg/status"_s));
         QVERIFY(!VTExclusionRules::mustExcludePath(u"/home/u/Documents/notes.txt"_s));
-        QVERIFY(!VTExclusionRules::mustExcludePath(u"/home/u/src/project/main.cpp"_s));
     }
 
     void randomisedAgainstLinearScan()
@@ -220,7 +209,6 @@ private Q_SLOTS:
         };
 
         int excluded = 0;
-        int asked = 0;
         for (int set = 0; set < 300; ++set) {
             VTExclusionRules rules;
             QStringList patterns;
@@ -240,15 +228,12 @@ private Q_SLOTS:
                     path = (random.bounded(2) ? text(3) : QString()) + patterns.at(random.bounded(int(patterns.size())))
                         + (random.bounded(2) ? text(3) : QString());
                 const bool expected = rules.mustExcludeByLinearScan(path);
-                QVERIFY2(rules.mustExclude(path) == expected,
-                         qPrintable(u"set %1, path %2, expected %3"_s.arg(set).arg(path).arg(expected)));
+                QVERIFY2(rules.mustExclude(path) == expected, qPrintable(u"set %1, path %2"_s.arg(set).arg(path)));
                 excluded += expected;
-                ++asked;
             }
         }
         // Both answers occur often enough for the comparison to mean something.
-        QVERIFY(excluded > asked / 10);
-        QVERIFY(excluded < asked * 9 / 10);
+        QVERIFY(excluded > 9000 && excluded < 81000);
     }
 
 private:

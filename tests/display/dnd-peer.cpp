@@ -12,12 +12,6 @@
 
 namespace {
 
-void report(const QByteArray &line)
-{
-    std::puts(line.constData());
-    std::fflush(stdout);
-}
-
 class Peer : public QWidget
 {
 public:
@@ -28,7 +22,7 @@ public:
     }
 
 protected:
-    void showEvent(QShowEvent *) override { report("ready"); }
+    void showEvent(QShowEvent *) override { std::puts("ready"); }
 
     void mouseMoveEvent(QMouseEvent *event) override
     {
@@ -40,7 +34,7 @@ protected:
         data->setUrls(m_urls);
         drag->setMimeData(data);
         const Qt::DropAction result = drag->exec(Qt::CopyAction | Qt::MoveAction | Qt::LinkAction);
-        report(result == Qt::CopyAction ? "result copy" : "result other");
+        std::puts(result == Qt::CopyAction ? "result copy" : "result other");
         m_dragging = false;
     }
 
@@ -55,7 +49,7 @@ protected:
         QByteArray line = "dropped";
         for (const QUrl &url : event->mimeData()->urls())
             line += ' ' + url.toEncoded();
-        report(line);
+        std::puts(line.constData());
         event->setDropAction(Qt::CopyAction);
         event->accept();
     }
@@ -71,6 +65,7 @@ private:
 int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0); // each line reaches the test at once
     const QStringList args = app.arguments();
     QList<QUrl> urls;
     for (const QString &path : args.mid(5))

@@ -4,7 +4,6 @@
 #include "platform/DistributedNotificationCenter.h"
 #include "common/Notifications.h"
 #include "platform/PreferencesDomain.h"
-#include "ReliabilityStates.h"
 #include "common/VTDefaultsController.h"
 
 #include <QCoreApplication>
@@ -48,11 +47,7 @@ sqlite3 *openStore(const QString &path)
 
 void postSavingsChanged()
 {
-    QDBusConnection::sessionBus().send(
-        QDBusMessage::createSignal(QLatin1String(DistributedNotificationCenter::kPath),
-                                   QLatin1String(DistributedNotificationCenter::kInterface),
-                                   QLatin1String(DistributedNotificationCenter::kMember))
-        << QString::fromLatin1(Notifications::SavingsChanged) << QVariantMap());
+    DistributedNotificationCenter::defaultCenter()->postNotificationName(QLatin1String(Notifications::SavingsChanged));
 }
 
 // A call's answer comes after everything sent before it: nothing posted is lost at exit.
@@ -79,20 +74,17 @@ int login(qint64 from)
     for (qint64 step = from + 1;; ++step) {
         say("w", step);
         PreferencesDomain domain(QStringLiteral("loginwindow"));
-        domain.setValue(QStringLiteral("AutoLaunchedApplicationDictionary"), ReliabilityStates::loginListAt(step));
+        domain.setValue(QStringLiteral("AutoLaunchedApplicationDictionary"),
+                        QVariantList{QVariantMap{{QStringLiteral("Path"), QStringLiteral("/opt/step %1").arg(step)}}});
         if (!domain.synchronize())
             return 2;
         say("d", step);
     }
 }
 
-int history(const QString &path, int seconds)
+int history(const QString &path, int seconds, int records)
 {
     sqlite3 *db = openStore(path);
-    sqlite3_stmt *count = nullptr;
-    sqlite3_prepare_v2(db, "SELECT MAX(Z_PK) FROM ZHISTORY", -1, &count, nullptr);
-    const int records = sqlite3_step(count) == SQLITE_ROW ? sqlite3_column_int(count, 0) : 0;
-    sqlite3_finalize(count);
     auto *random = QRandomGenerator::global();
     QElapsedTimer clock;
     clock.start();
@@ -147,7 +139,7 @@ int main(int argc, char **argv)
     if (mode == u"settings" || mode == u"login")
         return (mode == u"login" ? login : settings)(args.value(1).toLongLong());
     if (mode == u"history")
-        return history(args.value(1), args.value(2).toInt());
+        return history(args.value(1), args.value(2).toInt(), args.value(3).toInt());
     if (mode == u"flood")
         return flood(args.value(1), args.value(2).toInt(), args.value(3).toInt());
     std::fprintf(stderr, "usage: reliability-writer settings|login|history|flood ...\n");

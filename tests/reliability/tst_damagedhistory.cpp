@@ -1,6 +1,5 @@
 // Damaged "history.db" files through the whole start-up of the host with the pane: each is
-// read as far as it reads, or replaced by an empty store after the "Vantor Database Error"
-// alert, or (where no store can be made) followed by the two presented errors.
+// read as far as it reads, replaced after the alert, or (where none can be made) refused.
 #include "TestEnvironment.h"
 
 #include <QDir>
@@ -72,97 +71,90 @@ class TestDamagedHistory : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void damagedStore_data();
-    void damagedStore();
+    void initTestCase()
+    {
+        // Another user must reach the homes made inside.
+        QVERIFY(QFile::setPermissions(m_dir.path(), QFileDevice::Permissions(0x7755)));
+        const QString home = m_dir.path() + u"/template"_s;
+        QCOMPARE(runHost(home, false), QStringList());
+        m_sound = home + u"/.local/share/Vantor/history.db"_s;
+        TestEnvironment::sqlite(m_sound,
+                                u"WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000) "
+                                "INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
+                                "SELECT printf('/home/u/folder %05d with a long name to fill the pages', i), i % 101, "
+                                "i * 1000, i % 2 FROM n; PRAGMA wal_checkpoint(TRUNCATE);"_s);
+        QVERIFY(QFileInfo(m_sound).size() > 40 * kPage);
+    }
+
+    void damagedStore_data()
+    {
+        QTest::addColumn<int>("outcome");
+        QTest::newRow("empty") << int(Kept);
+        // The header's page count no longer matches the file: the schema cannot be read.
+        QTest::newRow("truncated to half") << int(Replaced);
+        QTest::newRow("zeroed first page") << int(Replaced);
+        QTest::newRow("zeroed pages") << int(Kept);
+        QTest::newRow("damaged schema") << int(Replaced);
+        QTest::newRow("damaged data pages") << int(Kept);
+        QTest::newRow("directory in its place") << int(Unattachable);
+        QTest::newRow("no permission to read") << int(Replaced);
+    }
+    void damagedStore()
+    {
+        QFETCH(int, outcome);
+        const QString damage = QString::fromUtf8(QTest::currentDataTag());
+        const bool asNobody = damage == u"no permission to read";
+        if (asNobody && ::geteuid() != 0)
+            QSKIP("the unreadable store is tested as another user, which needs root");
+
+        const QString home = m_dir.path() + u'/' + damage;
+        const QString path = home + u"/.local/share/Vantor/history.db"_s;
+        QVERIFY(QDir().mkpath(QFileInfo(path).path()));
+        if (damage == u"empty") {
+            TestEnvironment::writeFile(path, {});
+        } else if (damage == u"directory in its place") {
+            QVERIFY(QDir().mkpath(path));
+        } else {
+            QVERIFY(QFile::copy(m_sound, path));
+            QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
+            if (damage.startsWith(u"truncated"))
+                QVERIFY(QFile::resize(path, QFileInfo(path).size() / 2));
+            if (damage.startsWith(u"zeroed"))
+                overwrite(path, damage.contains(u"first") ? 0 : 5 * kPage, QByteArray(4 * kPage, '\0'));
+            if (damage == u"damaged data pages")
+                overwrite(path, 10 * kPage, QByteArray(3 * kPage, '\xA5'));
+            if (damage == u"damaged schema") {
+                const qsizetype at = TestEnvironment::readFile(path).indexOf("CREATE TABLE ZHISTORY");
+                QVERIFY(at > 0 && at < kPage);
+                overwrite(path, at, "CREATE TABXE ZH(STORY");
+            }
+            if (asNobody) {
+                QVERIFY(QFile::setPermissions(path, QFileDevice::Permissions()));
+                QCOMPARE(QProcess::execute(u"chown"_s, {u"-R"_s, u"65534:65534"_s, home}), 0);
+            }
+        }
+        const ino_t inode = inodeOf(path);
+
+        const QStringList alerts = runHost(home, asNobody);
+        QVERIFY2(alerts.isEmpty() || !alerts.first().startsWith(u"exit"), qPrintable(alerts.join(u'\n')));
+        if (outcome == Kept) {
+            QCOMPARE(alerts, QStringList());
+            QCOMPARE(inodeOf(path), inode);
+        } else if (outcome == Replaced) {
+            QCOMPARE(alerts, QStringList{kCorruptAlert});
+            QCOMPARE(TestEnvironment::sqlite(path, u"SELECT count(*) FROM ZHISTORY"_s), u"0"_s);
+        } else {
+            // The alert, then the store's own error and the stack's, for every request of the store.
+            QVERIFY(alerts.size() >= 3 && alerts.count(kCorruptAlert) == alerts.size() / 3);
+            QVERIFY(alerts.last().endsWith(u"There was an error building up the data file."_s));
+            QVERIFY(QFileInfo(path).isDir());
+        }
+    }
 
 private:
     QTemporaryDir m_dir;
     QString m_sound; // a store of 2,000 records, made by the pane and filled as the helper would
 };
-
-void TestDamagedHistory::initTestCase()
-{
-    // Another user must reach the homes made inside.
-    QVERIFY(QFile::setPermissions(m_dir.path(), QFileDevice::Permissions(0x7755)));
-    const QString home = m_dir.path() + u"/template"_s;
-    QCOMPARE(runHost(home, false), QStringList());
-    m_sound = home + u"/.local/share/Vantor/history.db"_s;
-    TestEnvironment::sqlite(m_sound,
-                            u"WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i<2000) "
-                            "INSERT INTO ZHISTORY (ZFOLDER, ZSTATUS, ZSAVINGS, ZENABLED) "
-                            "SELECT printf('/home/u/folder %05d with a long name to fill the pages', i), i % 101, "
-                            "i * 1000, i % 2 FROM n; PRAGMA wal_checkpoint(TRUNCATE);"_s);
-    QCOMPARE(TestEnvironment::sqlite(m_sound, u"SELECT count(*) FROM ZHISTORY"_s), u"2000"_s);
-    QVERIFY(QFileInfo(m_sound).size() > 40 * kPage);
-}
-
-void TestDamagedHistory::damagedStore_data()
-{
-    QTest::addColumn<int>("outcome");
-    QTest::newRow("empty") << int(Kept);
-    // The header's page count no longer matches the file: the schema cannot be read.
-    QTest::newRow("truncated to half") << int(Replaced);
-    QTest::newRow("zeroed first page") << int(Replaced);
-    QTest::newRow("zeroed pages") << int(Kept);
-    QTest::newRow("damaged schema") << int(Replaced);
-    QTest::newRow("damaged data pages") << int(Kept);
-    QTest::newRow("directory in its place") << int(Unattachable);
-    QTest::newRow("no permission to read") << int(Replaced);
-}
-
-void TestDamagedHistory::damagedStore()
-{
-    QFETCH(int, outcome);
-    const QString damage = QString::fromUtf8(QTest::currentDataTag());
-    const bool asNobody = damage == u"no permission to read";
-    if (asNobody && ::geteuid() != 0)
-        QSKIP("the unreadable store is tested as another user, which needs root");
-
-    const QString home = m_dir.path() + u'/' + damage;
-    const QString path = home + u"/.local/share/Vantor/history.db"_s;
-    QVERIFY(QDir().mkpath(QFileInfo(path).path()));
-    if (damage == u"empty") {
-        TestEnvironment::writeFile(path, {});
-    } else if (damage == u"directory in its place") {
-        QVERIFY(QDir().mkpath(path));
-    } else {
-        QVERIFY(QFile::copy(m_sound, path));
-        QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner);
-        if (damage.startsWith(u"truncated"))
-            QVERIFY(QFile::resize(path, QFileInfo(path).size() / 2));
-        if (damage.startsWith(u"zeroed"))
-            overwrite(path, damage.contains(u"first") ? 0 : 5 * kPage, QByteArray(4 * kPage, '\0'));
-        if (damage == u"damaged data pages")
-            overwrite(path, 10 * kPage, QByteArray(3 * kPage, '\xA5'));
-        if (damage == u"damaged schema") {
-            const qsizetype at = TestEnvironment::readFile(path).indexOf("CREATE TABLE ZHISTORY");
-            QVERIFY(at > 0 && at < kPage);
-            overwrite(path, at, "CREATE TABXE ZH(STORY");
-        }
-        if (asNobody) {
-            QVERIFY(QFile::setPermissions(path, QFileDevice::Permissions()));
-            QCOMPARE(QProcess::execute(u"chown"_s, {u"-R"_s, u"65534:65534"_s, home}), 0);
-        }
-    }
-    const ino_t inode = inodeOf(path);
-
-    const QStringList alerts = runHost(home, asNobody);
-    QVERIFY2(alerts.isEmpty() || !alerts.first().startsWith(u"exit"), qPrintable(alerts.join(u'\n')));
-    if (outcome == Kept) {
-        QCOMPARE(alerts, QStringList());
-        QCOMPARE(inodeOf(path), inode);
-    } else if (outcome == Replaced) {
-        QCOMPARE(alerts, QStringList{kCorruptAlert});
-        // A new, empty store took its place.
-        QCOMPARE(TestEnvironment::sqlite(path, u"SELECT count(*) FROM ZHISTORY"_s), u"0"_s);
-    } else {
-        // The alert, then the store's own error and the stack's, for every request of the store.
-        QVERIFY(alerts.size() >= 3 && alerts.count(kCorruptAlert) == alerts.size() / 3);
-        QVERIFY(alerts.last().endsWith(u"There was an error building up the data file."_s));
-        QVERIFY(QFileInfo(path).isDir());
-    }
-}
 
 QTEST_GUILESS_MAIN(TestDamagedHistory)
 #include "tst_damagedhistory.moc"

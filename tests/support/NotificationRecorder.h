@@ -20,9 +20,7 @@ public:
     // The payload of the first notification of that name; empty when none arrived.
     QVariantMap userInfo(const QString &name) const { return m_userInfos.value(m_names.indexOf(name)); }
     void clear();
-    // Waits until a notification of that name has arrived (true) or the time is up.
     bool waitFor(const QString &name, int timeoutMs = 5000);
-    // Lets the bus deliver whatever is on its way, then returns.
     void settle(int ms = 200);
 
 private Q_SLOTS:

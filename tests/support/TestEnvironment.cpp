@@ -28,16 +28,6 @@ TestEnvironment::TestEnvironment()
     qputenv("TMPDIR", QFile::encodeName(m_dir.path() + QStringLiteral("/tmp")));
 }
 
-QString TestEnvironment::paneBundle()
-{
-    return qEnvironmentVariable("VANTOR_PANE_BUNDLE");
-}
-
-QString TestEnvironment::hostExecutable()
-{
-    return qEnvironmentVariable("VANTOR_HOST");
-}
-
 QByteArray TestEnvironment::readFile(const QString &path)
 {
     QFile f(path);
@@ -54,18 +44,16 @@ void TestEnvironment::writeFile(const QString &path, const QByteArray &bytes)
 
 QString TestEnvironment::pythonPlist(const QString &path)
 {
-    QProcess python;
-    python.start(QStringLiteral("python3"),
-                 {QStringLiteral("-c"),
-                  QStringLiteral("import plistlib,sys\n"
-                                 "try:\n"
-                                 "  d=plistlib.load(open(sys.argv[1],'rb'))\n"
-                                 "  print(repr(dict(sorted(d.items())) if isinstance(d, dict) else d))\n"
-                                 "except Exception as e:\n"
-                                 "  print('ERROR: %s' % e)\n"),
-                  path});
-    python.waitForFinished(30000);
-    return QString::fromUtf8(python.readAllStandardOutput()).trimmed();
+    return run(QStringLiteral("python3"),
+               {QStringLiteral("-c"),
+                QStringLiteral("import plistlib,sys\n"
+                               "try:\n"
+                               "  d=plistlib.load(open(sys.argv[1],'rb'))\n"
+                               "  print(repr(dict(sorted(d.items())) if isinstance(d, dict) else d))\n"
+                               "except Exception as e:\n"
+                               "  print('ERROR: %s' % e)\n"),
+                path})
+        .out.trimmed();
 }
 
 int TestEnvironment::postWithGdbus(const QString &name, const QString &userInfo)
@@ -150,11 +138,10 @@ QString TestEnvironment::helperExecutable()
 
 QString TestEnvironment::sqlite(const QString &database, const QString &sql)
 {
-    QProcess shell;
     // A helper may still hold the store a moment after its host is gone: wait for its lock.
-    shell.start(QStringLiteral("sqlite3"), {QStringLiteral("-cmd"), QStringLiteral(".timeout 5000"), database, sql});
-    shell.waitForFinished(30000);
-    return QString::fromUtf8(shell.readAllStandardOutput() + shell.readAllStandardError()).trimmed();
+    const Run shell =
+        run(QStringLiteral("sqlite3"), {QStringLiteral("-cmd"), QStringLiteral(".timeout 5000"), database, sql});
+    return (shell.out + shell.err).trimmed();
 }
 
 QProcessEnvironment TestEnvironment::markedEnvironment(QByteArray *token)
@@ -173,6 +160,7 @@ bool TestEnvironment::runAutostart() const
     env.insert(QStringLiteral("XDG_CONFIG_DIRS"), root() + QStringLiteral("/no-system-config"));
     env.remove(QStringLiteral("QT_QPA_PLATFORM"));
     dex.setProcessEnvironment(env);
+    // What it starts outlives it: they write to our output, not to a pipe closed behind them.
     dex.setProcessChannelMode(QProcess::ForwardedChannels);
     dex.start(QStringLiteral("dex"), {QStringLiteral("-a"), QStringLiteral("-w")});
     return dex.waitForFinished(60000) && dex.exitStatus() == QProcess::NormalExit && dex.exitCode() == 0;

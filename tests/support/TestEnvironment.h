@@ -7,9 +7,8 @@
 #include <QString>
 #include <QTemporaryDir>
 
-// A throw-away home for one test process: HOME, XDG_DATA_HOME, XDG_CONFIG_HOME,
-// XDG_STATE_HOME, XDG_RUNTIME_DIR and TMPDIR all point inside one temporary folder, made
-// before anything looks them up.
+// A throw-away home for one test process: HOME, the XDG folders and TMPDIR all point inside
+// one temporary folder, made before anything looks them up.
 class TestEnvironment
 {
 public:
@@ -21,19 +20,16 @@ public:
     QString productFolder() const { return dataHome() + QStringLiteral("/Vantor"); }
     QString configHome() const { return home() + QStringLiteral("/.config"); }
 
-    // Paths of the build tree, from the test's environment.
-    static QString paneBundle();
-    static QString hostExecutable();
+    static QString paneBundle() { return qEnvironmentVariable("VANTOR_PANE_BUNDLE"); }
+    static QString hostExecutable() { return qEnvironmentVariable("VANTOR_HOST"); }
 
     static QByteArray readFile(const QString &path);
     static void writeFile(const QString &path, const QByteArray &bytes);
     // Python's plistlib reading path; the repr() of what it finds, or "ERROR: ..." when it fails.
     static QString pythonPlist(const QString &path);
 
-    // The sqlite3 shell's answer (output, then any error) to sql on database.
     static QString sqlite(const QString &database, const QString &sql);
-    // Posts a distributed notification from another process (gdbus, a third-party sender);
-    // userInfo is in GVariant text form. Returns gdbus's exit code.
+    // Posted by another program (gdbus); userInfo in GVariant text form. gdbus's exit code.
     static int postWithGdbus(const QString &name, const QString &userInfo = QStringLiteral("@a{sv} {}"));
     // Waits until another process on the bus observes that notification: one that subscribes
     // after its last start-up post cannot be told ready by that post.
@@ -49,9 +45,8 @@ public:
     static Run run(const QString &program, const QStringList &arguments,
                    const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment(), int timeoutMs = 60000);
 
-    // Live (not zombie) processes other than this one whose environment holds entry
-    // ("NAME=value"), running executable when one is given, each with its arguments. They
-    // need not be our children, so /proc is the way.
+    // Live processes, not only our children, whose environment holds entry ("NAME=value"),
+    // running executable when one is given, each with its arguments.
     static QMap<int, QList<QByteArray>> processesWithEnvironment(const QByteArray &entry,
                                                                  const QString &executable = {});
     // Those on this test's own session bus (other tests start theirs at the same time).
