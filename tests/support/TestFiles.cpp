@@ -1,8 +1,9 @@
 #include "TestFiles.h"
 
+#include "TestEnvironment.h"
+
 #include <QCryptographicHash>
 #include <QFile>
-#include <QProcess>
 #include <QRandomGenerator>
 
 #include <dirent.h>
@@ -82,10 +83,7 @@ bool TestFiles::fallocate(const QString &path, qint64 bytes)
 
 QString TestFiles::run(const QString &program, const QStringList &arguments)
 {
-    QProcess process;
-    process.start(program, arguments);
-    process.waitForFinished(60000);
-    return QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+    return TestEnvironment::run(program, arguments).out.trimmed();
 }
 
 QString TestFiles::sh(const QString &script, const QStringList &arguments, uid_t uid)
