@@ -7,6 +7,7 @@
 #include "common/Notifications.h"
 #include "prefpane/QFTableView.h"
 #include "RecordingAlerts.h"
+#include "HelperProcess.h"
 #include "PaneFixture.h"
 #include "TestEnvironment.h"
 #include "prefpane/VTHistoryController.h"
@@ -14,7 +15,6 @@
 #include <QDir>
 #include <QDropEvent>
 #include <QMimeData>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTest>
 
@@ -45,9 +45,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(controller()->managedObjectContext());
-        m_helper.setProcessChannelMode(QProcess::ForwardedChannels);
-        m_helper.start(TestEnvironment::helperExecutable(), {});
-        QTRY_VERIFY_WITH_TIMEOUT(TestEnvironment::helperOwnsItsName(), 15000);
+        QVERIFY(m_helper.start());
     }
 
     void init() { AliasResolver::setUseFileHandles(false); }
@@ -114,8 +112,7 @@ private Q_SLOTS:
         QVERIFY(m_alerts.sheets.isEmpty() && m_alerts.modals.isEmpty());
 
         static const QRegularExpression stamp(u"^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3} \\d+ "_s);
-        const QString log = m_env.home() + u"/.local/state/vantor/VantorHelper.log"_s;
-        for (const QString &line : QString::fromUtf8(TestEnvironment::readFile(log)).split(u'\n', Qt::SkipEmptyParts))
+        for (const QString &line : QString::fromUtf8(m_helper.log()).split(u'\n', Qt::SkipEmptyParts))
             QVERIFY2(stamp.match(line).hasMatch() && !line.startsWith(u"2026-01-01"_s), qPrintable(line));
     }
 
@@ -139,7 +136,7 @@ private:
     TestEnvironment m_env;
     RecordingAlerts m_alerts;
     PaneFixture m_fixture;
-    QProcess m_helper;
+    HelperProcess m_helper{m_env};
 };
 
 QTEST_MAIN(TestOddPaths)
