@@ -106,6 +106,7 @@ int history(const QString &path, int seconds, int records)
     }
     postSavingsChanged(); // for the last moves
     flush();
+    sqlite3_close(db);
     std::printf("%lld moves\n", static_cast<long long>(moves));
     return 0;
 }
@@ -125,6 +126,7 @@ int flood(const QString &path, int count, int milliseconds)
             QThread::usleep(quint64(due - clock.elapsed()) * 1000);
     }
     flush();
+    sqlite3_close(db);
     std::printf("posted %d in %lld ms\n", count, static_cast<long long>(clock.elapsed()));
     return 0;
 }
