@@ -44,8 +44,9 @@ void CompressionWorker::Tally::count(const QList<ExtentMap::Stored> &stored, boo
     for (const ExtentMap::Stored &extent : stored) {
         const auto it = extents.find(extent.physical);
         if (more && it == extents.end()) {
-            extents.insert(extent.physical, {extent.savings, 1});
-            total.savings += extent.savings;
+            const Extent counted{qint32(qMin(extent.savings, qint64(INT32_MAX))), 1};
+            extents.insert(extent.physical, counted);
+            total.savings += counted.savings;
         } else if (more) {
             ++it->files;
         } else if (it != extents.end() && --it->files == 0) {
@@ -333,10 +334,9 @@ void CompressionWorker::runJob(const Job &job)
             ++files;
             if (file.st.st_size <= CompressionModel::kBlockSize)
                 continue; // fits in one block: nothing to gain
-            if (const std::optional<RescanCache::Figures> known = m_cache.find(file.st)) {
+            if (const std::optional<RescanCache::Figures> known = m_cache.find(file.st, figures.stored)) {
                 figures.savings += known->savings;
                 figures.shared += known->shared;
-                figures.stored += known->stored;
                 continue;
             }
             // The rules are asked only here: what a rescan recognises was asked about before.

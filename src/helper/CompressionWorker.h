@@ -83,7 +83,7 @@ private:
     // compressed extent that several of its files refer to (reflinked copies) counts once.
     struct Tally {
         struct Extent {
-            qint64 savings;
+            qint32 savings; // an extent holds at most 128 KiB
             qint32 files;
         };
         QHash<QByteArray, RescanCache::Figures> folders;

@@ -80,7 +80,7 @@ bool RescanCache::load()
         m_records.reserve(std::size_t(records));
         for (quint64 i = 0; i < records; ++i, at += kRecordSize) {
             const quint64 count = get(at + 56);
-            if (count > quint64(storedLeft / kStoredSize))
+            if (count > quint64(storedLeft / kStoredSize) || count >= (1u << 31))
                 break;
             storedLeft -= qsizetype(count) * kStoredSize;
             m_records.push_back({get(at), get(at + 8), qint64(get(at + 16)), qint64(get(at + 24)), qint64(get(at + 32)),
@@ -185,7 +185,7 @@ void RescanCache::rebuildIndex()
     }
 }
 
-std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st)
+std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st, QList<ExtentMap::Stored> &stored)
 {
     if (m_index.empty())
         return std::nullopt;
@@ -204,8 +204,9 @@ std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st)
         || record.changeNanoseconds != st.st_ctim.tv_nsec)
         return std::nullopt;
     record.seen = true;
-    const auto stored = m_stored.cbegin() + record.storedAt;
-    return Figures{record.savings, record.shared, QList<ExtentMap::Stored>(stored, stored + record.storedCount)};
+    for (quint32 i = record.storedAt; i < record.storedAt + record.storedCount; ++i)
+        stored.append(m_stored[i]);
+    return Figures{record.savings, record.shared, {}};
 }
 
 void RescanCache::insert(const struct stat &st, const Figures &figures)

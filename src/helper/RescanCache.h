@@ -33,7 +33,8 @@ public:
     // seen since the helper started are left out (their files are gone or were never scanned).
     bool save(bool prune);
 
-    std::optional<Figures> find(const struct stat &st);
+    // The file's figures, its compressed extents appended to stored rather than in them.
+    std::optional<Figures> find(const struct stat &st, QList<ExtentMap::Stored> &stored);
     void insert(const struct stat &st, const Figures &figures);
     bool isDirty() const { return m_dirty; }
     qsizetype size() const { return qsizetype(m_records.size()); }
@@ -51,8 +52,8 @@ private:
         qint64 savings = 0;
         qint64 shared = 0;
         quint32 storedAt = 0; // its extents in m_stored
-        quint32 storedCount = 0;
-        bool seen = false; // looked up or stored since the helper started
+        quint32 storedCount : 31 = 0;
+        quint32 seen : 1 = false; // looked up or stored since the helper started
     };
     static constexpr quint32 kEmpty = 0xffffffffu;
 
