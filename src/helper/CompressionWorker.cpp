@@ -39,24 +39,50 @@ qint64 nowMs()
 
 } // namespace
 
+void CompressionWorker::Tally::count(const QList<ExtentMap::Stored> &stored, bool more)
+{
+    for (const ExtentMap::Stored &extent : stored) {
+        const auto it = extents.find(extent.physical);
+        if (more && it == extents.end()) {
+            const Extent counted{qint32(qMin(extent.savings, qint64(INT32_MAX))), 1};
+            extents.insert(extent.physical, counted);
+            total.savings += counted.savings;
+        } else if (more) {
+            ++it->files;
+        } else if (it != extents.end() && --it->files == 0) {
+            total.savings -= it->savings;
+            extents.erase(it);
+        }
+    }
+}
+
 void CompressionWorker::Tally::set(const QByteArray &relative, RescanCache::Figures figures)
 {
     RescanCache::Figures &entry = folders[relative];
+    // Counted before the old ones go, so an extent still there keeps its figure.
+    count(figures.stored, true);
+    count(entry.stored, false);
     total.savings += figures.savings - entry.savings;
     total.shared += figures.shared - entry.shared;
-    entry = figures;
+    entry = std::move(figures);
 }
 
-void CompressionWorker::Tally::add(const QByteArray &relative, RescanCache::Figures figures)
+void CompressionWorker::Tally::add(const QByteArray &relative, const RescanCache::Figures &figures)
 {
-    const RescanCache::Figures old = folders.value(relative);
-    set(relative, {old.savings + figures.savings, old.shared + figures.shared});
+    RescanCache::Figures &entry = folders[relative];
+    count(figures.stored, true);
+    entry.savings += figures.savings;
+    entry.shared += figures.shared;
+    entry.stored += figures.stored;
+    total.savings += figures.savings;
+    total.shared += figures.shared;
 }
 
 void CompressionWorker::Tally::dropBelow(const QByteArray &relative)
 {
     for (auto it = folders.begin(); it != folders.end();) {
         if (isBelow(it.key(), relative)) {
+            count(it->stored, false);
             total.savings -= it->savings;
             total.shared -= it->shared;
             it = folders.erase(it);
@@ -308,7 +334,7 @@ void CompressionWorker::runJob(const Job &job)
             ++files;
             if (file.st.st_size <= CompressionModel::kBlockSize)
                 continue; // fits in one block: nothing to gain
-            if (const std::optional<RescanCache::Figures> known = m_cache.find(file.st)) {
+            if (const std::optional<RescanCache::Figures> known = m_cache.find(file.st, figures.stored)) {
                 figures.savings += known->savings;
                 figures.shared += known->shared;
                 continue;
@@ -327,7 +353,7 @@ void CompressionWorker::runJob(const Job &job)
             todo.append(path);
             todoFolders.append(seen.relative);
         }
-        tally.set(seen.relative, figures);
+        tally.set(seen.relative, std::move(figures));
         if (listing) {
             // Folders that went away take their savings with them; new ones are walked whole.
             QSet<QByteArray> present;
@@ -375,7 +401,7 @@ void CompressionWorker::runJob(const Job &job)
         todo, [this] { return waitUntilActive(); },
         [&](qsizetype index, const FileCompressor::Outcome &outcome) {
             ++done;
-            const RescanCache::Figures figures{outcome.savings, outcome.shared};
+            const RescanCache::Figures figures{outcome.savings, outcome.shared, outcome.stored};
             if (outcome.settled)
                 m_cache.insert(outcome.st, figures);
             tally.add(todoFolders[index], figures);

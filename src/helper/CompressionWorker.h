@@ -79,13 +79,20 @@ private:
         QByteArray path;
         bool limitTold = false;
     };
-    // Per watched folder: the figures of the files directly in each of its folders.
+    // Per watched folder: the figures of the files directly in each of its folders. A
+    // compressed extent that several of its files refer to (reflinked copies) counts once.
     struct Tally {
+        struct Extent {
+            qint32 savings; // an extent holds at most 128 KiB
+            qint32 files;
+        };
         QHash<QByteArray, RescanCache::Figures> folders;
-        RescanCache::Figures total;
+        QHash<quint64, Extent> extents; // by place on disk
+        RescanCache::Figures total; // without the extents' list
         void set(const QByteArray &relative, RescanCache::Figures figures);
-        void add(const QByteArray &relative, RescanCache::Figures figures);
+        void add(const QByteArray &relative, const RescanCache::Figures &figures);
         void dropBelow(const QByteArray &relative);
+        void count(const QList<ExtentMap::Stored> &stored, bool more);
     };
 
     void runJob(const Job &job);

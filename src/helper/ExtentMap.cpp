@@ -19,6 +19,8 @@ bool ExtentMap::read(int fd)
 {
     m_plainOwn.clear();
     m_encoded.clear();
+    m_placed.clear();
+    m_unplaced.clear();
     m_plainShared = 0;
     constexpr unsigned kExtents = 256;
     std::vector<char> buffer(sizeof(struct fiemap) + kExtents * sizeof(struct fiemap_extent));
@@ -38,9 +40,13 @@ bool ExtentMap::read(int fd)
             const qint64 logical = qint64(extent.fe_logical);
             const qint64 length = qint64(extent.fe_length);
             // Inline data lives in the metadata, preallocated space holds no data: nothing to gain.
-            if (extent.fe_flags & FIEMAP_EXTENT_ENCODED)
+            if (extent.fe_flags & FIEMAP_EXTENT_ENCODED) {
                 append(m_encoded, logical, length);
-            else if (extent.fe_flags & FIEMAP_EXTENT_SHARED)
+                if (extent.fe_physical != 0 && !(extent.fe_flags & FIEMAP_EXTENT_DATA_INLINE))
+                    m_placed.append(Placed{quint64(extent.fe_physical), {logical, length}});
+                else
+                    append(m_unplaced, logical, length);
+            } else if (extent.fe_flags & FIEMAP_EXTENT_SHARED)
                 m_plainShared += length;
             else if (!(extent.fe_flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_UNWRITTEN)))
                 append(m_plainOwn, logical, length);
@@ -54,12 +60,18 @@ bool ExtentMap::read(int fd)
 qint64 ExtentMap::encodedBytesIn(const QList<Range> &ranges) const
 {
     qint64 total = 0;
-    for (const Range &encoded : m_encoded) {
-        for (const Range &range : ranges) {
-            const qint64 start = qMax(encoded.start, range.start);
-            const qint64 end = qMin(encoded.start + encoded.length, range.start + range.length);
-            total += qMax(end - start, qint64(0));
-        }
+    for (const Range &encoded : m_encoded)
+        total += overlap(encoded, ranges);
+    return total;
+}
+
+qint64 ExtentMap::overlap(const Range &range, const QList<Range> &ranges)
+{
+    qint64 total = 0;
+    for (const Range &other : ranges) {
+        const qint64 start = qMax(range.start, other.start);
+        const qint64 end = qMin(range.start + range.length, other.start + other.length);
+        total += qMax(end - start, qint64(0));
     }
     return total;
 }

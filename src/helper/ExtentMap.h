@@ -13,6 +13,16 @@ public:
         qint64 start;
         qint64 length;
     };
+    // A compressed extent, known by where it lies on disk: a reflinked copy or a snapshot
+    // refers to the same one, and what it saves counts once however many files refer to it.
+    struct Stored {
+        quint64 physical;
+        qint64 savings;
+    };
+    struct Placed {
+        quint64 physical;
+        Range range;
+    };
 
     // False when the file system does not answer; the map is then empty.
     bool read(int fd);
@@ -21,10 +31,16 @@ public:
     // ones stay as they are, so the other owner keeps sharing them.
     const QList<Range> &plainOwn() const { return m_plainOwn; }
     const QList<Range> &encoded() const { return m_encoded; }
+    // Compressed extents with a place on disk, one by one; the rest of encoded() (inline
+    // data) is the file's alone.
+    const QList<Placed> &placed() const { return m_placed; }
+    const QList<Range> &unplaced() const { return m_unplaced; }
     // Bytes in plain extents that something else shares.
     qint64 plainShared() const { return m_plainShared; }
     // Bytes of ranges stored compressed.
     qint64 encodedBytesIn(const QList<Range> &ranges) const;
+    // Bytes of range that lie in ranges.
+    static qint64 overlap(const Range &range, const QList<Range> &ranges);
     static qint64 bytes(const QList<Range> &ranges);
 
 private:
@@ -32,5 +48,7 @@ private:
 
     QList<Range> m_plainOwn;
     QList<Range> m_encoded;
+    QList<Placed> m_placed;
+    QList<Range> m_unplaced;
     qint64 m_plainShared = 0;
 };

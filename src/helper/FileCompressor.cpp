@@ -27,7 +27,8 @@ public:
         QByteArray path;
         qint64 estimate = 0; // what rewriting ranges would save
         QList<ExtentMap::Range> ranges; // the file's own plain data
-        qint64 encodedSavings = 0; // what the data already stored compressed saves
+        qint64 encodedSavings = 0; // what the data already stored inline compressed saves
+        QList<ExtentMap::Stored> stored; // and each extent already stored compressed
         bool encoded = false;
         qint64 shared = 0;
         std::optional<SkippedFiles::Reason> skip;
@@ -107,8 +108,10 @@ Rewrite rewrite(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped
 // A rewrite can succeed and leave the data as it was (btrfs found it would not shrink, or will
 // not compress this file at all): such a file saves nothing and is remembered, so it is not
 // rewritten on every pass. Checked once the rewrite is on disk: before, FIEMAP may still show
-// the old extents. Returns the bytes saved; st is the file's status after all.
-qint64 verify(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, FolderReport *report, struct stat &st)
+// the old extents. Returns the bytes saved outside stored, which gets the new extents; st is
+// the file's status after all.
+qint64 verify(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, FolderReport *report, struct stat &st,
+              QList<ExtentMap::Stored> &stored)
 {
     ExtentMap after;
     const bool read = after.read(fd) && ::fstat(fd, &st) == 0;
@@ -122,9 +125,17 @@ qint64 verify(int fd, const EstimateQueue::Entry &entry, SkippedFiles &skipped, 
     const qint64 encoded = read ? after.encodedBytesIn(ranges) : 0;
     if (encoded > 0) {
         report->compressed();
-        // Only what btrfs really stored compressed counts.
+        // Only what btrfs really stored compressed counts, each new extent its share.
         const qint64 all = ExtentMap::bytes(ranges);
-        return all > 0 ? qint64(double(entry.estimate) * double(qMin(encoded, all)) / double(all)) : 0;
+        auto share = [&](qint64 bytes) { return qint64(double(entry.estimate) * double(bytes) / double(all)); };
+        qint64 placed = 0;
+        for (const ExtentMap::Placed &extent : after.placed()) {
+            if (const qint64 bytes = ExtentMap::overlap(extent.range, ranges); bytes > 0) {
+                stored.append({extent.physical, share(bytes)});
+                placed += bytes;
+            }
+        }
+        return share(qMin(encoded, all) - qMin(placed, all));
     }
     if (read) {
         skipped.add(st, SkippedFiles::Reason::StaysPlain);
@@ -177,8 +188,11 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
                     entry.encoded = !map.encoded().isEmpty();
                     if (!entry.ranges.isEmpty())
                         entry.estimate = model.savingsForRanges(fd, entry.ranges);
-                    if (entry.encoded)
-                        entry.encodedSavings = qMax(model.savingsForRanges(fd, map.encoded()), qint64(0));
+                    if (!map.unplaced().isEmpty())
+                        entry.encodedSavings = qMax(model.savingsForRanges(fd, map.unplaced()), qint64(0));
+                    for (const ExtentMap::Placed &extent : map.placed())
+                        entry.stored.append(
+                            {extent.physical, qMax(model.savingsForRanges(fd, {extent.range}), qint64(0))});
                 }
             }
             if (fd >= 0)
@@ -220,9 +234,10 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
             Outcome outcome;
             outcome.savings = rewritten.encodedSavings;
             outcome.shared = rewritten.shared;
+            outcome.stored = rewritten.stored;
             const int fd = openForReading(rewritten.path);
             if (fd >= 0) {
-                outcome.savings += verify(fd, rewritten, m_skipped, &m_report, outcome.st);
+                outcome.savings += verify(fd, rewritten, m_skipped, &m_report, outcome.st, outcome.stored);
                 outcome.settled = true;
                 ::close(fd);
             }
@@ -241,6 +256,7 @@ void FileCompressor::compress(const QList<QByteArray> &paths, const MayGoOn &may
         Outcome outcome;
         outcome.savings = entry->encodedSavings;
         outcome.shared = entry->shared;
+        outcome.stored = entry->stored;
         outcome.settled = true;
         const int fd = openForReading(entry->path);
         if (fd < 0 && errno != ENOENT && entry->error == 0)

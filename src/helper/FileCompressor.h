@@ -7,6 +7,7 @@
 #include <functional>
 #include <sys/stat.h>
 
+#include "helper/ExtentMap.h"
 #include "helper/FolderReport.h"
 #include "helper/FolderWalker.h"
 
@@ -22,8 +23,9 @@ class FileCompressor
 {
 public:
     struct Outcome {
-        qint64 savings = 0;
+        qint64 savings = 0; // of data only this file can hold (inline)
         qint64 shared = 0; // plain data shared with snapshots or copies, left as it is
+        QList<ExtentMap::Stored> stored; // savings of its compressed extents
         // The file is done for as long as it stays as st says (compressed, found compressed,
         // skipped for a reason, or would not shrink); false when it must be tried again.
         bool settled = false;

@@ -11,10 +11,11 @@
 
 namespace {
 
-constexpr char kMagic[] = "VantorRescanCache3\n";
+constexpr char kMagic[] = "VantorRescanCache4\n";
 constexpr qsizetype kMagicSize = sizeof kMagic - 1;
 constexpr qsizetype kHashSize = 8; // checksum of everything before it
-constexpr qsizetype kRecordSize = 7 * 8;
+constexpr qsizetype kRecordSize = 8 * 8;
+constexpr qsizetype kStoredSize = 2 * 8; // one compressed extent, after all records
 
 void put(char *at, quint64 value)
 {
@@ -61,6 +62,7 @@ QString RescanCache::path()
 bool RescanCache::load()
 {
     m_records.clear();
+    m_stored.clear();
     m_index.clear();
     m_dirty = false;
     QFile file(path());
@@ -68,23 +70,33 @@ bool RescanCache::load()
         return false;
     const QByteArray bytes = file.readAll();
     const qsizetype body = bytes.size() - kMagicSize - kHashSize;
-    if (body < 0 || body % kRecordSize != 0 || body / kRecordSize >= kEmpty / 2
-        || !bytes.startsWith(QByteArrayView(kMagic, kMagicSize))
-        || checksum(QByteArrayView(bytes).first(bytes.size() - kHashSize)) != QByteArrayView(bytes).last(kHashSize)) {
+    const char *at = bytes.constData() + kMagicSize + 8;
+    const quint64 records = body >= 8 ? get(at - 8) : 0;
+    const bool sound = body >= 8 && records < kEmpty / 2 && qsizetype(records) * kRecordSize <= body - 8
+        && bytes.startsWith(QByteArrayView(kMagic, kMagicSize))
+        && checksum(QByteArrayView(bytes).first(bytes.size() - kHashSize)) == QByteArrayView(bytes).last(kHashSize);
+    qsizetype storedLeft = sound ? (body - 8 - qsizetype(records) * kRecordSize) : 0;
+    if (sound) {
+        m_records.reserve(std::size_t(records));
+        for (quint64 i = 0; i < records; ++i, at += kRecordSize) {
+            const quint64 count = get(at + 56);
+            if (count > quint64(storedLeft / kStoredSize) || count >= (1u << 31))
+                break;
+            storedLeft -= qsizetype(count) * kStoredSize;
+            m_records.push_back({get(at), get(at + 8), qint64(get(at + 16)), qint64(get(at + 24)), qint64(get(at + 32)),
+                                 qint64(get(at + 40)), qint64(get(at + 48)), 0, quint32(count), false});
+        }
+    }
+    if (!sound || m_records.size() != records || storedLeft != 0) {
+        m_records.clear();
         qCWarning(lcHelper, "the rescan cache %s is damaged; it is rebuilt by the next rescan",
                   qPrintable(file.fileName()));
         return false;
     }
-    m_records.reserve(std::size_t(body / kRecordSize));
-    for (const char *at = bytes.constData() + kMagicSize; at < bytes.constData() + kMagicSize + body;
-         at += kRecordSize) {
-        m_records.push_back({get(at),
-                             get(at + 8),
-                             qint64(get(at + 16)),
-                             qint64(get(at + 24)),
-                             qint64(get(at + 32)),
-                             {qint64(get(at + 40)), qint64(get(at + 48))},
-                             false});
+    for (Record &record : m_records) {
+        record.storedAt = quint32(m_stored.size());
+        for (quint32 i = 0; i < record.storedCount; ++i, at += kStoredSize)
+            m_stored.push_back({get(at), qint64(get(at + 8))});
     }
     rebuildIndex();
     return true;
@@ -108,18 +120,35 @@ bool RescanCache::save(bool prune)
             rebuildIndex();
         }
     }
+    // Extents of files stored again or pruned are left out.
+    std::vector<ExtentMap::Stored> stored;
+    for (Record &r : m_records) {
+        const quint32 at = quint32(stored.size());
+        stored.insert(stored.end(), m_stored.begin() + r.storedAt, m_stored.begin() + r.storedAt + r.storedCount);
+        r.storedAt = at;
+    }
+    m_stored = std::move(stored);
     QByteArray bytes(kMagic, kMagicSize);
-    bytes.reserve(kMagicSize + qsizetype(m_records.size()) * kRecordSize + kHashSize);
+    bytes.reserve(kMagicSize + 8 + qsizetype(m_records.size()) * kRecordSize + qsizetype(m_stored.size()) * kStoredSize
+                  + kHashSize);
     char record[kRecordSize];
+    put(record, m_records.size());
+    bytes.append(record, 8);
     for (const Record &r : m_records) {
         put(record, r.device);
         put(record + 8, r.inode);
         put(record + 16, quint64(r.size));
         put(record + 24, quint64(r.changeSeconds));
         put(record + 32, quint64(r.changeNanoseconds));
-        put(record + 40, quint64(r.figures.savings));
-        put(record + 48, quint64(r.figures.shared));
+        put(record + 40, quint64(r.savings));
+        put(record + 48, quint64(r.shared));
+        put(record + 56, r.storedCount);
         bytes.append(record, kRecordSize);
+    }
+    for (const ExtentMap::Stored &extent : m_stored) {
+        put(record, extent.physical);
+        put(record + 8, quint64(extent.savings));
+        bytes.append(record, kStoredSize);
     }
     bytes += checksum(bytes);
     QString error;
@@ -156,7 +185,7 @@ void RescanCache::rebuildIndex()
     }
 }
 
-std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st)
+std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st, QList<ExtentMap::Stored> &stored)
 {
     if (m_index.empty())
         return std::nullopt;
@@ -175,13 +204,24 @@ std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st)
         || record.changeNanoseconds != st.st_ctim.tv_nsec)
         return std::nullopt;
     record.seen = true;
-    return record.figures;
+    for (quint32 i = record.storedAt; i < record.storedAt + record.storedCount; ++i)
+        stored.append(m_stored[i]);
+    return Figures{record.savings, record.shared, {}};
 }
 
-void RescanCache::insert(const struct stat &st, Figures figures)
+void RescanCache::insert(const struct stat &st, const Figures &figures)
 {
-    const Record record{
-        quint64(st.st_dev), quint64(st.st_ino), st.st_size, st.st_ctim.tv_sec, st.st_ctim.tv_nsec, figures, true};
+    const Record record{quint64(st.st_dev),
+                        quint64(st.st_ino),
+                        st.st_size,
+                        st.st_ctim.tv_sec,
+                        st.st_ctim.tv_nsec,
+                        figures.savings,
+                        figures.shared,
+                        quint32(m_stored.size()),
+                        quint32(figures.stored.size()),
+                        true};
+    m_stored.insert(m_stored.end(), figures.stored.cbegin(), figures.stored.cend());
     m_dirty = true;
     if (!m_index.empty()) {
         if (quint32 *at = slot(record.device, record.inode); *at != kEmpty) {

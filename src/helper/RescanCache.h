@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include "helper/ExtentMap.h"
+
 #include <optional>
 #include <vector>
 #include <sys/stat.h>
@@ -16,10 +18,12 @@ class RescanCache
 {
 public:
     // What the file held when it was handled: its savings (a rewrite, or found already
-    // done) and its plain data shared with snapshots or copies, left as it is.
+    // done) outside its compressed extents, its plain data shared with snapshots or copies,
+    // left as it is, and the savings of each of its compressed extents.
     struct Figures {
         qint64 savings = 0;
         qint64 shared = 0;
+        QList<ExtentMap::Stored> stored;
     };
     static QString path();
 
@@ -29,23 +33,27 @@ public:
     // seen since the helper started are left out (their files are gone or were never scanned).
     bool save(bool prune);
 
-    std::optional<Figures> find(const struct stat &st);
-    void insert(const struct stat &st, Figures figures);
+    // The file's figures, its compressed extents appended to stored rather than in them.
+    std::optional<Figures> find(const struct stat &st, QList<ExtentMap::Stored> &stored);
+    void insert(const struct stat &st, const Figures &figures);
     bool isDirty() const { return m_dirty; }
     qsizetype size() const { return qsizetype(m_records.size()); }
 
 private:
     // A rescan looks up every file: fixed-size records in one array and an open-addressing
     // index of 32-bit positions into it keep that a couple of memory reads per file, and the
-    // memory a few dozen bytes per file.
+    // memory a few dozen bytes per file, and 16 more per compressed extent.
     struct Record {
         quint64 device = 0;
         quint64 inode = 0;
         qint64 size = 0;
         qint64 changeSeconds = 0;
         qint64 changeNanoseconds = 0;
-        Figures figures;
-        bool seen = false; // looked up or stored since the helper started
+        qint64 savings = 0;
+        qint64 shared = 0;
+        quint32 storedAt = 0; // its extents in m_stored
+        quint32 storedCount : 31 = 0;
+        quint32 seen : 1 = false; // looked up or stored since the helper started
     };
     static constexpr quint32 kEmpty = 0xffffffffu;
 
@@ -53,6 +61,8 @@ private:
     void rebuildIndex();
 
     std::vector<Record> m_records;
+    // A file stored again leaves its old extents here until the next save.
+    std::vector<ExtentMap::Stored> m_stored;
     std::vector<quint32> m_index; // positions in m_records; a power of two, at most half full
     quint32 m_lastFound = kEmpty;
     bool m_dirty = false;

@@ -262,6 +262,11 @@ private Q_SLOTS:
             {"cat \"$0/more.txt\" >> \"$1/a.txt\"", "/a.txt"},
             {"cp -r --reflink=never \"$0/tree\" \"$1/tree\"", "/tree/deeper/b.txt"},
             {"rm \"$1/moved.txt\"", nullptr},
+            // Copies of compressed files refer to the same extents: what they save counts once.
+            {"cp --reflink=always \"$1/a.txt\" \"$1/tree/a.txt\"", nullptr},
+            {"cat \"$1/tree/deeper/b.txt\" > \"$1/b.txt\"", nullptr},
+            {"rm \"$1/a.txt\"", nullptr},
+            {"rm \"$1/b.txt\" \"$1/tree/deeper/b.txt\"", nullptr},
         };
         for (const auto &[script, file] : changes) {
             TestFiles::sh(QString::fromLatin1(script), {outside, folder}, asUser ? HelperProcess::kUser : 0);
