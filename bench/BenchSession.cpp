@@ -3,6 +3,8 @@
 #include <QDir>
 #include <QFile>
 
+#include <sqlite3.h>
+
 #include <cstdio>
 #include <iterator>
 #include <unistd.h>
@@ -111,4 +113,28 @@ QByteArray BenchSession::text(qint64 size, QRandomGenerator &random)
         bytes += words[random.bounded(int(std::size(words)))];
     bytes.truncate(size);
     return bytes;
+}
+
+bool BenchSession::record(const QString &store, const QString &folder, int *status, qint64 *savings)
+{
+    sqlite3 *db = nullptr;
+    bool found = false;
+    if (sqlite3_open_v2(QFile::encodeName(store).constData(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+        sqlite3_busy_timeout(db, 2000);
+        sqlite3_stmt *st = nullptr;
+        const QByteArray f = folder.toUtf8();
+        if (sqlite3_prepare_v2(db, "SELECT ZSTATUS, ZSAVINGS FROM ZHISTORY WHERE ZFOLDER = ?1", -1, &st, nullptr)
+            == SQLITE_OK) {
+            sqlite3_bind_text(st, 1, f.constData(), int(f.size()), SQLITE_TRANSIENT);
+            if (sqlite3_step(st) == SQLITE_ROW) {
+                *status = sqlite3_column_int(st, 0);
+                if (savings)
+                    *savings = sqlite3_column_int64(st, 1);
+                found = true;
+            }
+            sqlite3_finalize(st);
+        }
+    }
+    sqlite3_close(db);
+    return found;
 }

@@ -35,6 +35,8 @@ public:
 
     // Runs program to its end; false, with its standard error, unless it exits with 0.
     static bool run(const QString &program, const QStringList &arguments, QByteArray *output = nullptr);
+    // Status and, when asked, savings of the folder's record in store, read as the pane reads them.
+    static bool record(const QString &store, const QString &folder, int *status, qint64 *savings = nullptr);
     // size bytes of text of a few words, compressible as prose and source code are.
     static QByteArray text(qint64 size, QRandomGenerator &random);
 

@@ -16,8 +16,6 @@
 #include <QRandomGenerator>
 #include <QThread>
 
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -114,30 +112,6 @@ bool compsize(const QString &dir, qint64 *disk, qint64 *uncompressed)
     return false;
 }
 
-// Status and savings of the folder's record, read as the pane reads them.
-bool record(const QString &store, const QString &folder, int *status, qint64 *savings)
-{
-    sqlite3 *db = nullptr;
-    bool found = false;
-    if (sqlite3_open_v2(QFile::encodeName(store).constData(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-        sqlite3_busy_timeout(db, 2000);
-        sqlite3_stmt *st = nullptr;
-        const QByteArray f = folder.toUtf8();
-        if (sqlite3_prepare_v2(db, "SELECT ZSTATUS, ZSAVINGS FROM ZHISTORY WHERE ZFOLDER = ?1", -1, &st, nullptr)
-            == SQLITE_OK) {
-            sqlite3_bind_text(st, 1, f.constData(), int(f.size()), SQLITE_TRANSIENT);
-            if (sqlite3_step(st) == SQLITE_ROW) {
-                *status = sqlite3_column_int(st, 0);
-                *savings = sqlite3_column_int64(st, 1);
-                found = true;
-            }
-            sqlite3_finalize(st);
-        }
-    }
-    sqlite3_close(db);
-    return found;
-}
-
 // Asks the helper, as the pane asks, to compress folder; waits until its record says 100 and
 // the data is on disk. False when it did not get there.
 bool compressWithHelper(const QString &store, const QString &folder, qint64 *savings, qint64 timeoutMs = 600000)
@@ -147,7 +121,7 @@ bool compressWithHelper(const QString &store, const QString &folder, qint64 *sav
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
     int status = 0;
-    while (!(record(store, folder, &status, savings) && status >= 100) && timer.elapsed() < timeoutMs) {
+    while (!(BenchSession::record(store, folder, &status, savings) && status >= 100) && timer.elapsed() < timeoutMs) {
         QCoreApplication::processEvents();
         QThread::msleep(10);
     }

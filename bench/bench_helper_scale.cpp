@@ -19,8 +19,6 @@
 #include <QRandomGenerator>
 #include <QThread>
 
-#include <sqlite3.h>
-
 #include <cstdio>
 #include <fcntl.h>
 #include <linux/fiemap.h>
@@ -46,27 +44,6 @@ void makeTree(const QString &dir, int files)
             file.write(BenchSession::text(2048 + random.bounded(6 * 1024), random));
     }
     ::sync();
-}
-
-bool record(const QString &store, const QString &folder, int *status)
-{
-    sqlite3 *db = nullptr;
-    bool found = false;
-    if (sqlite3_open_v2(QFile::encodeName(store).constData(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-        sqlite3_busy_timeout(db, 2000);
-        sqlite3_stmt *st = nullptr;
-        const QByteArray f = folder.toUtf8();
-        if (sqlite3_prepare_v2(db, "SELECT ZSTATUS FROM ZHISTORY WHERE ZFOLDER = ?1", -1, &st, nullptr) == SQLITE_OK) {
-            sqlite3_bind_text(st, 1, f.constData(), int(f.size()), SQLITE_TRANSIENT);
-            if (sqlite3_step(st) == SQLITE_ROW) {
-                *status = sqlite3_column_int(st, 0);
-                found = true;
-            }
-            sqlite3_finalize(st);
-        }
-    }
-    sqlite3_close(db);
-    return found;
 }
 
 // Whether every extent of the file is stored compressed, as FIEMAP tells.
@@ -224,8 +201,11 @@ int main(int argc, char *argv[])
                 QLatin1String(Notifications::Folders),
                 {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
             int status = 0;
-            waitFor([&] { return helper.passes(folder) > 0 && record(store, folder, &status) && status == 100; },
-                    1800000);
+            waitFor(
+                [&] {
+                    return helper.passes(folder) > 0 && BenchSession::record(store, folder, &status) && status == 100;
+                },
+                1800000);
             firstPass = timer.nsecsElapsed() / 1e9;
             peak = statusField(helper.pid(), "VmHWM:");
         }
@@ -274,7 +254,9 @@ int main(int argc, char *argv[])
             QLatin1String(Notifications::Folders),
             {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
         int status = 0;
-        waitFor([&] { return helper.passes(folder) > 0 && record(store, folder, &status) && status == 100; }, 1800000);
+        waitFor(
+            [&] { return helper.passes(folder) > 0 && BenchSession::record(store, folder, &status) && status == 100; },
+            1800000);
         waitFor([] { return false; }, 5000);
         const double before = cpuSeconds(helper.pid());
         waitFor([] { return false; }, 60000);
