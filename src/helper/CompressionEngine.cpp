@@ -30,8 +30,8 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     , m_settle(settle)
     , m_worker(new CompressionWorker(watch, this))
     , m_space(new FreeSpaceGuard(this))
-    , m_rescan(
-          new RescanSchedule([this] { return isBusy(); }, RescanSchedule::kIntervalMs, RescanSchedule::kDeferMs, this))
+    , m_rescan(new RescanSchedule([this] { return isBusy() || RescanSchedule::isMachineBusy(); },
+                                  RescanSchedule::kIntervalMs, RescanSchedule::kDeferMs, this))
 {
     connect(m_worker, &CompressionWorker::progress, this, &CompressionEngine::progress);
     connect(m_worker, &CompressionWorker::finished, this, &CompressionEngine::finished);
