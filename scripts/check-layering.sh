@@ -11,10 +11,11 @@ declare -A allowed=(
     [gui]="gui common platform"
     [prefpane]="prefpane gui common platform"
     [host]="host gui common platform"
-    [helper]="helper common platform"
+    [btrfs]="btrfs common platform"
+    [helper]="helper btrfs common platform"
     [loginitems]="loginitems common platform"
     [relaunch]="relaunch platform"
-    [ctl]="ctl common platform"
+    [ctl]="ctl btrfs common platform"
 )
 
 status=0

@@ -1,9 +1,9 @@
 #include "helper/CompressionWorker.h"
 
 #include "helper/BtrfsCompressor.h"
-#include "helper/CompressionModel.h"
+#include "btrfs/CompressionModel.h"
 #include "helper/FileCompressor.h"
-#include "helper/FolderWalker.h"
+#include "btrfs/FolderWalker.h"
 #include "helper/FolderWatch.h"
 #include "helper/FreeSpaceGuard.h"
 #include "helper/SettleQueue.h"

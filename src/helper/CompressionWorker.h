@@ -11,8 +11,8 @@
 #include <atomic>
 #include <sys/stat.h>
 
-#include "helper/RescanCache.h"
-#include "helper/SkippedFiles.h"
+#include "btrfs/RescanCache.h"
+#include "btrfs/SkippedFiles.h"
 
 class FolderWatch;
 

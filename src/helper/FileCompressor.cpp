@@ -1,10 +1,10 @@
 #include "helper/FileCompressor.h"
 
 #include "helper/BtrfsCompressor.h"
-#include "helper/CompressionModel.h"
-#include "helper/ExtentMap.h"
+#include "btrfs/CompressionModel.h"
+#include "btrfs/ExtentMap.h"
 #include "helper/FreeSpaceGuard.h"
-#include "helper/SkippedFiles.h"
+#include "btrfs/SkippedFiles.h"
 
 #include <QMutex>
 #include <QWaitCondition>

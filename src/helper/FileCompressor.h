@@ -7,9 +7,9 @@
 #include <functional>
 #include <sys/stat.h>
 
-#include "helper/ExtentMap.h"
+#include "btrfs/ExtentMap.h"
 #include "helper/FolderReport.h"
-#include "helper/FolderWalker.h"
+#include "btrfs/FolderWalker.h"
 
 class SkippedFiles;
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "helper/SkippedFiles.h"
+#include "btrfs/SkippedFiles.h"
 
 #include <QByteArray>
 #include <QMap>

@@ -1,4 +1,4 @@
-#include "helper/CompressionModel.h"
+#include "btrfs/CompressionModel.h"
 
 #include <zstd.h>
 

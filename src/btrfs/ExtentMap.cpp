@@ -1,4 +1,4 @@
-#include "helper/ExtentMap.h"
+#include "btrfs/ExtentMap.h"
 
 #include <linux/fiemap.h>
 #include <linux/fs.h>

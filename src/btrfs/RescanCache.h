@@ -3,7 +3,7 @@
 #include <QByteArray>
 #include <QString>
 
-#include "helper/ExtentMap.h"
+#include "btrfs/ExtentMap.h"
 
 #include <optional>
 #include <vector>

@@ -1,7 +1,7 @@
-#include "helper/RescanCache.h"
+#include "btrfs/RescanCache.h"
 
 #include "platform/AtomicFile.h"
-#include "helper/HelperLog.h"
+#include "btrfs/BtrfsLog.h"
 #include "platform/FileManager.h"
 
 #include <QDir>
@@ -89,7 +89,7 @@ bool RescanCache::load()
     }
     if (!sound || m_records.size() != records || storedLeft != 0) {
         m_records.clear();
-        qCWarning(lcHelper, "the rescan cache %s is damaged; it is rebuilt by the next rescan",
+        qCWarning(lcBtrfs, "the rescan cache %s is damaged; it is rebuilt by the next rescan",
                   qPrintable(file.fileName()));
         return false;
     }
@@ -153,7 +153,7 @@ bool RescanCache::save(bool prune)
     bytes += checksum(bytes);
     QString error;
     if (!AtomicFile::write(file, bytes, &error)) {
-        qCWarning(lcHelper, "cannot write the rescan cache %s: %s", qPrintable(file), qPrintable(error));
+        qCWarning(lcBtrfs, "cannot write the rescan cache %s: %s", qPrintable(file), qPrintable(error));
         return false;
     }
     m_dirty = false;

@@ -1,4 +1,4 @@
-#include "helper/FolderWalker.h"
+#include "btrfs/FolderWalker.h"
 
 #include "common/VTExclusionRules.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "helper/ExtentMap.h"
+#include "btrfs/ExtentMap.h"
 
 #include <QtGlobal>
 

@@ -1,4 +1,4 @@
-#include "helper/SkippedFiles.h"
+#include "btrfs/SkippedFiles.h"
 
 #include <QMutexLocker>
 

@@ -1,0 +1,3 @@
+#include "btrfs/BtrfsLog.h"
+
+Q_LOGGING_CATEGORY(lcBtrfs, "vantor.btrfs", QtInfoMsg)
