@@ -3,11 +3,6 @@
 #include "common/VTExclusionRules.h"
 
 #include <QFile>
-#include <QMutex>
-#include <QWaitCondition>
-
-#include <deque>
-#include <thread>
 
 #include <cerrno>
 #include <cstring>
@@ -15,93 +10,104 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-FolderWalker::FolderWalker(int rootFd, const QByteArray &rootPath)
-    : m_rootFd(rootFd)
-    , m_rootPath(rootPath)
+FolderWalker::FolderWalker()
+    : m_reader([this] { readAhead(); })
 {
-    struct stat st { };
-    if (::fstat(rootFd, &st) == 0)
-        m_device = st.st_dev;
 }
 
-void FolderWalker::walk(const QByteArray &start, const Visitor &visit)
+FolderWalker::~FolderWalker()
 {
-    // Most of a rescan is the kernel looking up and stat'ing each file, one call at a time: a
-    // second thread reads folders ahead while this one visits them, so both cores share it. The
-    // visitor runs here only, so it needs no locking of its own.
-    QMutex lock;
-    QWaitCondition changed;
-    QList<QByteArray> pending{start};
-    std::deque<Folder> ready; // read ahead, waiting to be visited
-    int reading = 0;
-    bool finished = false;
-
-    std::thread reader([&] {
-        // A new thread keeps its creator's idle CPU and I/O priority.
-        QMutexLocker locker(&lock);
-        while (!finished) {
-            if (pending.isEmpty() || ready.size() >= kReadAhead) {
-                changed.wait(&lock);
-                continue;
-            }
-            Folder folder;
-            folder.relative = pending.takeLast();
-            ++reading;
-            locker.unlock();
-            const bool ok = read(&folder);
-            locker.relock();
-            --reading;
-            if (ok)
-                ready.push_back(std::move(folder));
-            changed.wakeAll();
-        }
-    });
-
-    QMutexLocker locker(&lock);
-    for (;;) {
-        Folder folder;
-        if (!ready.empty()) {
-            folder = std::move(ready.front());
-            ready.pop_front();
-            changed.wakeAll();
-            locker.unlock();
-        } else if (!pending.isEmpty()) {
-            folder.relative = pending.takeLast();
-            locker.unlock();
-            if (!read(&folder)) {
-                locker.relock();
-                continue;
-            }
-        } else if (reading > 0) {
-            changed.wait(&lock);
-            continue;
-        } else {
-            break;
-        }
-        const bool descend = visit(folder);
-        ::close(folder.fd);
-        locker.relock();
-        if (!descend)
-            continue;
-        for (const QByteArray &name : std::as_const(folder.subfolders))
-            pending.append(folder.relative.isEmpty() ? name : folder.relative + '/' + name);
-        changed.wakeAll();
+    {
+        QMutexLocker locker(&m_lock);
+        m_stopping = true;
+        m_changed.wakeAll();
     }
-    finished = true;
-    changed.wakeAll();
-    locker.unlock();
-    reader.join();
+    m_reader.join();
 }
 
-bool FolderWalker::list(const QByteArray &start, const Visitor &visit)
+void FolderWalker::begin(int rootFd, const QByteArray &rootPath, const QByteArray &start, bool whole)
+{
+    end();
+    struct stat st { };
+    QMutexLocker locker(&m_lock);
+    m_rootFd = rootFd;
+    m_rootPath = rootPath;
+    m_device = ::fstat(rootFd, &st) == 0 ? st.st_dev : 0;
+    m_whole = whole;
+    m_walking = true;
+    m_unreadable = {};
+    m_pending = {start};
+    m_changed.wakeAll();
+}
+
+void FolderWalker::end()
+{
+    QMutexLocker locker(&m_lock);
+    m_walking = false;
+    // A folder being read still uses the root; what it brings is dropped.
+    while (m_reading > 0)
+        m_changed.wait(&m_lock);
+    m_pending.clear();
+    m_ready.clear();
+}
+
+std::optional<FolderWalker::Folder> FolderWalker::next()
+{
+    QMutexLocker locker(&m_lock);
+    for (;;) {
+        if (!m_ready.empty()) {
+            Folder folder = std::move(m_ready.front());
+            m_ready.pop_front();
+            m_changed.wakeAll();
+            return folder;
+        }
+        if (m_walking && !m_pending.isEmpty())
+            readPending(locker); // the reader is behind: read here too
+        else if (m_reading > 0)
+            m_changed.wait(&m_lock);
+        else
+            return std::nullopt;
+    }
+}
+
+void FolderWalker::walk(int rootFd, const QByteArray &rootPath, const QByteArray &start, const Visitor &visit)
+{
+    begin(rootFd, rootPath, start, true);
+    while (const std::optional<Folder> folder = next())
+        visit(*folder);
+    end();
+}
+
+void FolderWalker::readAhead()
+{
+    // A new thread keeps its creator's priority; the helper lowers its threads before any walk.
+    QMutexLocker locker(&m_lock);
+    while (!m_stopping) {
+        if (!m_walking || m_pending.isEmpty() || m_ready.size() >= kReadAhead)
+            m_changed.wait(&m_lock);
+        else
+            readPending(locker);
+    }
+}
+
+void FolderWalker::readPending(QMutexLocker<QMutex> &locker)
 {
     Folder folder;
-    folder.relative = start;
-    if (!read(&folder))
-        return false;
-    visit(folder);
-    ::close(folder.fd);
-    return true;
+    folder.relative = m_pending.takeLast();
+    ++m_reading;
+    locker.unlock();
+    const bool ok = read(&folder);
+    locker.relock();
+    --m_reading;
+    // Dropped when the walk was ended meanwhile.
+    if (ok && m_walking) {
+        if (m_whole) {
+            for (const QByteArray &name : std::as_const(folder.subfolders))
+                m_pending.append(folder.relative.isEmpty() ? name : folder.relative + '/' + name);
+        }
+        m_ready.push_back(std::move(folder));
+    }
+    m_changed.wakeAll();
 }
 
 int FolderWalker::openNoAtime(int dirFd, const char *path, int flags)
@@ -118,24 +124,32 @@ bool FolderWalker::isExcluded(const QByteArray &relative) const
     return VTExclusionRules::mustExcludePath(QFile::decodeName(m_rootPath + '/' + relative));
 }
 
+FolderWalker::Unreadable FolderWalker::unreadable() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_unreadable;
+}
+
 bool FolderWalker::read(Folder *folder)
 {
+    // Set by begin() while no read was in hand, so stable for this one.
+    const int rootFd = m_rootFd;
     const char *at = folder->relative.isEmpty() ? "." : folder->relative.constData();
     // Read without marking it read: in a snapshotted subvolume that would copy its metadata.
-    folder->fd = openNoAtime(m_rootFd, at, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    if (folder->fd < 0) {
+    const int fd = openNoAtime(rootFd, at, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (fd < 0) {
         // Gone meanwhile is no fault; too deep to name or not ours to read is.
         if (errno != ENOENT && errno != ENOTDIR) {
             const int error = errno;
-            QMutexLocker locker(&m_unreadableLock);
+            QMutexLocker locker(&m_lock);
             m_unreadable.add(error);
         }
         return false;
     }
     struct stat st { };
     DIR *dir = nullptr;
-    if (::fstat(folder->fd, &st) != 0 || st.st_dev != m_device || !(dir = ::fdopendir(::dup(folder->fd)))) {
-        ::close(folder->fd);
+    if (::fstat(fd, &st) != 0 || st.st_dev != m_device || !(dir = ::fdopendir(fd))) {
+        ::close(fd);
         return false;
     }
     while (const struct dirent *entry = ::readdir(dir)) {
@@ -145,7 +159,7 @@ bool FolderWalker::read(Folder *folder)
         unsigned char type = entry->d_type;
         struct stat st;
         if (type == DT_REG || type == DT_UNKNOWN) {
-            if (::fstatat(folder->fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+            if (::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
                 continue;
             type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_UNKNOWN;
         }

@@ -3,16 +3,24 @@
 #include <QByteArray>
 #include <QList>
 #include <QMutex>
+#include <QWaitCondition>
 
+#include <deque>
 #include <functional>
+#include <optional>
+#include <thread>
 #include <sys/stat.h>
 
-// The one way the helper goes through a watched folder, for the first pass, for rescans and
-// after a change in one of its folders: every folder below a start folder, depth first, not
+// The one way through a folder tree, for the helper's first pass, its rescans and its look at
+// a changed folder, and for the report: every folder below a start folder, depth first, not
 // crossing into other file systems, leaving out folders the exclusion rules name. Files are
 // all listed: the rules are asked about a file only when it needs work (isExcluded), so a
 // rescan of files already handled costs no more than reading the folders. Paths are bytes
-// relative to the watched folder ("" is the folder itself).
+// relative to the root folder ("" is the root itself).
+//
+// Most of a rescan is the kernel looking up and stat'ing each file, one call at a time: a
+// reading thread of the walker's own, started once, reads folders ahead while the caller
+// takes the ones read, so two cores share it.
 class FolderWalker
 {
 public:
@@ -22,13 +30,12 @@ public:
     };
     struct Folder {
         QByteArray relative;
-        int fd = -1; // open while the visitor runs
         QList<File> files; // regular files, with their status
         QByteArray names; // of the files, each ending in a NUL: one allocation, not one per file
         QList<QByteArray> subfolders; // names
         QByteArray name(const File &file) const { return QByteArray(names.constData() + file.nameAt); }
     };
-    // Items that could not be opened, told once per pass rather than lost silently.
+    // Items that could not be opened, told once per walk rather than lost silently.
     struct Unreadable {
         qsizetype count = 0;
         int firstError = 0;
@@ -38,37 +45,58 @@ public:
                 firstError = error;
         }
     };
-    // Returns false to leave the folder's subfolders out.
-    using Visitor = std::function<bool(const Folder &folder)>;
+    using Visitor = std::function<void(const Folder &folder)>;
 
-    // rootFd: the watched folder (an O_PATH descriptor will do); rootPath: its present path,
-    // for the exclusion rules.
-    FolderWalker(int rootFd, const QByteArray &rootPath);
+    FolderWalker();
+    ~FolderWalker();
+    FolderWalker(const FolderWalker &) = delete;
+    FolderWalker &operator=(const FolderWalker &) = delete;
 
-    // Visits start and everything below it, on the calling thread, reading on two.
-    void walk(const QByteArray &start, const Visitor &visit);
-    // Visits only start; false when it cannot be opened (or is on another file system).
-    bool list(const QByteArray &start, const Visitor &visit);
+    // Starts going through start below rootFd (an O_PATH descriptor will do), the whole tree
+    // below it or, without whole, start's own entries only. rootPath is the root's present
+    // path, for the exclusion rules. Ends the walk in progress, if any.
+    void begin(int rootFd, const QByteArray &rootPath, const QByteArray &start, bool whole);
+    // The next folder read; nothing once the walk is done. Blocks while the reading is behind.
+    std::optional<Folder> next();
+    // Ends the walk in progress; once it returns the root descriptor is no longer used.
+    void end();
+
+    // A whole walk from begin to end, visiting each folder on the calling thread.
+    void walk(int rootFd, const QByteArray &rootPath, const QByteArray &start, const Visitor &visit);
 
     // Reading must not change access times: in a snapshotted subvolume every inode touched is
     // metadata copied away from the snapshot. Only the owner may ask for that.
     static int openNoAtime(int dirFd, const char *path, int flags);
 
-    // Whether the exclusion rules leave out the file at relative.
+    // Whether the exclusion rules leave out the item at relative below the root of the walk.
     bool isExcluded(const QByteArray &relative) const;
 
-    const Unreadable &unreadable() const { return m_unreadable; }
+    // Of the walk in progress, or the last one.
+    Unreadable unreadable() const;
 
 private:
-    // Folders read but not yet visited: enough to keep the reading thread busy, few enough open
-    // descriptors.
+    // Folders read but not yet taken: enough to keep the reading thread busy, few enough to
+    // hold little memory.
     static constexpr std::size_t kReadAhead = 16;
 
+    void readAhead();
+    // Reads folder->relative; false when it cannot be opened (or is on another file system).
     bool read(Folder *folder);
+    // With m_lock held: reads the last pending folder, unlocked meanwhile.
+    void readPending(QMutexLocker<QMutex> &locker);
 
-    int m_rootFd;
+    mutable QMutex m_lock;
+    QWaitCondition m_changed;
+    // Of the walk in progress, set by begin() while no read is in hand.
+    int m_rootFd = -1;
     QByteArray m_rootPath;
     dev_t m_device = 0;
-    QMutex m_unreadableLock; // read() runs on two threads
+    bool m_whole = true;
+    bool m_walking = false;
     Unreadable m_unreadable;
+    QList<QByteArray> m_pending;
+    std::deque<Folder> m_ready;
+    int m_reading = 0;
+    bool m_stopping = false;
+    std::thread m_reader;
 };
