@@ -15,7 +15,7 @@ void ExtentMap::append(QList<Range> &ranges, qint64 start, qint64 length)
         ranges.append({start, length});
 }
 
-bool ExtentMap::read(int fd)
+bool ExtentMap::read(int fd, bool sync)
 {
     m_plainOwn.clear();
     m_encoded.clear();
@@ -31,6 +31,7 @@ bool ExtentMap::read(int fd)
         map->fm_start = start;
         map->fm_length = FIEMAP_MAX_OFFSET - start;
         map->fm_extent_count = kExtents;
+        map->fm_flags = sync && start == 0 ? FIEMAP_FLAG_SYNC : 0;
         if (::ioctl(fd, FS_IOC_FIEMAP, map) != 0)
             return false;
         if (map->fm_mapped_extents == 0)

@@ -24,8 +24,9 @@ public:
         Range range;
     };
 
-    // False when the file system does not answer; the map is then empty.
-    bool read(int fd);
+    // False when the file system does not answer; the map is then empty. With sync, data still
+    // being written is on disk first, so the map shows where it went.
+    bool read(int fd, bool sync = false);
 
     // The file's own plain ranges, neighbours merged: the only ones worth rewriting. Shared
     // ones stay as they are, so the other owner keeps sharing them.

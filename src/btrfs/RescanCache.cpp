@@ -140,8 +140,8 @@ bool RescanCache::save(bool prune)
         put(record + 16, quint64(r.size));
         put(record + 24, quint64(r.changeSeconds));
         put(record + 32, quint64(r.changeNanoseconds));
-        put(record + 40, quint64(r.savings));
-        put(record + 48, quint64(r.shared));
+        put(record + 40, quint64(r.inlineSavings));
+        put(record + 48, quint64(r.sharedPlain));
         put(record + 56, r.storedCount);
         bytes.append(record, kRecordSize);
     }
@@ -185,7 +185,7 @@ void RescanCache::rebuildIndex()
     }
 }
 
-std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st, QList<ExtentMap::Stored> &stored)
+std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st, QList<ExtentMap::Stored> &extents)
 {
     if (m_index.empty())
         return std::nullopt;
@@ -205,8 +205,8 @@ std::optional<RescanCache::Figures> RescanCache::find(const struct stat &st, QLi
         return std::nullopt;
     record.seen = true;
     for (quint32 i = record.storedAt; i < record.storedAt + record.storedCount; ++i)
-        stored.append(m_stored[i]);
-    return Figures{record.savings, record.shared, {}};
+        extents.append(m_stored[i]);
+    return Figures{record.inlineSavings, record.sharedPlain, {}};
 }
 
 void RescanCache::insert(const struct stat &st, const Figures &figures)
@@ -216,12 +216,12 @@ void RescanCache::insert(const struct stat &st, const Figures &figures)
                         st.st_size,
                         st.st_ctim.tv_sec,
                         st.st_ctim.tv_nsec,
-                        figures.savings,
-                        figures.shared,
+                        figures.inlineSavings,
+                        figures.sharedPlain,
                         quint32(m_stored.size()),
-                        quint32(figures.stored.size()),
+                        quint32(figures.extents.size()),
                         true};
-    m_stored.insert(m_stored.end(), figures.stored.cbegin(), figures.stored.cend());
+    m_stored.insert(m_stored.end(), figures.extents.cbegin(), figures.extents.cend());
     m_dirty = true;
     if (!m_index.empty()) {
         if (quint32 *at = slot(record.device, record.inode); *at != kEmpty) {

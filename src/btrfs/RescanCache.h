@@ -17,13 +17,13 @@
 class RescanCache
 {
 public:
-    // What the file held when it was handled: its savings (a rewrite, or found already
-    // done) outside its compressed extents, its plain data shared with snapshots or copies,
-    // left as it is, and the savings of each of its compressed extents.
+    // What one file held when it was handled. What compression saves lies in its extents,
+    // each counted once however many files refer to it, and in data stored compressed inside
+    // the file system's metadata (inline), which is the file's alone.
     struct Figures {
-        qint64 savings = 0;
-        qint64 shared = 0;
-        QList<ExtentMap::Stored> stored;
+        qint64 inlineSavings = 0;
+        qint64 sharedPlain = 0; // plain data shared with snapshots or copies, left as it is
+        QList<ExtentMap::Stored> extents; // each compressed extent and what it saves
     };
     static QString path();
 
@@ -33,8 +33,8 @@ public:
     // seen since the helper started are left out (their files are gone or were never scanned).
     bool save(bool prune);
 
-    // The file's figures, its compressed extents appended to stored rather than in them.
-    std::optional<Figures> find(const struct stat &st, QList<ExtentMap::Stored> &stored);
+    // The file's figures, its compressed extents appended to extents rather than in them.
+    std::optional<Figures> find(const struct stat &st, QList<ExtentMap::Stored> &extents);
     void insert(const struct stat &st, const Figures &figures);
     bool isDirty() const { return m_dirty; }
     qsizetype size() const { return qsizetype(m_records.size()); }
@@ -49,8 +49,8 @@ private:
         qint64 size = 0;
         qint64 changeSeconds = 0;
         qint64 changeNanoseconds = 0;
-        qint64 savings = 0;
-        qint64 shared = 0;
+        qint64 inlineSavings = 0;
+        qint64 sharedPlain = 0;
         quint32 storedAt = 0; // its extents in m_stored
         quint32 storedCount : 31 = 0;
         quint32 seen : 1 = false; // looked up or stored since the helper started
