@@ -21,12 +21,10 @@ namespace {
 
 // The kernel's compression type numbers (not in the user-space header).
 constexpr __u32 kCompressZstd = 3;
-// One defragment call rewrites at most this much, so a broken lease is noticed soon.
-constexpr __u64 kStep = 32 * 1024 * 1024;
 // btrfs compresses in chunks of this size.
-constexpr __u64 kChunk = 128 * 1024;
+constexpr qint64 kChunk = 128 * 1024;
 
-constexpr int kIoprioClassIdle = 3;
+constexpr int kIoprioClassBestEffort = 2;
 constexpr int kIoprioClassShift = 13;
 constexpr int kIoprioWhoProcess = 1;
 
@@ -63,57 +61,55 @@ bool BtrfsCompressor::ensureCompressionProperty(int fd)
     return (size == 4 && qstrncmp(value, "zstd", 4) == 0) || setCompressionProperty(fd);
 }
 
-BtrfsCompressor::Result BtrfsCompressor::compressRanges(int fd, const QList<ExtentMap::Range> &ranges,
-                                                        const std::atomic<bool> &cancel)
+BtrfsCompressor::Result BtrfsCompressor::takeLease(int fd)
 {
-    // A read lease can be taken only while nobody has the file open for writing.
-    if (::fcntl(fd, F_SETLEASE, F_RDLCK) != 0)
-        return errno == EAGAIN || errno == EBUSY ? Result::InUse : Result::Failed;
-    setCompressionProperty(fd);
+    if (::fcntl(fd, F_SETLEASE, F_RDLCK) == 0)
+        return Result::Compressed;
+    return errno == EAGAIN || errno == EBUSY ? Result::InUse : Result::Failed;
+}
 
-    Result result = Result::Compressed;
-    int error = 0;
-    for (const ExtentMap::Range &range : ranges) {
-        const __u64 end = __u64(range.start + range.length);
-        for (__u64 start = __u64(range.start); result == Result::Compressed && start < end;) {
-            // A writer opening the file breaks the lease: give way to it.
-            if (cancel.load() || ::fcntl(fd, F_GETLEASE) != F_RDLCK) {
-                result = Result::InUse;
-                break;
-            }
-            const qint64 room = FreeSpaceGuard::room(fd);
-            if (room < FreeSpaceGuard::kMinRoom) {
-                result = Result::NoSpace;
-                break;
-            }
-            const bool low = room < FreeSpaceGuard::kLowRoom;
-            const __u64 step = low ? qMax(__u64(room / 4) / kChunk * kChunk, kChunk) : kStep;
-            struct btrfs_ioctl_defrag_range_args args { };
-            args.start = start;
-            args.len = qMin(step, end - start);
-            args.flags = BTRFS_DEFRAG_RANGE_COMPRESS | BTRFS_DEFRAG_RANGE_START_IO;
-            args.compress_type = kCompressZstd;
-            if (::ioctl(fd, BTRFS_IOC_DEFRAG_RANGE, &args) != 0) {
-                error = errno;
-                result = error == ENOSPC ? Result::NoSpace : Result::Failed;
-            }
-            // Committed, the replaced extents are free for the next step.
-            if (low)
-                ::syncfs(fd);
-            start += args.len;
-        }
-        if (result != Result::Compressed)
-            break;
-    }
+bool BtrfsCompressor::holdsLease(int fd)
+{
+    // A writer opening the file breaks the lease.
+    return ::fcntl(fd, F_GETLEASE) == F_RDLCK;
+}
+
+void BtrfsCompressor::releaseLease(int fd)
+{
     ::fcntl(fd, F_SETLEASE, F_UNLCK);
-    errno = error;
-    return result;
+}
+
+BtrfsCompressor::Result BtrfsCompressor::compressPiece(int fd, qint64 start, qint64 length, qint64 *done)
+{
+    *done = 0;
+    const qint64 room = FreeSpaceGuard::room(fd);
+    if (room < FreeSpaceGuard::kMinRoom)
+        return Result::NoSpace;
+    const bool low = room < FreeSpaceGuard::kLowRoom;
+    if (low)
+        length = qMin(length, qMax(room / 4 / kChunk * kChunk, kChunk));
+    struct btrfs_ioctl_defrag_range_args args { };
+    args.start = __u64(start);
+    args.len = __u64(length);
+    args.flags = BTRFS_DEFRAG_RANGE_COMPRESS | BTRFS_DEFRAG_RANGE_START_IO;
+    args.compress_type = kCompressZstd;
+    const bool ok = ::ioctl(fd, BTRFS_IOC_DEFRAG_RANGE, &args) == 0;
+    const int error = errno;
+    // Committed, the replaced extents are free for the next piece.
+    if (low)
+        ::syncfs(fd);
+    if (!ok) {
+        errno = error;
+        return error == ENOSPC ? Result::NoSpace : Result::Failed;
+    }
+    *done = length;
+    return Result::Compressed;
 }
 
 void BtrfsCompressor::lowerThreadPriority()
 {
     // With who = process and id 0 these act on the calling thread only.
-    ::syscall(SYS_ioprio_set, kIoprioWhoProcess, 0, kIoprioClassIdle << kIoprioClassShift);
+    ::syscall(SYS_ioprio_set, kIoprioWhoProcess, 0, (kIoprioClassBestEffort << kIoprioClassShift) | 7);
     struct sched_param param { };
     ::sched_setscheduler(0, SCHED_IDLE, &param);
     ::setpriority(PRIO_PROCESS, pid_t(::gettid()), 19);

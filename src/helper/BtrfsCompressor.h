@@ -1,15 +1,11 @@
 #pragma once
 
-#include "btrfs/ExtentMap.h"
-
 #include <QByteArray>
 #include <QString>
 
-#include <atomic>
-
 // The file-system side of compression: which file system a folder is on, the folder's
-// compression property, and rewriting one file compressed with zstd through btrfs's own
-// defragment-and-compress call. Everything works on descriptors and byte paths.
+// compression property, and rewriting a file's data compressed with zstd, piece by piece,
+// through btrfs's own defragment-and-compress call. Everything works on descriptors.
 class BtrfsCompressor
 {
 public:
@@ -31,12 +27,20 @@ public:
     // Sets it only where it is not set yet: a rescan then changes nothing on disk.
     static bool ensureCompressionProperty(int fd);
 
-    // Rewrites these ranges of the file compressed, in steps, holding a read lease so that a
-    // writer opening the file stops the rewrite instead of waiting behind it. With little free
-    // space the steps are small and each is committed, so the old extents are freed before the
-    // next is written. fd must be open read-only.
-    static Result compressRanges(int fd, const QList<ExtentMap::Range> &ranges, const std::atomic<bool> &cancel);
+    // A read lease while the file is rewritten, so that a writer opening it stops the rewrite
+    // instead of waiting behind it; taken only while nobody has the file open for writing.
+    static Result takeLease(int fd);
+    static bool holdsLease(int fd);
+    static void releaseLease(int fd);
 
-    // Idle CPU and I/O priority for the calling thread.
+    // Rewrites at most length bytes from start compressed; returns how many it did in *done.
+    // With little free space the piece is smaller and committed at once, so the old extents
+    // are freed before the next. fd must be open read-only.
+    static Result compressPiece(int fd, qint64 start, qint64 length, qint64 *done);
+
+    // Idle CPU priority for the calling thread, so that any other task runs first, and the
+    // lowest best-effort I/O priority (the idle class would starve its reads behind the
+    // kernel's writing of what it handed over). Only ever lowered: an ordinary user could not
+    // raise it again.
     static void lowerThreadPriority();
 };

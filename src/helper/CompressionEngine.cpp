@@ -1,16 +1,18 @@
 #include "helper/CompressionEngine.h"
 
 #include "common/BDAlias.h"
+#include "common/VTUtil.h"
 #include "helper/BtrfsCompressor.h"
 #include "helper/CompressionWorker.h"
 #include "helper/DesktopNotifier.h"
-#include "common/VTUtil.h"
 #include "helper/FolderWatch.h"
 #include "helper/FreeSpaceGuard.h"
-#include "helper/RescanSchedule.h"
-#include "helper/SavingsModel.h"
-#include "helper/SettleQueue.h"
 #include "helper/HelperLog.h"
+#include "helper/LoadSampler.h"
+#include "helper/RescanSchedule.h"
+#include "helper/Rewriter.h"
+#include "helper/SavingsModel.h"
+#include "helper/WatchedFolder.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -19,51 +21,77 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <thread>
 #include <unistd.h>
 
 CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *notifier, FolderWatch *watch,
-                                     SettleQueue *settle, QObject *parent)
+                                     QObject *parent)
     : QObject(parent)
     , m_savings(savings)
     , m_notifier(notifier)
     , m_watch(watch)
-    , m_settle(settle)
-    , m_worker(new CompressionWorker(watch, this))
-    , m_space(new FreeSpaceGuard(this))
-    , m_rescan(new RescanSchedule([this] { return isBusy() || RescanSchedule::isMachineBusy(); },
-                                  RescanSchedule::kIntervalMs, RescanSchedule::kDeferMs, this))
+    , m_worker(new CompressionWorker)
+    , m_rewriter(new Rewriter)
+    , m_rescan(
+          new RescanSchedule([this] { return hasWork(); }, RescanSchedule::kIntervalMs, RescanSchedule::kDeferMs, this))
+    , m_pacer(int(std::max(1u, std::thread::hardware_concurrency())))
 {
-    connect(m_worker, &CompressionWorker::progress, this, &CompressionEngine::progress);
-    connect(m_worker, &CompressionWorker::finished, this, &CompressionEngine::finished);
-    connect(m_worker, &CompressionWorker::failed, this, &CompressionEngine::failed);
-    connect(m_worker, &CompressionWorker::unsettled, this, &CompressionEngine::unsettled);
-    connect(m_worker, &CompressionWorker::watchLimitReached, this, &CompressionEngine::watchLimitReached);
-    connect(m_worker, &CompressionWorker::sharedFound, this, [this](qint64 id) { m_sharedFound.insert(id); });
-    connect(m_worker, &CompressionWorker::waitingForSpace, this, &CompressionEngine::waitingForSpace);
-    connect(m_space, &FreeSpaceGuard::roomAgain, this, &CompressionEngine::roomAgain);
-    // Ids of the old file mean nothing in the new one.
+    qRegisterMetaType<JobTag>();
+    qRegisterMetaType<WalkEnd>();
+    qRegisterMetaType<JobEnd>();
+    qRegisterMetaType<FilePlanPtr>();
+    qRegisterMetaType<QList<SeenFolder>>();
+    qRegisterMetaType<QList<FileDone>>();
+    m_worker->moveToThread(&m_workerThread);
+    m_rewriter->moveToThread(&m_rewriterThread);
+    connect(m_worker, &CompressionWorker::rewrite, m_rewriter, &Rewriter::rewrite);
+    connect(m_rewriter, &Rewriter::rewritten, m_worker, &CompressionWorker::rewritten);
+    connect(m_worker, &CompressionWorker::jobStarted, this, &CompressionEngine::jobStarted);
+    connect(m_worker, &CompressionWorker::foldersSeen, this, &CompressionEngine::foldersSeen);
+    connect(m_worker, &CompressionWorker::walked, this, &CompressionEngine::walked);
+    connect(m_worker, &CompressionWorker::filesDone, this, &CompressionEngine::filesDone);
+    connect(m_worker, &CompressionWorker::jobEnded, this, &CompressionEngine::jobEnded);
+    m_workerThread.start();
+    m_rewriterThread.start();
+    QMetaObject::invokeMethod(m_worker, &CompressionWorker::start, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(m_rewriter, &BtrfsCompressor::lowerThreadPriority, Qt::QueuedConnection);
+
+    connect(m_watch, &FolderWatch::changed, this, &CompressionEngine::changed);
+    connect(m_watch, &FolderWatch::folderMoved, this, &CompressionEngine::folderMoved);
+    connect(m_watch, &FolderWatch::overflowed, this, &CompressionEngine::overflowed);
+    // Ids of the old file mean nothing in the new one: the new one's listed folders are picked
+    // up as at start-up, once the call that noticed the replacement is over.
     connect(m_savings, &SavingsModel::storeReopened, this, [this] {
-        const QList<qint64> ids = m_folders.keys();
-        for (qint64 id : ids)
-            forget(id);
+        forgetAll();
+        QMetaObject::invokeMethod(this, &CompressionEngine::resume, Qt::QueuedConnection);
     });
     connect(m_savings, &SavingsModel::recordVanished, this, &CompressionEngine::forget);
     // Changes the watch could not see (made while the helper was not looking, or past the
-    // limits) are found by an occasional rescan at idle; a timer hours apart, not polling.
-    connect(m_rescan, &RescanSchedule::due, m_worker, &CompressionWorker::rescanAll);
-    m_worker->start();
+    // limits) are found by an occasional rescan, paced like all work; a timer hours apart.
+    connect(m_rescan, &RescanSchedule::due, this, &CompressionEngine::rescanAll);
+    m_sampler.setInterval(kSampleMs);
+    connect(&m_sampler, &QTimer::timeout, this, &CompressionEngine::sample);
+    update();
 }
 
 CompressionEngine::~CompressionEngine()
 {
     stop();
-    for (const Folder &folder : std::as_const(m_folders))
-        ::close(folder.fd);
 }
 
 void CompressionEngine::stop()
 {
-    m_worker->stop();
+    if (!m_workerThread.isRunning())
+        return;
+    m_sampler.stop();
+    QMetaObject::invokeMethod(m_worker, &CompressionWorker::finish, Qt::BlockingQueuedConnection);
+    m_rewriterThread.quit();
+    m_rewriterThread.wait();
+    m_workerThread.quit();
+    m_workerThread.wait();
+    delete m_rewriter;
+    delete m_worker;
+    m_folders.clear();
     m_savings->flush();
 }
 
@@ -83,68 +111,50 @@ void CompressionEngine::resume()
                    qPrintable(found));
             folder = found;
         }
-        m_folders[record.objectID].status = record.status;
-        m_folders[record.objectID].savings = record.savings;
-        addFolder(record.objectID, folder);
+        add(record.objectID, folder, record.status >= 100);
+        if (WatchedFolder *watched = find(record.objectID)) {
+            watched->status = record.status;
+            watched->savings = record.savings;
+        }
     }
 }
 
 void CompressionEngine::addFolder(qint64 id, const QString &folder)
 {
-    // A record the store already has as done (at start-up) was settled, and its user told.
-    const bool done = m_folders.value(id).status >= 100;
+    add(id, folder, false);
+}
+
+void CompressionEngine::add(qint64 id, const QString &path, bool recordDone)
+{
     forget(id);
-    const QByteArray path = QFile::encodeName(folder);
-    const int fd = ::open(path.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    const QByteArray encoded = QFile::encodeName(path);
+    const int fd = ::open(encoded.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
-        failed(id, QString::fromLocal8Bit(std::strerror(errno)));
+        qCWarning(lcHelper, "cannot compress \"%s\": %s", qPrintable(path), std::strerror(errno));
         return;
     }
     if (BtrfsCompressor::isBtrfs(fd)) {
-        Folder &entry = m_folders[id];
-        entry.fd = fd;
-        entry.path = folder;
-        m_worker->addFolder(id, ::fcntl(fd, F_DUPFD_CLOEXEC, 0), path);
+        auto folder = std::make_unique<WatchedFolder>(JobTag{id, ++m_generations}, fd, path);
+        WatchedFolder *watched = folder.get();
+        connect(&watched->settle, &SettleQueue::settled, this,
+                [this, watched](const QByteArray &relative) { queueJob(watched, relative, false); });
+        connect(&watched->roomCheck, &QTimer::timeout, this, [this, watched] { roomCheck(watched); });
+        connect(&watched->limitedRescan, &QTimer::timeout, this, [this, watched] { queueJob(watched, {}, true); });
+        m_folders[id] = std::move(folder);
+        queueJob(watched, QByteArray(), true);
         return;
     }
     ::close(fd);
-    if (done)
+    // A record the store already has as done (at start-up) was settled, and its user told.
+    if (recordDone)
         return;
     // Nothing to do and nothing saved: the folder is done, and the user learns why.
-    const QString fileSystem = BtrfsCompressor::fileSystemName(path);
     m_savings->setProgress(id, 100, 0);
     m_savings->flush();
-    m_notifier->notify(QStringLiteral("Vantor cannot compress \"%1\"").arg(folder),
+    m_notifier->notify(QStringLiteral("Vantor cannot compress \"%1\"").arg(path),
                        QStringLiteral("The folder %1 is on %2, a file system without transparent compression. "
                                       "Vantor compresses folders on btrfs only; nothing in this folder was changed.")
-                           .arg(folder, fileSystem));
-}
-
-void CompressionEngine::forget(qint64 id)
-{
-    m_worker->cancel(id);
-    m_settle->remove(id);
-    m_limited.remove(id);
-    m_space->forget(id);
-    m_toldWaiting.remove(id);
-    m_sharedFound.remove(id);
-    const auto it = m_folders.constFind(id);
-    if (it == m_folders.cend())
-        return;
-    if (it->fd >= 0)
-        ::close(it->fd);
-    m_folders.erase(it);
-}
-
-bool CompressionEngine::isBusy() const
-{
-    if (!m_settle->isEmpty())
-        return true;
-    for (auto it = m_folders.cbegin(); it != m_folders.cend(); ++it) {
-        if (m_worker->isBusy(it.key()))
-            return true;
-    }
-    return false;
+                           .arg(path, BtrfsCompressor::fileSystemName(encoded)));
 }
 
 void CompressionEngine::removeFolder(qint64 id)
@@ -152,89 +162,238 @@ void CompressionEngine::removeFolder(qint64 id)
     forget(id);
 }
 
-void CompressionEngine::setActive(bool active)
-{
-    m_worker->setActive(active);
-}
-
-void CompressionEngine::report(qint64 id, quint32 status, quint64 savings, bool flush)
+void CompressionEngine::forget(qint64 id)
 {
     const auto it = m_folders.find(id);
     if (it == m_folders.end())
-        return; // removed meanwhile
-    it->status = status;
-    it->savings = savings;
-    m_savings->setProgress(id, status, savings);
+        return;
+    m_folders.erase(it);
+    m_watch->unwatchAll(id);
+    QMetaObject::invokeMethod(
+        m_worker, [worker = m_worker, id] { worker->cancel(id); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        m_rewriter, [rewriter = m_rewriter, id] { rewriter->cancel(id); }, Qt::QueuedConnection);
+    update();
+}
+
+void CompressionEngine::forgetAll()
+{
+    while (!m_folders.empty())
+        forget(m_folders.begin()->first);
+}
+
+WatchedFolder *CompressionEngine::find(qint64 id) const
+{
+    const auto it = m_folders.find(id);
+    return it == m_folders.end() ? nullptr : it->second.get();
+}
+
+WatchedFolder *CompressionEngine::find(const JobTag &tag) const
+{
+    WatchedFolder *folder = find(tag.id);
+    return folder && folder->tag.generation == tag.generation ? folder : nullptr;
+}
+
+void CompressionEngine::setSwitchedOn(bool on)
+{
+    m_pacer.setSwitchedOn(on);
+    update();
+}
+
+void CompressionEngine::setPower(bool onBattery, bool powerSaver)
+{
+    m_pacer.setPower(onBattery, powerSaver);
+    update();
+}
+
+void CompressionEngine::queueJob(WatchedFolder *folder, const QByteArray &relative, bool whole)
+{
+    const int fd = ::fcntl(folder->fd, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0)
+        return;
+    const bool wasIdle = !hasWork();
+    ++folder->jobs;
+    const FolderJob job{folder->tag, fd, relative, whole};
+    QMetaObject::invokeMethod(
+        m_worker, [worker = m_worker, job] { worker->enqueue(job); }, Qt::QueuedConnection);
+    if (wasIdle)
+        m_pacer.restart();
+    update();
+}
+
+void CompressionEngine::rescanAll()
+{
+    for (const auto &[id, folder] : m_folders)
+        queueJob(folder.get(), QByteArray(), true);
+}
+
+void CompressionEngine::watch(WatchedFolder *folder, const QByteArray &relative)
+{
+    if (m_watch->isWatched(folder->tag.id, relative))
+        return;
+    // Through the watched folder: its path may have changed meanwhile.
+    const int fd = ::openat(folder->fd, relative.isEmpty() ? "." : relative.constData(),
+                            O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    const FolderWatch::Result result = m_watch->watch(folder->tag.id, relative, fd);
+    ::close(fd);
+    if (result == FolderWatch::Result::LimitReached)
+        watchLimitReached(folder);
+}
+
+void CompressionEngine::watchLimitReached(WatchedFolder *folder)
+{
+    if (std::exchange(folder->toldLimit, true))
+        return;
+    qCWarning(lcHelper,
+              "the watch limit is reached at %lld watches (fs.inotify.max_user_watches = %d); \"%s\" is "
+              "rescanned every %d minutes instead of followed",
+              static_cast<long long>(m_watch->count()), FolderWatch::limit(), qPrintable(folder->path),
+              kLimitedRescanMs / 60000);
+    folder->limitedRescan.start(kLimitedRescanMs);
+}
+
+void CompressionEngine::jobStarted(const JobTag &tag, const QByteArray &relative, bool whole)
+{
+    WatchedFolder *folder = find(tag);
+    if (!folder)
+        return;
+    ++folder->walking;
+    // A whole walk finds everything below anew; a folder gone meanwhile takes its savings along.
+    if (whole)
+        folder->tally.dropBelow(relative);
+    folder->wholePass = whole && relative.isEmpty();
+}
+
+void CompressionEngine::foldersSeen(const JobTag &tag, const QList<SeenFolder> &folders)
+{
+    WatchedFolder *folder = find(tag);
+    if (!folder)
+        return;
+    for (const SeenFolder &seen : folders) {
+        folder->tally.set(seen.relative, seen.known);
+        watch(folder, seen.relative);
+        if (seen.alone)
+            listed(folder, seen);
+    }
+}
+
+void CompressionEngine::listed(WatchedFolder *folder, const SeenFolder &seen)
+{
+    // Folders that went away take their savings with them; new ones are walked whole.
+    QSet<QByteArray> present;
+    for (const QByteArray &name : seen.subfolders) {
+        const QByteArray path = seen.relative.isEmpty() ? name : seen.relative + '/' + name;
+        present.insert(path);
+        if (!m_watch->isWatched(folder->tag.id, path) || !folder->tally.contains(path))
+            queueJob(folder, path, true);
+    }
+    for (const QByteArray &path : folder->tally.subfoldersOf(seen.relative)) {
+        if (!present.contains(path)) {
+            folder->tally.dropBelow(path);
+            m_watch->unwatch(folder->tag.id, path);
+        }
+    }
+}
+
+void CompressionEngine::walked(const JobTag &tag, const WalkEnd &end)
+{
+    WatchedFolder *folder = find(tag);
+    if (!folder)
+        return;
+    --folder->walking;
+    // The folder itself has gone; its parent's next look drops it, or it is the watched one.
+    if (!end.found)
+        folder->tally.dropBelow(end.relative);
+    folder->files = end.files;
+    folder->filesDone = end.files - end.todo;
+    for (auto it = end.unsettled.cbegin(); it != end.unsettled.cend(); ++it)
+        folder->settle.add(it.key(), it.value());
+    record(folder, false);
+}
+
+void CompressionEngine::filesDone(const JobTag &tag, const QList<FileDone> &files)
+{
+    WatchedFolder *folder = find(tag);
+    if (!folder)
+        return;
+    for (const FileDone &file : files)
+        folder->tally.add(file.folder, file.figures);
+    folder->filesDone += files.size();
+    record(folder, false);
+}
+
+void CompressionEngine::jobEnded(const JobTag &tag, const JobEnd &end)
+{
+    WatchedFolder *folder = find(tag);
+    if (!folder)
+        return;
+    --folder->jobs;
+    if (end.merged) {
+        update();
+        return;
+    }
+    folder->sharedFound = folder->sharedFound || end.sharedFound;
+    if (end.bytesToFree > 0) {
+        folder->roomCheck.start(FreeSpaceGuard::kPollMs);
+        record(folder, true);
+        if (!std::exchange(folder->toldWaiting, true))
+            tell(QStringLiteral("Vantor is waiting for disk space"),
+                 QStringLiteral("%1 waits to be compressed: its disk is nearly full. "
+                                "Free %2 on it and Vantor goes on by itself.")
+                     .arg(QFileInfo(folder->path).fileName(), VTUtil::getPrettySize(quint64(end.bytesToFree))));
+    } else if (std::exchange(folder->wholePass, false)) {
+        folder->seenWhole = true;
+    }
+    if (!folder->hasWork())
+        folderDone(folder);
+    else
+        record(folder, false);
+    update();
+}
+
+void CompressionEngine::folderDone(WatchedFolder *folder)
+{
+    folder->toldWaiting = false;
+    record(folder, true);
+    // Told once the whole folder is known, with its whole figure; a rescan that finds only
+    // what was told before says nothing.
+    if (std::exchange(folder->sharedFound, false) && folder->tally.sharedPlain() > 0
+        && !std::exchange(folder->toldShared, true))
+        tell(QStringLiteral("Shared data left as it is"),
+             QStringLiteral("%1 in %2 is shared with snapshots or copies and was left as it is: "
+                            "compressing it now would take more space until those are deleted")
+                 .arg(VTUtil::getPrettySize(folder->tally.sharedPlain()), QFileInfo(folder->path).fileName()));
+    // Files not met since the start leave the cache once every folder has been seen whole.
+    if (!m_cachePruned && std::all_of(m_folders.cbegin(), m_folders.cend(), [](const auto &entry) {
+            return entry.second->seenWhole;
+        })) {
+        m_cachePruned = true;
+        QMetaObject::invokeMethod(
+            m_worker, [worker = m_worker] { worker->saveCache(true); }, Qt::QueuedConnection);
+    }
+}
+
+void CompressionEngine::record(WatchedFolder *folder, bool flush)
+{
+    folder->status = folder->currentStatus();
+    // While a walk rebuilds the figures, the last ones written stand.
+    if (folder->walking == 0)
+        folder->savings = folder->tally.savings();
+    m_savings->setProgress(folder->tag.id, folder->status, folder->savings);
     if (flush)
         m_savings->flush();
 }
 
 void CompressionEngine::changed(qint64 id, const QByteArray &relative)
 {
-    if (!m_folders.contains(id))
+    WatchedFolder *folder = find(id);
+    if (!folder)
         return;
-    m_settle->add(id, relative);
-    const Folder &folder = m_folders[id];
-    if (folder.status >= 100)
-        report(id, 99, folder.savings, false);
-}
-
-void CompressionEngine::settled(qint64 id, const QByteArray &relative)
-{
-    m_worker->scan(id, relative, false);
-}
-
-void CompressionEngine::unsettled(qint64 id, const QByteArray &relative, qint64 waitMs)
-{
-    if (m_folders.contains(id))
-        m_settle->add(id, relative, waitMs);
-}
-
-void CompressionEngine::progress(qint64 id, quint32 status, quint64 savings)
-{
-    report(id, std::min(status, 99u), savings, false);
-}
-
-void CompressionEngine::finished(qint64 id, quint32 status, quint64 savings, quint64 shared)
-{
-    // Done only when no change waits to settle either (the worker has no more work queued).
-    const bool waiting = m_settle->isWaiting(id);
-    m_toldWaiting.remove(id);
-    report(id, waiting ? std::min(status, 99u) : status, savings, !waiting);
-    // Told once the whole folder is known, with its whole figure; a rescan that finds only
-    // what was told before says nothing.
-    if (!waiting && shared > 0 && m_sharedFound.remove(id))
-        sharedLeft(id, shared);
-}
-
-void CompressionEngine::failed(qint64 id, const QString &reason)
-{
-    qCWarning(lcHelper, "cannot compress folder record %lld: %s", static_cast<long long>(id), qPrintable(reason));
-}
-
-void CompressionEngine::watchLimitReached(qint64 id)
-{
-    const auto it = m_folders.constFind(id);
-    if (it == m_folders.cend())
-        return;
-    qCWarning(lcHelper,
-              "the watch limit is reached at %lld watches (fs.inotify.max_user_watches = %d); \"%s\" is "
-              "rescanned every %d minutes instead of followed",
-              static_cast<long long>(m_watch->count()), FolderWatch::limit(), qPrintable(it->path),
-              kLimitedRescanMs / 60000);
-    if (m_limited.contains(id))
-        return;
-    m_limited.insert(id);
-    auto *timer = new QTimer(this);
-    timer->setInterval(kLimitedRescanMs);
-    connect(timer, &QTimer::timeout, this, [this, id, timer] {
-        if (!m_limited.contains(id)) {
-            timer->deleteLater();
-            return;
-        }
-        m_worker->scan(id, QByteArray(), true);
-    });
-    timer->start();
+    folder->settle.add(relative);
+    if (folder->status >= 100)
+        record(folder, false);
 }
 
 void CompressionEngine::overflowed()
@@ -242,36 +401,44 @@ void CompressionEngine::overflowed()
     qCWarning(lcHelper,
               "changes came faster than they could be read and some were lost; "
               "every watched folder is rescanned");
+    rescanAll();
     // Work waits for every folder now.
-    for (auto it = m_folders.cbegin(); it != m_folders.cend(); ++it) {
-        if (it->status >= 100)
-            report(it.key(), 99, it->savings, false);
-    }
-    m_worker->rescanAll();
+    for (const auto &[id, folder] : m_folders)
+        record(folder.get(), false);
+}
+
+void CompressionEngine::roomCheck(WatchedFolder *folder)
+{
+    if (FreeSpaceGuard::room(folder->fd) < FreeSpaceGuard::kMinRoom)
+        return;
+    folder->roomCheck.stop();
+    queueJob(folder, QByteArray(), true);
 }
 
 void CompressionEngine::folderMoved(qint64 id)
 {
-    const auto it = m_folders.find(id);
-    if (it == m_folders.end())
+    WatchedFolder *folder = find(id);
+    if (!folder)
         return;
     char buffer[PATH_MAX];
-    const QByteArray link = "/proc/self/fd/" + QByteArray::number(it->fd);
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(folder->fd);
     const ssize_t size = ::readlink(link.constData(), buffer, sizeof buffer);
     if (size <= 0)
         return;
     const QString path = QFile::decodeName(QByteArray(buffer, size));
+    const QString old = folder->path;
     if (path.endsWith(QLatin1String(" (deleted)"))) {
         // Removed, or moved to another file system (a copy, then removal): listed by its recorded path.
-        qCWarning(lcHelper, "\"%s\" is gone; it stays listed until it is removed", qPrintable(it->path));
+        qCWarning(lcHelper, "\"%s\" is gone; it stays listed until it is removed", qPrintable(old));
         forget(id);
         return;
     }
-    if (path == it->path || !m_savings->renameFolder(id, it->path, path))
+    // Recording the move may find the store replaced, which forgets every folder: look again.
+    if (path == old || !m_savings->renameFolder(id, old, path))
         return;
-    qCInfo(lcHelper, "\"%s\" was moved to \"%s\"", qPrintable(it->path), qPrintable(path));
-    it->path = path;
-    m_worker->setPath(id, QFile::encodeName(path));
+    qCInfo(lcHelper, "\"%s\" was moved to \"%s\"", qPrintable(old), qPrintable(path));
+    if (WatchedFolder *moved = find(id))
+        moved->path = path;
 }
 
 void CompressionEngine::tell(const QString &summary, const QString &body)
@@ -280,34 +447,66 @@ void CompressionEngine::tell(const QString &summary, const QString &body)
     m_notifier->notify(summary, body);
 }
 
-void CompressionEngine::sharedLeft(qint64 id, quint64 bytes)
+bool CompressionEngine::hasWork() const
 {
-    if (!m_folders.contains(id) || m_toldShared.contains(id))
-        return;
-    m_toldShared.insert(id);
-    tell(QStringLiteral("Shared data left as it is"),
-         QStringLiteral("%1 in %2 is shared with snapshots or copies and was left as it is: "
-                        "compressing it now would take more space until those are deleted")
-             .arg(VTUtil::getPrettySize(bytes), QFileInfo(m_folders.value(id).path).fileName()));
+    return std::any_of(m_folders.cbegin(), m_folders.cend(), [](const auto &entry) { return entry.second->hasWork(); });
 }
 
-void CompressionEngine::waitingForSpace(qint64 id, quint32 status, quint64 savings, quint64 bytesToFree)
+void CompressionEngine::sample()
 {
-    if (!m_folders.contains(id))
-        return;
-    report(id, status, savings, true);
-    m_space->wait(id, QFile::encodeName(m_folders.value(id).path));
-    if (m_toldWaiting.contains(id))
-        return;
-    m_toldWaiting.insert(id);
-    tell(QStringLiteral("Vantor is waiting for disk space"),
-         QStringLiteral("%1 waits to be compressed: its disk is nearly full. "
-                        "Free %2 on it and Vantor goes on by itself.")
-             .arg(QFileInfo(m_folders.value(id).path).fileName(), VTUtil::getPrettySize(bytesToFree)));
+    if (m_pacer.sample(LoadSampler::take()))
+        update();
 }
 
-void CompressionEngine::roomAgain(qint64 id)
+void CompressionEngine::update()
 {
-    if (m_folders.contains(id))
-        m_worker->scan(id, QByteArray(), true);
+    const bool work =
+        std::any_of(m_folders.cbegin(), m_folders.cend(), [](const auto &entry) { return entry.second->jobs > 0; });
+    const Pacer::Pace pace = m_pacer.pace();
+    if (!(pace == m_pace)) {
+        m_pace = pace;
+        QMetaObject::invokeMethod(
+            m_worker, [worker = m_worker, pace] { worker->setPace(pace); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            m_rewriter, [rewriter = m_rewriter, pace] { rewriter->setPace(pace); }, Qt::QueuedConnection);
+    }
+    // The machine is read only while there is work it could hold up: nothing is polled otherwise.
+    if (work && pace.go && !m_sampler.isActive()) {
+        m_pacer.sample(LoadSampler::take());
+        m_sampler.start();
+    } else if (!(work && pace.go)) {
+        m_sampler.stop();
+    }
+
+    Status status;
+    if (hasWork()) {
+        const bool onlyRoom = std::all_of(m_folders.cbegin(), m_folders.cend(), [](const auto &entry) {
+            return !entry.second->hasWork() || entry.second->isWaitingForRoom();
+        });
+        const QString held = Pacer::describe(m_pacer.hold(), m_pacer.load());
+        if (onlyRoom)
+            status = {Activity::Waiting, QStringLiteral("too little free space")};
+        else if (!held.isEmpty())
+            status = {Activity::Waiting, held};
+        else
+            status = {Activity::Working, {}};
+    }
+    if (status == m_status)
+        return;
+    m_status = status;
+    qCInfo(lcHelper, "%s", qPrintable(describe(status)));
+    Q_EMIT statusChanged();
+}
+
+QString CompressionEngine::describe(const Status &status)
+{
+    switch (status.activity) {
+    case Activity::Idle:
+        return QStringLiteral("idle: every folder is done");
+    case Activity::Working:
+        return QStringLiteral("working");
+    case Activity::Waiting:
+        break;
+    }
+    return QStringLiteral("waiting: %1").arg(status.why);
 }

@@ -1,83 +1,117 @@
 #pragma once
 
+#include "helper/FolderJob.h"
+#include "helper/Pacer.h"
+
 #include <QByteArray>
-#include <QHash>
 #include <QObject>
-#include <QSet>
+#include <QThread>
 #include <QTimer>
+
+#include <map>
+#include <memory>
 
 class CompressionWorker;
 class DesktopNotifier;
 class FolderWatch;
-class FreeSpaceGuard;
 class RescanSchedule;
+class Rewriter;
 class SavingsModel;
-class SettleQueue;
+class WatchedFolder;
 
-// Decides what happens to each watched folder. On btrfs it is looked through whole when it
-// is added, at the helper's start and every few hours, then followed through the watch:
-// a change waits in the settle queue and then goes to the worker thread. The folder's
-// status is below 100 while any of that waits. A folder that moves on its file system is
-// followed through a descriptor held open on it, and its record updated. On a file system
-// without transparent compression the record is closed at once (status 100, savings 0) and
-// the user is told why.
+// Decides what happens to each watched folder, on the main thread. On btrfs a folder is looked
+// through whole when it is added, at the helper's start and every few hours, then followed
+// through the watch: a change waits to settle and then goes to the compression thread. The
+// folder's status is below 100 while any of that waits. A folder that moves on its file system
+// is followed, and its record updated. On a file system without transparent compression the
+// record is closed at once (status 100, savings 0) and the user is told why.
+//
+// Each folder's state is one WatchedFolder, owned here. The compression thread plans and
+// verifies, the rewriting thread hands work to the kernel at the pace the pacer sets; both hear
+// from here by queued calls and answer by signals, and share nothing with this thread.
 class CompressionEngine : public QObject
 {
     Q_OBJECT
 public:
     // While the watch limit keeps part of a folder unwatched.
     static constexpr int kLimitedRescanMs = 15 * 60 * 1000;
+    // How often the machine's load is read while there is work.
+    static constexpr int kSampleMs = 250;
 
-    CompressionEngine(SavingsModel *savings, DesktopNotifier *notifier, FolderWatch *watch, SettleQueue *settle,
-                      QObject *parent = nullptr);
+    enum class Activity { Idle, Working, Waiting };
+    struct Status {
+        Activity activity = Activity::Idle;
+        QString why; // while waiting, in a few words
+        bool operator==(const Status &) const = default;
+    };
+
+    CompressionEngine(SavingsModel *savings, DesktopNotifier *notifier, FolderWatch *watch, QObject *parent = nullptr);
     ~CompressionEngine() override;
 
     // Picks up every listed folder, finding moved ones again through their alias records.
     void resume();
     void addFolder(qint64 id, const QString &folder);
     void removeFolder(qint64 id);
-    void setActive(bool active);
-    // Stops the worker thread; progress made so far is written.
+    // The user's switch, and the power supply: while either says so, nothing is rewritten.
+    void setSwitchedOn(bool on);
+    void setPower(bool onBattery, bool powerSaver);
+    // Stops the threads; progress made so far is written.
     void stop();
 
-    // From the watch and the settle queue.
-    void changed(qint64 id, const QByteArray &relative);
-    void settled(qint64 id, const QByteArray &relative);
-    void folderMoved(qint64 id);
-    void overflowed();
+    Status status() const { return m_status; }
+    static QString describe(const Status &status);
+
+Q_SIGNALS:
+    void statusChanged();
 
 private:
-    struct Folder {
-        int fd = -1; // O_PATH: follows the folder wherever it moves on its file system
-        QString path;
-        quint32 status = 0;
-        quint64 savings = 0;
-    };
-    void report(qint64 id, quint32 status, quint64 savings, bool flush);
-    void progress(qint64 id, quint32 status, quint64 savings);
-    void finished(qint64 id, quint32 status, quint64 savings, quint64 shared);
-    void failed(qint64 id, const QString &reason);
-    void unsettled(qint64 id, const QByteArray &relative, qint64 waitMs);
-    void watchLimitReached(qint64 id);
+    // From the watch.
+    void changed(qint64 id, const QByteArray &relative);
+    void folderMoved(qint64 id);
+    void overflowed();
+    // From the compression thread.
+    void jobStarted(const JobTag &tag, const QByteArray &relative, bool whole);
+    void foldersSeen(const JobTag &tag, const QList<SeenFolder> &folders);
+    void walked(const JobTag &tag, const WalkEnd &end);
+    void filesDone(const JobTag &tag, const QList<FileDone> &files);
+    void jobEnded(const JobTag &tag, const JobEnd &end);
+
+    void add(qint64 id, const QString &path, bool recordDone);
+    // Null when the folder is gone, or the news is of an earlier life of it.
+    WatchedFolder *find(const JobTag &tag) const;
+    WatchedFolder *find(qint64 id) const;
+    void queueJob(WatchedFolder *folder, const QByteArray &relative, bool whole);
+    void rescanAll();
+    void watch(WatchedFolder *folder, const QByteArray &relative);
+    void listed(WatchedFolder *folder, const SeenFolder &seen);
+    // Writes the folder's progress and savings to its record.
+    void record(WatchedFolder *folder, bool flush);
     void forget(qint64 id);
-    void sharedLeft(qint64 id, quint64 bytes);
-    void waitingForSpace(qint64 id, quint32 status, quint64 savings, quint64 bytesToFree);
-    void roomAgain(qint64 id);
+    void forgetAll();
+    void roomCheck(WatchedFolder *folder);
+    void watchLimitReached(WatchedFolder *folder);
+    void folderDone(WatchedFolder *folder);
     // Tells the user, and the log, in the same words.
     void tell(const QString &summary, const QString &body);
-    bool isBusy() const;
+
+    bool hasWork() const;
+    void sample();
+    // The pace, the sampling and the status follow the work and the pacer's decisions.
+    void update();
 
     SavingsModel *m_savings;
     DesktopNotifier *m_notifier;
     FolderWatch *m_watch;
-    SettleQueue *m_settle;
+    std::map<qint64, std::unique_ptr<WatchedFolder>> m_folders;
+    quint64 m_generations = 0;
+    QThread m_workerThread;
+    QThread m_rewriterThread;
     CompressionWorker *m_worker;
-    FreeSpaceGuard *m_space;
-    QHash<qint64, Folder> m_folders;
+    Rewriter *m_rewriter;
     RescanSchedule *m_rescan;
-    QSet<qint64> m_limited;
-    // Told once: about shared data per folder, about a full disk per wait.
-    QSet<qint64> m_toldShared;
-    QSet<qint64> m_sharedFound; // to be told when the folder is done
-    QSet<qint64> m_toldWaiting;
+    Pacer m_pacer;
+    Pacer::Pace m_pace;
+    QTimer m_sampler;
+    Status m_status;
+    bool m_cachePruned = false;
 };

@@ -1,440 +1,403 @@
 #include "helper/CompressionWorker.h"
 
 #include "helper/BtrfsCompressor.h"
-#include "btrfs/CompressionModel.h"
-#include "helper/FileCompressor.h"
-#include "btrfs/FolderWalker.h"
-#include "helper/FolderWatch.h"
 #include "helper/FreeSpaceGuard.h"
-#include "helper/SettleQueue.h"
 #include "helper/HelperLog.h"
+#include "helper/SavingsTally.h"
+#include "helper/SettleQueue.h"
 
 #include <QDateTime>
-#include <QDeadlineTimer>
 #include <QFile>
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
-
-// How long the cache may stay behind the files it describes; a helper killed meanwhile
-// only looks at those files again.
-constexpr qint64 kCacheSaveMs = 60000;
 
 QByteArray joined(const QByteArray &folder, const QByteArray &name)
 {
     return folder.isEmpty() ? name : folder + '/' + name;
 }
 
-bool isBelow(const QByteArray &path, const QByteArray &folder)
+// The folder's present path, wherever it has moved: for the exclusion rules and the log.
+QByteArray currentPath(int fd)
 {
-    return folder.isEmpty() || path == folder || (path.startsWith(folder) && path.at(folder.size()) == '/');
+    char buffer[PATH_MAX];
+    const QByteArray link = "/proc/self/fd/" + QByteArray::number(fd);
+    const ssize_t size = ::readlink(link.constData(), buffer, sizeof buffer);
+    return size > 0 ? QByteArray(buffer, size) : QByteArray();
 }
 
-qint64 nowMs()
-{
-    return QDateTime::currentMSecsSinceEpoch();
-}
+// Folders found in one slice go to the main thread together.
+constexpr qsizetype kBatch = 256;
 
 } // namespace
 
-void CompressionWorker::Tally::count(const QList<ExtentMap::Stored> &stored, bool more)
+CompressionWorker::CompressionWorker(QObject *parent)
+    : QObject(parent)
+    , m_cacheTimer(this) // moves to the thread with its owner
 {
-    for (const ExtentMap::Stored &extent : stored) {
-        const auto it = extents.find(extent.physical);
-        if (more && it == extents.end()) {
-            const Extent counted{qint32(qMin(extent.savings, qint64(INT32_MAX))), 1};
-            extents.insert(extent.physical, counted);
-            total.savings += counted.savings;
-        } else if (more) {
-            ++it->files;
-        } else if (it != extents.end() && --it->files == 0) {
-            total.savings -= it->savings;
-            extents.erase(it);
-        }
-    }
-}
-
-void CompressionWorker::Tally::set(const QByteArray &relative, RescanCache::Figures figures)
-{
-    RescanCache::Figures &entry = folders[relative];
-    // Counted before the old ones go, so an extent still there keeps its figure.
-    count(figures.stored, true);
-    count(entry.stored, false);
-    total.savings += figures.savings - entry.savings;
-    total.shared += figures.shared - entry.shared;
-    entry = std::move(figures);
-}
-
-void CompressionWorker::Tally::add(const QByteArray &relative, const RescanCache::Figures &figures)
-{
-    RescanCache::Figures &entry = folders[relative];
-    count(figures.stored, true);
-    entry.savings += figures.savings;
-    entry.shared += figures.shared;
-    entry.stored += figures.stored;
-    total.savings += figures.savings;
-    total.shared += figures.shared;
-}
-
-void CompressionWorker::Tally::dropBelow(const QByteArray &relative)
-{
-    for (auto it = folders.begin(); it != folders.end();) {
-        if (isBelow(it.key(), relative)) {
-            count(it->stored, false);
-            total.savings -= it->savings;
-            total.shared -= it->shared;
-            it = folders.erase(it);
-        } else {
-            ++it;
-        }
-    }
-}
-
-CompressionWorker::CompressionWorker(FolderWatch *watch, QObject *parent)
-    : QThread(parent)
-    , m_watch(watch)
-{
+    m_cacheTimer.setSingleShot(true);
+    m_cacheTimer.setInterval(kCacheSaveMs);
+    connect(&m_cacheTimer, &QTimer::timeout, this, [this] { saveCache(false); });
 }
 
 CompressionWorker::~CompressionWorker()
 {
-    stop();
-    for (const Folder &folder : std::as_const(m_folders))
-        ::close(folder.fd);
-    for (int fd : std::as_const(m_dropped))
-        ::close(fd);
+    for (const FolderJob &job : m_jobs)
+        ::close(job.rootFd);
+    if (m_job)
+        ::close(m_job->job.rootFd);
 }
 
-void CompressionWorker::addFolder(qint64 id, int rootFd, const QByteArray &path)
+void CompressionWorker::start()
 {
-    {
-        QMutexLocker locker(&m_lock);
-        const auto old = m_folders.constFind(id);
-        if (old != m_folders.cend())
-            m_dropped.append(old->fd);
-        m_folders.insert(id, {rootFd, path, false});
-        m_droppedIds.removeAll(id);
-    }
-    scan(id, QByteArray(), true);
+    BtrfsCompressor::lowerThreadPriority();
+    m_cache.load();
 }
 
-void CompressionWorker::setPath(qint64 id, const QByteArray &path)
+void CompressionWorker::enqueue(const FolderJob &job)
 {
-    QMutexLocker locker(&m_lock);
-    const auto it = m_folders.find(id);
-    if (it != m_folders.end())
-        it->path = path;
-}
-
-void CompressionWorker::scan(qint64 id, const QByteArray &relative, bool whole)
-{
-    QMutexLocker locker(&m_lock);
-    if (!m_folders.contains(id))
-        return;
-    for (const Job &job : std::as_const(m_jobs)) {
+    for (const FolderJob &queued : m_jobs) {
         // A queued look at a folder above covers this one.
-        if (job.id == id && (job.relative == relative || (job.whole && isBelow(relative, job.relative)))
-            && (job.whole || !whole))
+        const bool covers = queued.tag.id == job.tag.id && queued.tag.generation == job.tag.generation
+            && (queued.relative == job.relative
+                || (queued.whole && SavingsTally::isBelow(job.relative, queued.relative)))
+            && (queued.whole || !job.whole);
+        if (covers) {
+            ::close(job.rootFd);
+            JobEnd end;
+            end.merged = true;
+            Q_EMIT jobEnded(job.tag, end);
             return;
+        }
     }
-    m_jobs.append({id, relative, whole});
-    m_wake.wakeAll();
-}
-
-void CompressionWorker::rescanAll()
-{
-    QList<qint64> ids;
-    {
-        QMutexLocker locker(&m_lock);
-        ids = m_folders.keys();
-    }
-    for (qint64 id : std::as_const(ids))
-        scan(id, QByteArray(), true);
-}
-
-bool CompressionWorker::hasJob(qint64 id) const
-{
-    for (const Job &job : m_jobs) {
-        if (job.id == id)
-            return true;
-    }
-    return false;
-}
-
-bool CompressionWorker::isBusy(qint64 id) const
-{
-    QMutexLocker locker(&m_lock);
-    return m_current == id || hasJob(id);
+    m_jobs.push_back(job);
+    schedulePump();
 }
 
 void CompressionWorker::cancel(qint64 id)
 {
-    QMutexLocker locker(&m_lock);
-    m_jobs.removeIf([id](const Job &job) { return job.id == id; });
-    const auto it = m_folders.constFind(id);
-    if (it != m_folders.cend()) {
-        m_dropped.append(it->fd);
-        m_folders.erase(it);
-    }
-    m_droppedIds.append(id);
-    if (m_current == id)
-        m_cancelCurrent = true;
-    m_watch->unwatchAll(id);
-    m_wake.wakeAll();
-}
-
-void CompressionWorker::cancelAll()
-{
-    QList<qint64> ids;
-    {
-        QMutexLocker locker(&m_lock);
-        ids = m_folders.keys();
-    }
-    for (qint64 id : std::as_const(ids))
-        cancel(id);
-}
-
-void CompressionWorker::setActive(bool active)
-{
-    QMutexLocker locker(&m_lock);
-    m_active = active;
-    m_wake.wakeAll();
-}
-
-void CompressionWorker::stop()
-{
-    {
-        QMutexLocker locker(&m_lock);
-        m_stopping = true;
-        m_cancelCurrent = true;
-        m_wake.wakeAll();
-    }
-    wait();
-}
-
-bool CompressionWorker::waitUntilActive()
-{
-    QMutexLocker locker(&m_lock);
-    while (!m_active && !m_cancelCurrent.load())
-        m_wake.wait(&m_lock);
-    return !m_cancelCurrent.load();
-}
-
-void CompressionWorker::closeDropped()
-{
-    QList<int> fds;
-    QList<qint64> ids;
-    {
-        QMutexLocker locker(&m_lock);
-        fds = std::exchange(m_dropped, {});
-        ids = std::exchange(m_droppedIds, {});
-    }
-    for (int fd : std::as_const(fds))
-        ::close(fd);
-    for (qint64 id : std::as_const(ids)) {
-        m_tallies.remove(id);
-        m_scannedWhole.remove(id);
-    }
-}
-
-void CompressionWorker::saveCache(bool force)
-{
-    if (!m_cache.isDirty() && !force)
-        return;
-    // Entries of files not met since the start are dropped once every folder has been seen whole.
-    bool prune = true;
-    {
-        QMutexLocker locker(&m_lock);
-        for (auto it = m_folders.cbegin(); it != m_folders.cend(); ++it)
-            prune = prune && m_scannedWhole.contains(it.key());
-    }
-    m_cache.save(prune && force);
-    m_lastSave = nowMs();
-}
-
-void CompressionWorker::run()
-{
-    BtrfsCompressor::lowerThreadPriority();
-    m_cache.load();
-    m_lastSave = nowMs();
-    bool pruned = false;
-    for (;;) {
-        Job job;
-        {
-            QMutexLocker locker(&m_lock);
-            while (!m_stopping && (m_jobs.isEmpty() || !m_active) && m_dropped.isEmpty()) {
-                // Nothing runs while nothing waits: the only timeout is a cache behind its files.
-                if (!m_cache.isDirty() && pruned) {
-                    m_wake.wait(&m_lock);
-                    continue;
-                }
-                const qint64 left = m_lastSave + kCacheSaveMs - nowMs();
-                if (left > 0 && !m_wake.wait(&m_lock, QDeadlineTimer(left)))
-                    continue;
-                if (left > 0)
-                    continue;
-                locker.unlock();
-                saveCache(!pruned);
-                pruned = true;
-                locker.relock();
-            }
-            if (m_stopping)
-                break;
-            if (!m_jobs.isEmpty() && m_active) {
-                job = m_jobs.takeFirst();
-                m_current = job.id;
-                m_cancelCurrent = false;
-            }
+    for (auto it = m_jobs.begin(); it != m_jobs.end();) {
+        if (it->tag.id == id) {
+            ::close(it->rootFd);
+            it = m_jobs.erase(it);
+        } else {
+            ++it;
         }
-        closeDropped();
-        if (job.id == 0)
-            continue;
-        runJob(job);
-        if (job.whole && job.relative.isEmpty())
-            pruned = false; // the next save may leave out what this pass did not meet
-        QMutexLocker locker(&m_lock);
-        m_current = 0;
     }
-    closeDropped();
+    if (!m_job || m_job->job.tag.id != id)
+        return;
+    // Plans at the rewriting thread come back cancelled; the job ends once they have.
+    m_job->cancelled = true;
+    m_job->planning.reset();
+    m_job->sorted.clear();
+    m_walker.end();
+    schedulePump();
+}
+
+void CompressionWorker::setPace(const Pacer::Pace &pace)
+{
+    m_pace = pace;
+    schedulePump();
+}
+
+void CompressionWorker::saveCache(bool prune)
+{
+    m_cache.save(prune);
+}
+
+void CompressionWorker::finish()
+{
+    if (m_job) {
+        m_walker.end();
+        ::close(m_job->job.rootFd);
+        m_job.reset();
+    }
     saveCache(false);
 }
 
-void CompressionWorker::runJob(const Job &job)
+void CompressionWorker::cacheChanged()
 {
-    Folder folder;
-    {
-        QMutexLocker locker(&m_lock);
-        folder = m_folders.value(job.id);
-    }
-    if (folder.fd < 0)
-        return;
-    FolderWalker walker(folder.fd, folder.path);
-    Tally &tally = m_tallies[job.id];
-    const qint64 now = nowMs();
-    QHash<QByteArray, qint64> unsettledFolders; // and how long until they settle
-    QList<QByteArray> todo;
-    QList<QByteArray> todoFolders;
-    qsizetype files = 0;
-    QList<QByteArray> newSubfolders;
-    // Looking at one folder only: its subfolders are checked against what is known of them.
-    bool listing = !job.whole;
+    if (!m_cacheTimer.isActive())
+        m_cacheTimer.start();
+}
 
-    auto visit = [&](const FolderWalker::Folder &seen) {
-        if (!m_watch->isWatched(job.id, seen.relative)
-            && m_watch->watch(job.id, seen.relative, seen.fd) == FolderWatch::Result::LimitReached) {
-            QMutexLocker locker(&m_lock);
-            auto it = m_folders.find(job.id);
-            if (it != m_folders.end() && !std::exchange(it->limitTold, true))
-                Q_EMIT watchLimitReached(job.id);
+void CompressionWorker::schedulePump()
+{
+    if (std::exchange(m_pumpScheduled, true))
+        return;
+    QMetaObject::invokeMethod(this, &CompressionWorker::pump, Qt::QueuedConnection);
+}
+
+void CompressionWorker::pump()
+{
+    m_pumpScheduled = false;
+    if (!m_job) {
+        if (m_jobs.empty())
+            return;
+        beginJob();
+    }
+    QElapsedTimer clock;
+    clock.start();
+    if (m_job->walking)
+        walkSlice(clock);
+    else if (!m_job->cancelled && !m_job->noSpace && m_pace.go)
+        planSlice(clock); // while held, nothing is read for estimates either
+    sendProgress();
+    if (jobDone())
+        endJob();
+    // More to do now: another slice after whatever else waits.
+    if (m_job ? canGoOn() : !m_jobs.empty())
+        schedulePump();
+}
+
+bool CompressionWorker::canGoOn() const
+{
+    const Running &job = *m_job;
+    if (job.walking)
+        return true;
+    const bool more = job.next < job.todo.size() || job.planning || !job.sorted.empty();
+    return more && m_pace.go && !job.cancelled && !job.noSpace && job.inFlight < kPlansAhead
+        && job.bytesInFlight < kBytesAhead;
+}
+
+void CompressionWorker::beginJob()
+{
+    FolderJob job = m_jobs.front();
+    m_jobs.pop_front();
+    const QByteArray rootPath = currentPath(job.rootFd);
+    m_job.emplace(job, rootPath);
+    m_job->walkEnd.relative = job.relative;
+    m_walker.begin(job.rootFd, rootPath, job.relative, job.whole);
+    Q_EMIT jobStarted(job.tag, job.relative, job.whole);
+}
+
+void CompressionWorker::walkSlice(const QElapsedTimer &clock)
+{
+    Running &job = *m_job;
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    while (clock.elapsed() < kSliceMs) {
+        const std::optional<FolderWalker::Folder> folder = m_walker.next();
+        if (!folder) {
+            const FolderWalker::Unreadable unreadable = m_walker.unreadable();
+            job.walkEnd.found = job.walkEnd.found || !job.seen.isEmpty();
+            m_walker.end();
+            job.walking = false;
+            job.walkEnd.files = job.files;
+            job.walkEnd.todo = job.todo.size();
+            job.report.unreadable(unreadable.count, unreadable.firstError);
+            // Low on room: everything is planned before anything is rewritten.
+            job.low = FreeSpaceGuard::room(job.job.rootFd) < FreeSpaceGuard::kLowRoom;
+            Q_EMIT foldersSeen(job.job.tag, std::exchange(job.seen, {}));
+            Q_EMIT walked(job.job.tag, job.walkEnd);
+            return;
         }
-        RescanCache::Figures figures;
-        for (const FolderWalker::File &file : seen.files) {
-            ++files;
+        SeenFolder seen{folder->relative, {}, !job.job.whole, job.job.whole ? QList<QByteArray>() : folder->subfolders};
+        for (const FolderWalker::File &file : folder->files) {
+            ++job.files;
             if (file.st.st_size <= CompressionModel::kBlockSize)
                 continue; // fits in one block: nothing to gain
-            if (const std::optional<RescanCache::Figures> known = m_cache.find(file.st, figures.stored)) {
-                figures.savings += known->savings;
-                figures.shared += known->shared;
+            if (const std::optional<RescanCache::Figures> known = m_cache.find(file.st, seen.known.extents)) {
+                seen.known.inlineSavings += known->inlineSavings;
+                seen.known.sharedPlain += known->sharedPlain;
                 continue;
             }
             // The rules are asked only here: what a rescan recognises was asked about before.
-            const QByteArray path = joined(seen.relative, seen.name(file));
-            if (walker.isExcluded(path))
+            const QByteArray path = joined(folder->relative, folder->name(file));
+            if (m_walker.isExcluded(path))
                 continue;
             const qint64 written = qint64(file.st.st_mtim.tv_sec) * 1000 + file.st.st_mtim.tv_nsec / 1000000;
             const qint64 wait = written + SettleQueue::kSettleMs - now;
             if (wait > 0 && wait <= SettleQueue::kMaxWaitMs) {
-                qint64 &longest = unsettledFolders[seen.relative];
+                qint64 &longest = job.walkEnd.unsettled[folder->relative];
                 longest = std::max(longest, wait);
                 continue;
             }
-            todo.append(path);
-            todoFolders.append(seen.relative);
+            job.todo.append({path, folder->relative});
         }
-        tally.set(seen.relative, std::move(figures));
-        if (listing) {
-            // Folders that went away take their savings with them; new ones are walked whole.
-            QSet<QByteArray> present;
-            for (const QByteArray &name : seen.subfolders) {
-                const QByteArray path = joined(seen.relative, name);
-                present.insert(path);
-                if (!m_watch->isWatched(job.id, path) || !tally.folders.contains(path))
-                    newSubfolders.append(path);
-            }
-            QList<QByteArray> gone;
-            for (auto it = tally.folders.cbegin(); it != tally.folders.cend(); ++it) {
-                const QByteArray &path = it.key();
-                const qsizetype slash = path.lastIndexOf('/');
-                const QByteArray parent = slash < 0 ? QByteArray() : path.left(slash);
-                if (!path.isEmpty() && parent == seen.relative && !present.contains(path))
-                    gone.append(path);
-            }
-            for (const QByteArray &path : std::as_const(gone)) {
-                tally.dropBelow(path);
-                m_watch->unwatch(job.id, path);
+        job.seen.append(std::move(seen));
+        job.walkEnd.found = true;
+        if (job.seen.size() >= kBatch)
+            Q_EMIT foldersSeen(job.job.tag, std::exchange(job.seen, {}));
+    }
+    if (!job.seen.isEmpty())
+        Q_EMIT foldersSeen(job.job.tag, std::exchange(job.seen, {}));
+}
+
+void CompressionWorker::planSlice(const QElapsedTimer &clock)
+{
+    Running &job = *m_job;
+    while (clock.elapsed() < kSliceMs && job.inFlight < kPlansAhead && job.bytesInFlight < kBytesAhead
+           && !job.noSpace) {
+        if (!job.planning) {
+            if (job.next < job.todo.size()) {
+                const Todo &todo = job.todo.at(job.next++);
+                job.planning.emplace(FilePlan::open(job.job.tag, job.job.rootFd, todo.path, todo.folder, m_skipped));
+            } else if (!job.sorted.empty()) {
+                // Every file planned: those that free most first, each taken up again.
+                FilePlanPtr plan = job.sorted.front();
+                job.sorted.pop_front();
+                if (plan->reopen(job.job.rootFd))
+                    dispatch(plan);
+                continue;
+            } else {
+                return;
             }
         }
+        if (!job.planning->estimate(m_model, kSliceMs - clock.elapsed()))
+            return; // a big file: on in the next slice
+        planned(std::move(*job.planning));
+        job.planning.reset();
+        if (job.low && job.next == job.todo.size() && !job.planning)
+            std::stable_sort(job.sorted.begin(), job.sorted.end(), [](const FilePlanPtr &a, const FilePlanPtr &b) {
+                return a->estimated() > b->estimated();
+            });
+    }
+}
+
+void CompressionWorker::planned(FilePlan plan)
+{
+    Running &job = *m_job;
+    if (!plan.isOpen()) {
+        if (plan.error() != 0)
+            job.report.unreadable(1, plan.error());
+        return; // gone meanwhile: its folder's next look drops it
+    }
+    if (plan.skip()) {
+        job.report.skipped(plan.path(), *plan.skip(), plan.knownSkip());
+        done(plan, true);
+        return;
+    }
+    job.report.shared(plan.figures().sharedPlain);
+    if (!plan.ranges().isEmpty()) {
+        FilePlanPtr shared = std::make_shared<FilePlan>(std::move(plan));
+        if (job.low) {
+            shared->closeFile();
+            job.sorted.push_back(shared);
+        } else {
+            dispatch(shared);
+        }
+        return;
+    }
+    if (plan.hadCompressedData())
+        job.report.alreadyCompressed();
+    else if (plan.figures().sharedPlain == 0)
+        job.report.wouldNotShrink();
+    done(plan, true);
+}
+
+void CompressionWorker::dispatch(const FilePlanPtr &plan)
+{
+    Running &job = *m_job;
+    // New files inherit the property from their folder; only a folder with plain data of its
+    // own gets it: in a snapshot its metadata is shared too.
+    if (!job.propertySet.contains(plan->folder())) {
+        job.propertySet.append(plan->folder());
+        const int folderFd =
+            FolderWalker::openNoAtime(job.job.rootFd, plan->folder().isEmpty() ? "." : plan->folder().constData(),
+                                      O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        if (folderFd >= 0) {
+            BtrfsCompressor::ensureCompressionProperty(folderFd);
+            ::close(folderFd);
+        }
+    }
+    ++job.inFlight;
+    job.bytesInFlight += ExtentMap::bytes(plan->ranges());
+    Q_EMIT rewrite(plan);
+}
+
+void CompressionWorker::rewritten(const FilePlanPtr &plan)
+{
+    if (!m_job || m_job->job.tag.id != plan->tag().id || m_job->job.tag.generation != plan->tag().generation)
+        return;
+    Running &job = *m_job;
+    --job.inFlight;
+    job.bytesInFlight -= ExtentMap::bytes(plan->ranges());
+    if (!job.cancelled) {
+        switch (plan->result) {
+        case FilePlan::Result::Rewritten:
+            if (plan->verify(m_model, m_skipped)) {
+                if (m_skipped.find(plan->status()) == SkippedFiles::Reason::StaysPlain)
+                    job.report.skipped(plan->path(), SkippedFiles::Reason::StaysPlain, false);
+                else
+                    job.report.compressed();
+                done(*plan, true);
+            }
+            break;
+        case FilePlan::Result::InUse:
+            job.report.inUse(); // tried again when it changes or at the next rescan
+            done(*plan, false);
+            break;
+        case FilePlan::Result::NoSpace:
+            job.noSpace = true;
+            done(*plan, false);
+            break;
+        case FilePlan::Result::Failed:
+            // An active swap file refuses to have its blocks moved.
+            if (plan->resultError == ETXTBSY) {
+                m_skipped.add(plan->status(), SkippedFiles::Reason::SwapFile);
+                job.report.skipped(plan->path(), SkippedFiles::Reason::SwapFile, false);
+                done(*plan, true);
+            } else {
+                job.report.failed(plan->path(), plan->resultError);
+                done(*plan, false);
+            }
+            break;
+        case FilePlan::Result::Pending:
+        case FilePlan::Result::Cancelled:
+            break;
+        }
+    }
+    schedulePump();
+}
+
+void CompressionWorker::done(FilePlan &plan, bool settled)
+{
+    // Settled: done for as long as the file stays as it is now.
+    struct stat now { };
+    if (settled && ::fstat(plan.fd(), &now) == 0) {
+        m_cache.insert(now, plan.figures());
+        cacheChanged();
+    }
+    m_job->done.append({plan.folder(), plan.figures()});
+}
+
+void CompressionWorker::sendProgress()
+{
+    if (m_job && !m_job->done.isEmpty())
+        Q_EMIT filesDone(m_job->job.tag, std::exchange(m_job->done, {}));
+}
+
+bool CompressionWorker::jobDone() const
+{
+    const Running &job = *m_job;
+    if (job.walking || job.inFlight > 0)
+        return false;
+    if (job.cancelled || job.noSpace)
         return true;
-    };
+    return job.next >= job.todo.size() && !job.planning && job.sorted.empty();
+}
 
-    if (job.whole) {
-        tally.dropBelow(job.relative);
-        walker.walk(job.relative, visit);
-    } else if (!walker.list(job.relative, visit)) {
-        // The folder itself has gone; its parent's next look drops it.
-        tally.dropBelow(job.relative);
-    }
-    for (const QByteArray &path : std::as_const(newSubfolders)) {
-        tally.dropBelow(path);
-        listing = false;
-        walker.walk(path, visit);
-    }
-    for (auto it = unsettledFolders.cbegin(); it != unsettledFolders.cend(); ++it)
-        Q_EMIT unsettled(job.id, it.key(), it.value());
-
-    const qsizetype known = files - todo.size();
-    FileCompressor compressor(folder.fd, folder.path, m_skipped, m_cancelCurrent);
-    qsizetype done = 0;
-    compressor.compress(
-        todo, [this] { return waitUntilActive(); },
-        [&](qsizetype index, const FileCompressor::Outcome &outcome) {
-            ++done;
-            const RescanCache::Figures figures{outcome.savings, outcome.shared, outcome.stored};
-            if (outcome.settled)
-                m_cache.insert(outcome.st, figures);
-            tally.add(todoFolders[index], figures);
-            Q_EMIT progress(job.id, quint32((known + done) * 100 / files),
-                            quint64(std::max<qint64>(tally.total.savings, 0)));
-        });
-    const qsizetype unreadable = walker.unreadable().count + compressor.unreadable().count;
-    if (unreadable > 0) {
-        const int error =
-            walker.unreadable().count > 0 ? walker.unreadable().firstError : compressor.unreadable().firstError;
-        qCWarning(lcHelper, "%lld items in \"%s\" could not be opened (%s) and were left as they are",
-                  static_cast<long long>(unreadable), qPrintable(QFile::decodeName(folder.path)), std::strerror(error));
-    }
-    if (m_cancelCurrent.load())
+void CompressionWorker::endJob()
+{
+    Running job = std::move(*m_job);
+    m_job.reset();
+    JobEnd end;
+    if (job.noSpace)
+        end.bytesToFree =
+            qMax(FreeSpaceGuard::kMinRoom - FreeSpaceGuard::room(job.job.rootFd), FreeSpaceGuard::kMinRoom);
+    ::close(job.job.rootFd);
+    if (job.cancelled)
         return;
-    const quint64 savings = quint64(std::max<qint64>(tally.total.savings, 0));
+    job.report.logUnreadable();
     // One line per pass over the whole folder; for a change, only when something failed.
-    if ((job.whole && job.relative.isEmpty()) || compressor.report().anyFailed())
-        qCInfo(lcHelper, "%s", qPrintable(compressor.report().summary(compressor.ranOutOfSpace())));
-    if (compressor.report().sharedBytes() > 0)
-        Q_EMIT sharedFound(job.id);
-    if (compressor.ranOutOfSpace()) {
-        const qint64 room = FreeSpaceGuard::room(folder.fd);
-        Q_EMIT waitingForSpace(job.id,
-                               quint32(std::min<qsizetype>((known + done) * 100 / std::max<qsizetype>(files, 1), 99)),
-                               savings, quint64(qMax(FreeSpaceGuard::kMinRoom - room, FreeSpaceGuard::kMinRoom)));
-        return;
-    }
-    if (job.whole && job.relative.isEmpty())
-        m_scannedWhole.insert(job.id);
-    QMutexLocker locker(&m_lock);
-    if (!hasJob(job.id)) {
-        locker.unlock();
-        Q_EMIT finished(job.id, 100, savings, quint64(std::max<qint64>(tally.total.shared, 0)));
-    }
+    if ((job.job.whole && job.job.relative.isEmpty()) || job.report.anyFailed())
+        qCInfo(lcHelper, "%s", qPrintable(job.report.summary(job.noSpace)));
+    end.sharedFound = job.report.sharedBytes() > 0;
+    Q_EMIT jobEnded(job.job.tag, end);
 }

@@ -1,123 +1,124 @@
 #pragma once
 
-#include <QByteArray>
-#include <QHash>
-#include <QList>
-#include <QMutex>
-#include <QSet>
-#include <QThread>
-#include <QWaitCondition>
-
-#include <atomic>
-#include <sys/stat.h>
-
+#include "btrfs/CompressionModel.h"
+#include "btrfs/FolderWalker.h"
 #include "btrfs/RescanCache.h"
 #include "btrfs/SkippedFiles.h"
+#include "helper/FilePlan.h"
+#include "helper/FolderJob.h"
+#include "helper/FolderReport.h"
+#include "helper/Pacer.h"
 
-class FolderWatch;
+#include <QElapsedTimer>
+#include <QObject>
+#include <QTimer>
 
-// The background thread that looks through watched folders and compresses what needs it,
-// one piece of work at a time, at idle CPU and I/O priority. A piece of work is a whole
-// folder (the first pass and every rescan) or one folder inside it after a change; both go
-// through the same walker, add what they find to the watch, and recognise files already
-// handled from the rescan cache. It keeps each watched folder's savings as the sum over its
-// folders, so a file removed or shrunk lowers them as surely as a new one raises them.
-// Told what to do from the main thread (the calls below are thread-safe), it reports
-// through queued signals and never touches the history store.
-class CompressionWorker : public QThread
+#include <deque>
+#include <optional>
+
+// The helper's compression thread, at idle priority. It takes one job at a time: walks the
+// folder (recognising files already handled from the rescan cache, so a rescan reads no file
+// data), then plans each file left (what zstd would save, chunk by chunk), hands the plans to
+// the rewriting thread a few files ahead, and verifies what btrfs stored once each comes
+// back. It keeps no state of a watched folder: what it finds goes to the main thread by
+// signal, which keeps each folder's figures. Work comes in by queued calls and is done in
+// short slices, so a cancel or a new pace is heard within milliseconds.
+class CompressionWorker : public QObject
 {
     Q_OBJECT
 public:
-    explicit CompressionWorker(FolderWatch *watch, QObject *parent = nullptr);
+    // How long the cache may stay behind the files it describes; a helper killed meanwhile
+    // only looks at those files again.
+    static constexpr int kCacheSaveMs = 60000;
+    // How far planning runs ahead of rewriting.
+    static constexpr int kPlansAhead = 8;
+    static constexpr qint64 kBytesAhead = 64 * 1024 * 1024;
+    // How long one slice of work holds the thread.
+    static constexpr qint64 kSliceMs = 20;
+
+    explicit CompressionWorker(QObject *parent = nullptr);
     ~CompressionWorker() override;
 
-    // Takes rootFd (the watched folder, open, O_PATH will do) and looks through it all.
-    void addFolder(qint64 id, int rootFd, const QByteArray &path);
-    // The folder's present path, after a move.
-    void setPath(qint64 id, const QByteArray &path);
-    // Looks at relative again: the whole tree below it, or only its own entries (the
-    // subfolders that are new to it in full).
-    void scan(qint64 id, const QByteArray &relative, bool whole);
-    void rescanAll();
-    // True while work for the folder is queued or in hand.
-    bool isBusy(qint64 id) const;
-    // Drops the folder, stopping its work after the current step.
+    // Queued calls, on the worker's thread.
+    void start();
+    void enqueue(const FolderJob &job);
+    // Drops the folder's jobs and stops the one in hand.
     void cancel(qint64 id);
-    void cancelAll();
-    // While inactive the worker stops between files and waits.
-    void setActive(bool active);
-    // Ends the thread, writing the cache, and waits for it.
-    void stop();
+    void setPace(const Pacer::Pace &pace);
+    // Writes the cache now; with prune, leaving out files not met since the start (every
+    // watched folder has been looked through whole since).
+    void saveCache(bool prune);
+    // Before the thread ends: the job in hand stops and the cache is written.
+    void finish();
+    // A plan back from the rewriting thread.
+    void rewritten(const FilePlanPtr &plan);
 
 Q_SIGNALS:
-    // status: percent of the folder's files processed; savings: bytes saved in the folder.
-    void progress(qint64 id, quint32 status, quint64 savings);
-    // No more work queued for the folder; shared: its plain data shared with snapshots or
-    // copies, left as it is.
-    void finished(qint64 id, quint32 status, quint64 savings, quint64 shared);
-    void failed(qint64 id, const QString &reason);
-    // Files in relative were written too recently; look again after waitMs.
-    void unsettled(qint64 id, const QByteArray &relative, qint64 waitMs);
-    // A pass met plain data shared with snapshots or copies and left it as it is.
-    void sharedFound(qint64 id);
-    // The disk is too full to go on: the folder waits, below 100, for bytesToFree more room.
-    void waitingForSpace(qint64 id, quint32 status, quint64 savings, quint64 bytesToFree);
-    // Not every folder below id could be watched: inotify's per-user limit.
-    void watchLimitReached(qint64 id);
-
-protected:
-    void run() override;
+    // A job's walk begins: a whole walk finds everything below relative anew.
+    void jobStarted(const JobTag &tag, const QByteArray &relative, bool whole);
+    void foldersSeen(const JobTag &tag, const QList<SeenFolder> &folders);
+    void walked(const JobTag &tag, const WalkEnd &end);
+    void filesDone(const JobTag &tag, const QList<FileDone> &files);
+    void jobEnded(const JobTag &tag, const JobEnd &end);
+    // To the rewriting thread.
+    void rewrite(const FilePlanPtr &plan);
 
 private:
-    struct Job {
-        qint64 id = 0;
-        QByteArray relative;
-        bool whole = true;
-    };
-    struct Folder {
-        int fd = -1;
+    struct Todo {
         QByteArray path;
-        bool limitTold = false;
+        QByteArray folder;
     };
-    // Per watched folder: the figures of the files directly in each of its folders. A
-    // compressed extent that several of its files refer to (reflinked copies) counts once.
-    struct Tally {
-        struct Extent {
-            qint32 savings; // an extent holds at most 128 KiB
-            qint32 files;
-        };
-        QHash<QByteArray, RescanCache::Figures> folders;
-        QHash<quint64, Extent> extents; // by place on disk
-        RescanCache::Figures total; // without the extents' list
-        void set(const QByteArray &relative, RescanCache::Figures figures);
-        void add(const QByteArray &relative, const RescanCache::Figures &figures);
-        void dropBelow(const QByteArray &relative);
-        void count(const QList<ExtentMap::Stored> &stored, bool more);
+    struct Running {
+        Running(const FolderJob &job, const QByteArray &rootPath)
+            : job(job)
+            , rootPath(rootPath)
+            , report(rootPath)
+        {
+        }
+        FolderJob job;
+        QByteArray rootPath;
+        FolderReport report;
+        bool walking = true;
+        qsizetype files = 0;
+        QList<Todo> todo;
+        qsizetype next = 0; // in todo
+        WalkEnd walkEnd;
+        QList<SeenFolder> seen; // not yet sent
+        QList<FileDone> done; // not yet sent
+        std::optional<FilePlan> planning; // being estimated
+        int inFlight = 0; // plans at the rewriting thread
+        qint64 bytesInFlight = 0;
+        // A nearly full disk: every file is planned first, and those that free most go first.
+        bool low = false;
+        std::deque<FilePlanPtr> sorted;
+        bool noSpace = false;
+        bool cancelled = false;
+        QList<QByteArray> propertySet; // folders given the compression property in this job
     };
 
-    void runJob(const Job &job);
-    // Waits while inactive; false when the job should end.
-    bool waitUntilActive();
-    void closeDropped();
-    bool hasJob(qint64 id) const;
-    void saveCache(bool force);
+    void schedulePump();
+    void pump();
+    void beginJob();
+    void walkSlice(const QElapsedTimer &clock);
+    void planSlice(const QElapsedTimer &clock);
+    // The plan estimated: handled at once, or handed on.
+    void planned(FilePlan plan);
+    void dispatch(const FilePlanPtr &plan);
+    void done(FilePlan &plan, bool settled);
+    void sendProgress();
+    bool jobDone() const;
+    // Whether another slice could do something now.
+    bool canGoOn() const;
+    void endJob();
+    void cacheChanged();
 
-    FolderWatch *m_watch;
-    mutable QMutex m_lock;
-    QWaitCondition m_wake;
-    QList<Job> m_jobs;
-    QHash<qint64, Folder> m_folders;
-    QList<int> m_dropped; // descriptors of cancelled folders, closed by the thread
-    QList<qint64> m_droppedIds;
-    qint64 m_current = 0;
-    bool m_active = true;
-    bool m_stopping = false;
-    std::atomic<bool> m_cancelCurrent{false};
-
-    // The thread's own.
+    Pacer::Pace m_pace;
+    std::deque<FolderJob> m_jobs;
+    std::optional<Running> m_job;
+    bool m_pumpScheduled = false;
+    FolderWalker m_walker;
     RescanCache m_cache;
     SkippedFiles m_skipped;
-    QHash<qint64, Tally> m_tallies;
-    QSet<qint64> m_scannedWhole;
-    qint64 m_lastSave = 0;
+    CompressionModel m_model;
+    QTimer m_cacheTimer;
 };

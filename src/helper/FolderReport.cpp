@@ -44,6 +44,21 @@ void FolderReport::failed(const QByteArray &path, int error)
         qCWarning(lcHelper, "\"%s\" could not be compressed: %s", qPrintable(name(path)), std::strerror(error));
 }
 
+void FolderReport::unreadable(qsizetype count, int error)
+{
+    if (m_unreadable == 0)
+        m_unreadableError = error;
+    m_unreadable += count;
+}
+
+void FolderReport::logUnreadable() const
+{
+    if (m_unreadable > 0)
+        qCWarning(lcHelper, "%lld items in \"%s\" could not be opened (%s) and were left as they are",
+                  static_cast<long long>(m_unreadable), qPrintable(QFile::decodeName(m_folder)),
+                  std::strerror(m_unreadableError));
+}
+
 QString FolderReport::summary(bool waiting) const
 {
     QStringList parts{count(m_compressed, "file") + QStringLiteral(" compressed")};

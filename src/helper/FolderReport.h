@@ -27,6 +27,10 @@ public:
     // known: remembered from an earlier pass, so not told again.
     void skipped(const QByteArray &path, SkippedFiles::Reason reason, bool known);
     void failed(const QByteArray &path, int error);
+    // Items that could not be opened at all.
+    void unreadable(qsizetype count, int error);
+    // Says once what could not be opened, if anything.
+    void logUnreadable() const;
 
     qint64 sharedBytes() const { return m_sharedBytes; }
     bool anyFailed() const { return m_failed > 0; }
@@ -44,6 +48,8 @@ private:
     qsizetype m_shared = 0;
     qsizetype m_failed = 0;
     int m_firstError = 0;
+    qsizetype m_unreadable = 0;
+    int m_unreadableError = 0;
     QMap<SkippedFiles::Reason, qsizetype> m_skipped;
     qint64 m_sharedBytes = 0;
 };

@@ -50,7 +50,6 @@ int FolderWatch::limit()
 
 qsizetype FolderWatch::count() const
 {
-    QMutexLocker locker(&m_lock);
     return m_places.size();
 }
 
@@ -63,7 +62,6 @@ FolderWatch::Result FolderWatch::watch(qint64 id, const QByteArray &relative, in
     const int wd = ::inotify_add_watch(m_fd, link.constData(), kMask);
     if (wd < 0)
         return errno == ENOSPC ? Result::LimitReached : Result::Failed;
-    QMutexLocker locker(&m_lock);
     QHash<QByteArray, int> &watches = m_watches[id];
     const int old = watches.value(relative, -1);
     if (old == wd)
@@ -77,7 +75,6 @@ FolderWatch::Result FolderWatch::watch(qint64 id, const QByteArray &relative, in
 
 bool FolderWatch::isWatched(qint64 id, const QByteArray &relative) const
 {
-    QMutexLocker locker(&m_lock);
     const auto it = m_watches.constFind(id);
     return it != m_watches.cend() && it->contains(relative);
 }
@@ -89,7 +86,6 @@ bool FolderWatch::isBelow(const QByteArray &path, const QByteArray &folder)
 
 void FolderWatch::unwatch(qint64 id, const QByteArray &relative)
 {
-    QMutexLocker locker(&m_lock);
     auto folder = m_watches.find(id);
     if (folder == m_watches.end())
         return;
@@ -124,7 +120,6 @@ void FolderWatch::release(int wd, qint64 id, const QByteArray &relative)
 
 void FolderWatch::forget(int wd)
 {
-    QMutexLocker locker(&m_lock);
     const auto places = m_places.constFind(wd);
     if (places == m_places.cend())
         return;
@@ -157,11 +152,7 @@ void FolderWatch::readEvents()
                 forget(event->wd);
                 continue;
             }
-            QList<Place> places;
-            {
-                QMutexLocker locker(&m_lock);
-                places = m_places.value(event->wd);
-            }
+            const QList<Place> places = m_places.value(event->wd);
             for (const Place &place : std::as_const(places)) {
                 if (event->mask & (IN_MOVE_SELF | IN_DELETE_SELF)) {
                     // A folder below is reported by its parent; only a watched folder itself matters.

@@ -3,7 +3,6 @@
 #include <QByteArray>
 #include <QHash>
 #include <QList>
-#include <QMutex>
 #include <QObject>
 
 class QSocketNotifier;
@@ -25,7 +24,7 @@ public:
     explicit FolderWatch(QObject *parent = nullptr);
     ~FolderWatch() override;
 
-    // Thread-safe. fd: the folder, open.
+    // fd: the folder, open (O_PATH will do).
     Result watch(qint64 id, const QByteArray &relative, int fd);
     bool isWatched(qint64 id, const QByteArray &relative) const;
     // Stops following relative and everything below it.
@@ -53,13 +52,11 @@ private:
     };
     void readEvents();
     void forget(int wd);
-    // With m_lock held.
     void release(int wd, qint64 id, const QByteArray &relative);
     static bool isBelow(const QByteArray &path, const QByteArray &folder);
 
     int m_fd = -1;
     QSocketNotifier *m_notifier = nullptr;
-    mutable QMutex m_lock;
     QHash<int, QList<Place>> m_places; // the records hearing each watch
     QHash<qint64, QHash<QByteArray, int>> m_watches;
 };

@@ -1,8 +1,5 @@
 #include "helper/RescanSchedule.h"
 
-#include <cstdlib>
-#include <thread>
-
 RescanSchedule::RescanSchedule(std::function<bool()> busy, int intervalMs, int deferMs, QObject *parent)
     : QObject(parent)
     , m_busy(std::move(busy))
@@ -12,13 +9,6 @@ RescanSchedule::RescanSchedule(std::function<bool()> busy, int intervalMs, int d
     m_timer.setSingleShot(true);
     connect(&m_timer, &QTimer::timeout, this, &RescanSchedule::tick);
     m_timer.start(m_intervalMs);
-}
-
-bool RescanSchedule::isMachineBusy()
-{
-    double load = 0;
-    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
-    return ::getloadavg(&load, 1) == 1 && load > double(cores);
 }
 
 void RescanSchedule::tick()

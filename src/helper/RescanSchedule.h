@@ -5,9 +5,10 @@
 
 #include <functional>
 
-// When the occasional rescan of every watched folder runs: every few hours, and then only
-// at idle. A rescan due while the helper is busy waits for the next, shorter turn of the
-// same timer. Nothing else wakes the helper: one single-shot timer, never a loop.
+// When the occasional rescan of every watched folder runs: every few hours, once the helper
+// has nothing else to do (how fast it then goes, the pacing decides, as for all its work). A
+// rescan due while the helper is busy waits for the next, shorter turn of the same timer.
+// Nothing else wakes the helper: one single-shot timer, never a loop.
 class RescanSchedule : public QObject
 {
     Q_OBJECT
@@ -15,12 +16,9 @@ public:
     static constexpr int kIntervalMs = 4 * 60 * 60 * 1000;
     static constexpr int kDeferMs = 10 * 60 * 1000;
 
-    // busy: whether the rescan should wait (work queued, or the machine busy).
+    // busy: whether the rescan should wait (work queued or waiting).
     RescanSchedule(std::function<bool()> busy, int intervalMs = kIntervalMs, int deferMs = kDeferMs,
                    QObject *parent = nullptr);
-
-    // Whether the 1-minute load average is above the number of cores.
-    static bool isMachineBusy();
 
 Q_SIGNALS:
     void due();

@@ -10,47 +10,32 @@ SettleQueue::SettleQueue(QObject *parent)
     connect(&m_timer, &QTimer::timeout, this, &SettleQueue::handOn);
 }
 
-void SettleQueue::add(qint64 id, const QByteArray &relative, qint64 delayMs)
+void SettleQueue::add(const QByteArray &relative, qint64 delayMs)
 {
     const qint64 now = m_clock.elapsed();
-    auto it = m_waiting.find({id, relative});
+    auto it = m_waiting.find(relative);
     if (it == m_waiting.end())
-        it = m_waiting.insert({id, relative}, {now, 0});
+        it = m_waiting.insert(relative, {now, 0});
     it->due = std::min(now + delayMs, it->first + std::max(delayMs, kMaxWaitMs));
     arm();
 }
 
-void SettleQueue::remove(qint64 id)
-{
-    m_waiting.removeIf([id](const auto &entry) { return entry.key().first == id; });
-    arm();
-}
-
-bool SettleQueue::isWaiting(qint64 id) const
-{
-    for (auto it = m_waiting.cbegin(); it != m_waiting.cend(); ++it) {
-        if (it.key().first == id)
-            return true;
-    }
-    return false;
-}
-
 void SettleQueue::arm()
 {
-    qint64 earliest = std::numeric_limits<qint64>::max();
-    for (const Waiting &waiting : std::as_const(m_waiting))
-        earliest = std::min(earliest, waiting.due);
     if (m_waiting.isEmpty()) {
         m_timer.stop();
         return;
     }
+    qint64 earliest = std::numeric_limits<qint64>::max();
+    for (const Waiting &waiting : std::as_const(m_waiting))
+        earliest = std::min(earliest, waiting.due);
     m_timer.start(int(std::clamp<qint64>(earliest - m_clock.elapsed(), 0, kMaxWaitMs)));
 }
 
 void SettleQueue::handOn()
 {
     const qint64 now = m_clock.elapsed();
-    QList<Key> due;
+    QList<QByteArray> due;
     for (auto it = m_waiting.begin(); it != m_waiting.end();) {
         if (it->due <= now) {
             due.append(it.key());
@@ -60,6 +45,6 @@ void SettleQueue::handOn()
         }
     }
     arm();
-    for (const Key &key : std::as_const(due))
-        Q_EMIT settled(key.first, key.second);
+    for (const QByteArray &relative : std::as_const(due))
+        Q_EMIT settled(relative);
 }

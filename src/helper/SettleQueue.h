@@ -6,10 +6,11 @@
 #include <QObject>
 #include <QTimer>
 
-// Folders whose files changed, held until they have settled: a folder is handed on once
-// nothing in it has changed for kSettleMs, or kMaxWaitMs after its first change whatever
-// happens, so a file written without pause cannot hold back its neighbours for ever. One
-// timer, armed for the earliest folder due; nothing runs while nothing waits.
+// The folders of one watched folder whose files changed, held until they have settled: a
+// folder is handed on once nothing in it has changed for kSettleMs, or kMaxWaitMs after its
+// first change whatever happens, so a file written without pause cannot hold back its
+// neighbours for ever. One timer, armed for the earliest folder due; nothing runs while
+// nothing waits.
 class SettleQueue : public QObject
 {
     Q_OBJECT
@@ -19,24 +20,21 @@ public:
 
     explicit SettleQueue(QObject *parent = nullptr);
 
-    void add(qint64 id, const QByteArray &relative, qint64 delayMs = kSettleMs);
-    void remove(qint64 id);
-    bool isWaiting(qint64 id) const;
+    void add(const QByteArray &relative, qint64 delayMs = kSettleMs);
     bool isEmpty() const { return m_waiting.isEmpty(); }
 
 Q_SIGNALS:
-    void settled(qint64 id, const QByteArray &relative);
+    void settled(const QByteArray &relative);
 
 private:
     struct Waiting {
         qint64 first;
         qint64 due;
     };
-    using Key = QPair<qint64, QByteArray>;
     void arm();
     void handOn();
 
     QElapsedTimer m_clock;
     QTimer m_timer;
-    QHash<Key, Waiting> m_waiting;
+    QHash<QByteArray, Waiting> m_waiting;
 };

@@ -9,7 +9,6 @@
 #include "helper/HelperBus.h"
 #include "helper/HelperLog.h"
 #include "helper/SavingsModel.h"
-#include "helper/SettleQueue.h"
 #include "helper/TrayIcon.h"
 #include "common/Notifications.h"
 #include "platform/PropertyList.h"
@@ -84,14 +83,9 @@ bool VantorHelper::start()
     m_notifier = std::make_unique<DesktopNotifier>();
     m_savings = std::make_unique<SavingsModel>();
     m_watch = std::make_unique<FolderWatch>();
-    m_settle = std::make_unique<SettleQueue>();
-    m_engine = std::make_unique<CompressionEngine>(m_savings.get(), m_notifier.get(), m_watch.get(), m_settle.get());
-    connect(m_watch.get(), &FolderWatch::changed, m_engine.get(), &CompressionEngine::changed);
-    connect(m_watch.get(), &FolderWatch::folderMoved, m_engine.get(), &CompressionEngine::folderMoved);
-    connect(m_watch.get(), &FolderWatch::overflowed, m_engine.get(), &CompressionEngine::overflowed);
-    connect(m_settle.get(), &SettleQueue::settled, m_engine.get(), &CompressionEngine::settled);
+    m_engine = std::make_unique<CompressionEngine>(m_savings.get(), m_notifier.get(), m_watch.get());
     m_folderRequests = std::make_unique<FolderRequests>(m_savings.get(), m_engine.get());
-    m_engine->setActive(setting(VTDefaultsController::kActiveKey));
+    m_engine->setSwitchedOn(setting(VTDefaultsController::kActiveKey));
     m_engine->resume();
     // A tray needs a display; without one the helper still does its work.
     if (qobject_cast<QApplication *>(QCoreApplication::instance())) {
@@ -122,7 +116,7 @@ void VantorHelper::received(const DistributedNotification &notification)
             line += QStringLiteral(": ") + readDefaults();
     }
     if (name == QLatin1String(Notifications::Active))
-        m_engine->setActive(setting(VTDefaultsController::kActiveKey));
+        m_engine->setSwitchedOn(setting(VTDefaultsController::kActiveKey));
     if (name == QLatin1String(Notifications::Visible) && m_trayIcon) {
         m_trayIcon->setVisible(setting(VTDefaultsController::kVisibleKey));
         line += m_trayIcon->isShown() ? QStringLiteral("; tray icon shown") : QStringLiteral("; tray icon hidden");

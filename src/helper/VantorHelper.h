@@ -12,7 +12,6 @@ class FolderRequests;
 class FolderWatch;
 class HelperBus;
 class SavingsModel;
-class SettleQueue;
 class TrayIcon;
 struct DistributedNotification;
 
@@ -46,7 +45,6 @@ private:
     std::unique_ptr<DesktopNotifier> m_notifier;
     std::unique_ptr<SavingsModel> m_savings;
     std::unique_ptr<FolderWatch> m_watch;
-    std::unique_ptr<SettleQueue> m_settle;
     std::unique_ptr<CompressionEngine> m_engine;
     std::unique_ptr<FolderRequests> m_folderRequests;
     std::unique_ptr<TrayIcon> m_trayIcon;

@@ -3,7 +3,6 @@
 // rewritten. Whatever comes, the helper must keep one record per folder.
 #include "helper/CompressionEngine.h"
 #include "helper/FolderWatch.h"
-#include "helper/SettleQueue.h"
 #include "helper/DesktopNotifier.h"
 #include "helper/FolderRequests.h"
 #include "FuzzInput.h"
@@ -84,8 +83,8 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
         }
     });
     g_savings = new SavingsModel;
-    auto *engine = new CompressionEngine(g_savings, new DesktopNotifier, new FolderWatch, new SettleQueue);
-    engine->setActive(false);
+    auto *engine = new CompressionEngine(g_savings, new DesktopNotifier, new FolderWatch);
+    engine->setSwitchedOn(false);
     g_requests = new FolderRequests(g_savings, engine);
     if (!g_savings->context()) {
         std::fprintf(stderr, "fuzz_folderrequests: no history store (is History.vtmodel in the bundle?)\n");
