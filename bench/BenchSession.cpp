@@ -115,6 +115,30 @@ QByteArray BenchSession::text(qint64 size, QRandomGenerator &random)
     return bytes;
 }
 
+void BenchSession::dropCaches()
+{
+    ::sync();
+    QFile drop(QStringLiteral("/proc/sys/vm/drop_caches"));
+    if (drop.open(QIODevice::WriteOnly))
+        drop.write("3\n");
+}
+
+bool BenchSession::compsize(const QString &dir, qint64 *disk, qint64 *uncompressed)
+{
+    QByteArray out;
+    if (!run(QStringLiteral("compsize"), {QStringLiteral("-b"), dir}, &out))
+        return false;
+    for (const QByteArray &line : out.split('\n')) {
+        const QList<QByteArray> f = line.simplified().split(' ');
+        if (f.size() >= 5 && f.at(0) == "TOTAL") {
+            *disk = f.at(2).toLongLong();
+            *uncompressed = f.at(3).toLongLong();
+            return true;
+        }
+    }
+    return false;
+}
+
 bool BenchSession::record(const QString &store, const QString &folder, int *status, qint64 *savings)
 {
     sqlite3 *db = nullptr;

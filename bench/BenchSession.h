@@ -39,6 +39,10 @@ public:
     static bool record(const QString &store, const QString &folder, int *status, qint64 *savings = nullptr);
     // size bytes of text of a few words, compressible as prose and source code are.
     static QByteArray text(qint64 size, QRandomGenerator &random);
+    // Writes everything out and empties the page cache, so what comes next reads from disk.
+    static void dropCaches();
+    // "Disk Usage" and "Uncompressed" of compsize's TOTAL line for dir, in bytes.
+    static bool compsize(const QString &dir, qint64 *disk, qint64 *uncompressed);
 
 private:
     const char *m_name;

@@ -87,31 +87,6 @@ qint64 treeSize(const QString &dir)
     return size;
 }
 
-void dropCaches()
-{
-    ::sync();
-    QFile drop(QStringLiteral("/proc/sys/vm/drop_caches"));
-    if (drop.open(QIODevice::WriteOnly))
-        drop.write("3\n");
-}
-
-// "Disk Usage" and "Uncompressed" of compsize's TOTAL line, in bytes.
-bool compsize(const QString &dir, qint64 *disk, qint64 *uncompressed)
-{
-    QByteArray out;
-    if (!BenchSession::run(QStringLiteral("compsize"), {QStringLiteral("-b"), dir}, &out))
-        return false;
-    for (const QByteArray &line : out.split('\n')) {
-        const QList<QByteArray> f = line.simplified().split(' ');
-        if (f.size() >= 5 && f.at(0) == "TOTAL") {
-            *disk = f.at(2).toLongLong();
-            *uncompressed = f.at(3).toLongLong();
-            return true;
-        }
-    }
-    return false;
-}
-
 // Asks the helper, as the pane asks, to compress folder; waits until its record says 100 and
 // the data is on disk. False when it did not get there.
 bool compressWithHelper(const QString &store, const QString &folder, qint64 *savings, qint64 timeoutMs = 600000)
@@ -199,7 +174,7 @@ int main(int argc, char *argv[])
                               {QStringLiteral("-a"), QStringLiteral("--reflink=never"), corpusFolder, copy});
 
         // The file system's own tool, until the data is on disk.
-        dropCaches();
+        BenchSession::dropCaches();
         QElapsedTimer timer;
         timer.start();
         BenchSession::run(QStringLiteral("chrt"),
@@ -210,12 +185,12 @@ int main(int argc, char *argv[])
         defragTimes.append(timer.nsecsElapsed() / 1e9);
 
         // The helper, asked as the pane asks, until its record says 100 and the data is on disk.
-        dropCaches();
+        BenchSession::dropCaches();
         timer.restart();
         status = compressWithHelper(store, helperFolder, &savings) ? 100 : 0;
         helperTimes.append(timer.nsecsElapsed() / 1e9);
-        measured = status >= 100 && compsize(helperFolder, &disk, &uncompressed)
-            && compsize(defragFolder, &defragDisk, &defragUncompressed);
+        measured = status >= 100 && BenchSession::compsize(helperFolder, &disk, &uncompressed)
+            && BenchSession::compsize(defragFolder, &defragDisk, &defragUncompressed);
         std::printf("round %d: tool %.2f s, helper %.2f s\n", round + 1, defragTimes.last(), helperTimes.last());
         // Keeps the image small; the last round's folders stay for the figures below.
         if (round + 1 < rounds) {
@@ -254,7 +229,7 @@ int main(int argc, char *argv[])
         for (int i = 0; i < 64; ++i)
             writeFile(folder + QStringLiteral("/file%1").arg(i),
                       kind == 0 ? generatedMedia(4 * MiB, random) : BenchSession::text(4 * MiB, random));
-        dropCaches();
+        BenchSession::dropCaches();
         const double before = cpuSeconds(helper.processId());
         qint64 ignored = 0;
         measured = compressWithHelper(store, folder, &ignored);
