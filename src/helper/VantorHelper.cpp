@@ -8,6 +8,7 @@
 #include "helper/FolderWatch.h"
 #include "helper/HelperBus.h"
 #include "helper/HelperLog.h"
+#include "helper/PowerMonitor.h"
 #include "helper/SavingsModel.h"
 #include "helper/SettleQueue.h"
 #include "helper/TrayIcon.h"
@@ -91,7 +92,10 @@ bool VantorHelper::start()
     connect(m_watch.get(), &FolderWatch::overflowed, m_engine.get(), &CompressionEngine::overflowed);
     connect(m_settle.get(), &SettleQueue::settled, m_engine.get(), &CompressionEngine::settled);
     m_folderRequests = std::make_unique<FolderRequests>(m_savings.get(), m_engine.get());
-    m_engine->setActive(setting(VTDefaultsController::kActiveKey));
+    m_power = std::make_unique<PowerMonitor>();
+    connect(m_power.get(), &PowerMonitor::changed, this, &VantorHelper::applyActive);
+    m_power->start();
+    applyActive();
     m_engine->resume();
     // A tray needs a display; without one the helper still does its work.
     if (qobject_cast<QApplication *>(QCoreApplication::instance())) {
@@ -122,7 +126,7 @@ void VantorHelper::received(const DistributedNotification &notification)
             line += QStringLiteral(": ") + readDefaults();
     }
     if (name == QLatin1String(Notifications::Active))
-        m_engine->setActive(setting(VTDefaultsController::kActiveKey));
+        applyActive();
     if (name == QLatin1String(Notifications::Visible) && m_trayIcon) {
         m_trayIcon->setVisible(setting(VTDefaultsController::kVisibleKey));
         line += m_trayIcon->isShown() ? QStringLiteral("; tray icon shown") : QStringLiteral("; tray icon hidden");
@@ -160,6 +164,11 @@ QString VantorHelper::readDefaults()
     return QStringLiteral("settings %1 %2 %3")
         .arg(flag(VTDefaultsController::kActiveKey), flag(VTDefaultsController::kVisibleKey),
              flag(VTDefaultsController::kCheckUpdatesKey));
+}
+
+void VantorHelper::applyActive()
+{
+    m_engine->setActive(setting(VTDefaultsController::kActiveKey) && !m_power->shouldHoldOff());
 }
 
 bool VantorHelper::setting(const char *key) const

@@ -11,6 +11,7 @@ class DesktopNotifier;
 class FolderRequests;
 class FolderWatch;
 class HelperBus;
+class PowerMonitor;
 class SavingsModel;
 class SettleQueue;
 class TrayIcon;
@@ -38,6 +39,8 @@ private:
     // Re-reads "defaults.plist"; returns how the settings stand, for the log.
     QString readDefaults();
     bool setting(const char *key) const;
+    // The worker works while the user's switch is on and the power monitor does not hold off.
+    void applyActive();
 
     QString m_version;
     QVariantMap m_defaults;
@@ -47,6 +50,7 @@ private:
     std::unique_ptr<SavingsModel> m_savings;
     std::unique_ptr<FolderWatch> m_watch;
     std::unique_ptr<SettleQueue> m_settle;
+    std::unique_ptr<PowerMonitor> m_power;
     std::unique_ptr<CompressionEngine> m_engine;
     std::unique_ptr<FolderRequests> m_folderRequests;
     std::unique_ptr<TrayIcon> m_trayIcon;
