@@ -11,6 +11,8 @@ packages=(
     dbus dbus-bin dbus-daemon libglib2.0-bin dex
     # tests: third-party readers, a display, fonts, the helper's file system
     libplist-utils sqlite3 python3 xvfb xauth xdotool fonts-dejavu-core
+    # UPower and power-profiles-daemon stood in for on a private system bus
+    python3-dbusmock
     # the accessibility test: the AT-SPI bus and its Python reader
     at-spi2-core python3-pyatspi
     btrfs-progs btrfs-compsize

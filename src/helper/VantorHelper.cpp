@@ -8,6 +8,7 @@
 #include "helper/FolderWatch.h"
 #include "helper/HelperBus.h"
 #include "helper/HelperLog.h"
+#include "helper/PowerMonitor.h"
 #include "helper/SavingsModel.h"
 #include "helper/TrayIcon.h"
 #include "common/Notifications.h"
@@ -85,6 +86,11 @@ bool VantorHelper::start()
     m_watch = std::make_unique<FolderWatch>();
     m_engine = std::make_unique<CompressionEngine>(m_savings.get(), m_notifier.get(), m_watch.get());
     m_folderRequests = std::make_unique<FolderRequests>(m_savings.get(), m_engine.get());
+    m_power = std::make_unique<PowerMonitor>();
+    connect(m_power.get(), &PowerMonitor::changed, this,
+            [this] { m_engine->setPower(m_power->onBattery(), m_power->powerSaver()); });
+    m_power->start();
+    m_engine->setPower(m_power->onBattery(), m_power->powerSaver());
     m_engine->setSwitchedOn(setting(VTDefaultsController::kActiveKey));
     m_engine->resume();
     // A tray needs a display; without one the helper still does its work.

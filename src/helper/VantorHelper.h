@@ -11,6 +11,7 @@ class DesktopNotifier;
 class FolderRequests;
 class FolderWatch;
 class HelperBus;
+class PowerMonitor;
 class SavingsModel;
 class TrayIcon;
 struct DistributedNotification;
@@ -45,6 +46,7 @@ private:
     std::unique_ptr<DesktopNotifier> m_notifier;
     std::unique_ptr<SavingsModel> m_savings;
     std::unique_ptr<FolderWatch> m_watch;
+    std::unique_ptr<PowerMonitor> m_power;
     std::unique_ptr<CompressionEngine> m_engine;
     std::unique_ptr<FolderRequests> m_folderRequests;
     std::unique_ptr<TrayIcon> m_trayIcon;

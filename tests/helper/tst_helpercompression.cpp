@@ -14,6 +14,7 @@
 #include "NotificationRecorder.h"
 #include "NotificationServer.h"
 #include "TestEnvironment.h"
+#include "SystemBusMock.h"
 #include "TestFiles.h"
 #include "helper/RescanSchedule.h"
 #include "prefpane/VTHistoryController.h"
@@ -537,6 +538,47 @@ private Q_SLOTS:
         QTRY_COMPARE_WITH_TIMEOUT(m_helper.log().count(summary), passes + 1, 60000);
         QCOMPARE(m_helper.log().count(skipped), 1);
         QCOMPARE(m_notifications.calls.size(), 1);
+    }
+
+    void batteryPausesCompression_data()
+    {
+        QTest::addColumn<bool>("asUser");
+        QTest::addColumn<bool>("upower");
+        QTest::addColumn<QString>("profile"); // with UPower and "balanced", on battery
+        QTest::newRow("on battery") << false << true << QStringLiteral("balanced");
+        QTest::newRow("power saver as ordinary user") << true << true << QStringLiteral("power-saver");
+        QTest::newRow("no UPower") << false << false << QStringLiteral("balanced");
+    }
+
+    void batteryPausesCompression()
+    {
+        QFETCH(bool, asUser);
+        QFETCH(bool, upower);
+        QFETCH(QString, profile);
+        SKIP_WITHOUT_BTRFS();
+        const bool onBattery = upower && profile == QLatin1String("balanced");
+        SystemBusMock power;
+        QVERIFY(power.start(upower) && power.setProfile(profile) && (!upower || power.setOnBattery(onBattery)));
+        const QString folder = m_btrfs->mountPoint() + u'/' + QLatin1String(QTest::currentDataTag());
+        TestEnvironment::writeFile(folder + QStringLiteral("/a.txt"), TestFiles::text(2 << 20, 95));
+        if (asUser)
+            TestFiles::chown(folder, HelperProcess::kUser);
+        const qsizetype logged = m_helper.log().size();
+        QVERIFY(m_helper.start(asUser));
+        controller()->addFolders({folder});
+        if (upower) {
+            // Listed, and left as it is however long the helper has.
+            QTRY_COMPARE(field(folder, "COUNT(*)"), 1);
+            QTest::qWait(4000);
+            QVERIFY(field(folder, "ZSTATUS") < 100 && !LoopMount::isCompressed(folder));
+            QVERIFY(onBattery ? power.setOnBattery(false) : power.setProfile(QStringLiteral("balanced")));
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(field(folder, "ZSTATUS"), 100, 10000);
+        expectMeasured(folder, folder);
+        const QByteArray log = m_helper.log().mid(logged);
+        // One line for the change of state, none for the power supply's own.
+        QCOMPARE(log.count("waiting: on battery power") + log.count("waiting: power saver mode"), upower ? 1 : 0);
+        QCOMPARE(log.count("UPower does not answer on the system bus"), upower ? 0 : 1);
     }
 
     void nearlyFullDiskWaitsForSpace()

@@ -26,6 +26,8 @@ TestEnvironment::TestEnvironment()
     qputenv("XDG_STATE_HOME", QFile::encodeName(home() + QStringLiteral("/.local/state")));
     qputenv("XDG_RUNTIME_DIR", QFile::encodeName(m_dir.path() + QStringLiteral("/runtime")));
     qputenv("TMPDIR", QFile::encodeName(m_dir.path() + QStringLiteral("/tmp")));
+    // No system bus unless a test makes one: the machine running on battery must not pause its helpers.
+    qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=" + QFile::encodeName(m_dir.path() + QStringLiteral("/no-bus")));
 }
 
 QByteArray TestEnvironment::readFile(const QString &path)

@@ -8,7 +8,7 @@
 #include <QTemporaryDir>
 
 // A throw-away home for one test process: HOME, the XDG folders and TMPDIR all point inside
-// one temporary folder, made before anything looks them up.
+// one temporary folder, made before anything looks them up; the system bus is one that is not there.
 class TestEnvironment
 {
 public:
