@@ -15,6 +15,12 @@ public:
     // "CFBundleIdentifier" of the helper, and the session-bus name it owns while it runs.
     static QString bundleIdentifier();
     static QString busName() { return bundleIdentifier(); }
+    // Where the running helper answers "Status" on the session bus: the object path, and the
+    // interface, named as the bus name. It returns three strings: "idle", "working" or
+    // "waiting"; while waiting, why ("switched off", "battery", "power saver", "busy machine",
+    // "disk space"); and the same in a few words for people.
+    static QString statusPath() { return QStringLiteral("/com/quillfen/VantorHelper"); }
+    static QString statusInterface() { return bundleIdentifier(); }
 
     // The helper is the pane's resource <name>.<type>: "VantorHelper" of type "app".
     static QString resourceName();

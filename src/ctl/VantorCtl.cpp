@@ -19,6 +19,7 @@
 #include <QDeadlineTimer>
 #include <QThread>
 #include <QDBusConnectionInterface>
+#include <QDBusMessage>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -52,7 +53,8 @@ QString VantorCtl::usage()
     return QStringLiteral("Usage: vantorctl [--pane BUNDLE] COMMAND [ARGUMENTS]\n"
                           "\n"
                           "Commands:\n"
-                          "  status [--json]    whether the helper runs, whether it is on, and the total saved\n"
+                          "  status [--json]    whether the helper runs and is on, what it is doing (working, or\n"
+                          "                     waiting and why), and the total saved\n"
                           "  list [--json]      each folder with its progress, savings and whether it still exists\n"
                           "  add PATH...        ask the helper to keep these folders compressed\n"
                           "  remove PATH...     ask the helper to stop watching these folders\n"
@@ -113,16 +115,21 @@ int VantorCtl::status(bool json)
     const bool bus = DistributedNotificationCenter::defaultCenter()->isConnected();
     const bool running = bus && HelperLauncher::isRunning();
     const bool active = VTDefaultsController::sharedDefaultsController()->helperActive();
+    const HelperState state = running ? askHelper() : HelperState{};
     if (json) {
-        const QJsonObject document{{QStringLiteral("helperRunning"), bus ? QJsonValue(running) : QJsonValue()},
-                                   {QStringLiteral("active"), active},
-                                   {QStringLiteral("totalSavings"), byteCount(history.totalSavings())}};
+        QJsonObject document{{QStringLiteral("helperRunning"), bus ? QJsonValue(running) : QJsonValue()},
+                             {QStringLiteral("active"), active},
+                             {QStringLiteral("totalSavings"), byteCount(history.totalSavings())}};
+        document.insert(QStringLiteral("state"), state.activity.isEmpty() ? QJsonValue() : state.activity);
+        document.insert(QStringLiteral("waitingFor"), state.reason.isEmpty() ? QJsonValue() : state.reason);
         print(QString::fromUtf8(QJsonDocument(document).toJson()));
     } else {
+        QString helper = bus ? (running ? QStringLiteral("running") : QStringLiteral("not running"))
+                             : QStringLiteral("unknown");
+        if (!state.description.isEmpty())
+            helper += QStringLiteral(", ") + state.description;
         print(QStringLiteral("Helper: %1\nActive: %2\nTotal saved: %3\n")
-                  .arg(bus ? (running ? QStringLiteral("running") : QStringLiteral("not running"))
-                           : QStringLiteral("unknown"),
-                       active ? QStringLiteral("on") : QStringLiteral("off"),
+                  .arg(helper, active ? QStringLiteral("on") : QStringLiteral("off"),
                        VTUtil::getPrettySize(history.totalSavings())));
     }
     if (!bus) {
@@ -285,6 +292,19 @@ int VantorCtl::setActive(bool active)
     }
     flush();
     return failed ? Failed : Done;
+}
+
+VantorCtl::HelperState VantorCtl::askHelper()
+{
+    const QDBusMessage call =
+        QDBusMessage::createMethodCall(HelperIdentity::busName(), HelperIdentity::statusPath(),
+                                       HelperIdentity::statusInterface(), QStringLiteral("Status"));
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, kStatusTimeoutMs);
+    const QList<QVariant> answer = reply.arguments();
+    // A helper that cannot say (an older one, or one shutting down) is only running.
+    if (reply.type() != QDBusMessage::ReplyMessage || answer.size() != 3)
+        return {};
+    return {answer.at(0).toString(), answer.at(1).toString(), answer.at(2).toString()};
 }
 
 // A script runs "vantorctl on && vantorctl add DIR": the helper must be listening before "on"

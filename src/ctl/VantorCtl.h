@@ -33,6 +33,14 @@ private:
     // The pane bundle: given with --pane, else the installed one. Empty with a message when none.
     QString paneBundle();
     static bool waitForHelper();
+    // What the running helper says it is doing: "working", or "waiting" and why.
+    struct HelperState {
+        QString activity;
+        QString reason;
+        QString description;
+    };
+    static HelperState askHelper();
+    static constexpr int kStatusTimeoutMs = 2000;
     static constexpr int kHelperStartSeconds = 10;
     bool readHistory(HistorySnapshot *snapshot);
     // Whether requests can reach the helper now; false with the reason told.

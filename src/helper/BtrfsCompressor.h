@@ -20,9 +20,9 @@ public:
     // The file system's type name as the mount table gives it ("ext4", "xfs", ...).
     static QString fileSystemName(const QByteArray &path);
 
-    // Sets the "btrfs.compression" property to zstd on a folder (new files inherit it) or a
-    // file (its later writes are compressed, and a chunk that does not shrink does not turn
-    // compression off for the whole file).
+    // Sets the "btrfs.compression" property to zstd on a folder: new files inherit it. Files
+    // rewritten do not get it: setting it is a change the watch would hear, and later writes
+    // to them are seen and compressed anyway.
     static bool setCompressionProperty(int fd);
     // Sets it only where it is not set yet: a rescan then changes nothing on disk.
     static bool ensureCompressionProperty(int fd);

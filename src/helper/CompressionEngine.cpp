@@ -76,21 +76,20 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
 
 CompressionEngine::~CompressionEngine()
 {
-    stop();
-}
-
-void CompressionEngine::stop()
-{
-    if (!m_workerThread.isRunning())
-        return;
     m_sampler.stop();
-    QMetaObject::invokeMethod(m_worker, &CompressionWorker::finish, Qt::BlockingQueuedConnection);
+    // Each goes in its own thread, where its timers are.
+    QMetaObject::invokeMethod(
+        m_worker,
+        [worker = m_worker] {
+            worker->finish();
+            delete worker;
+        },
+        Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(m_rewriter, [rewriter = m_rewriter] { delete rewriter; }, Qt::BlockingQueuedConnection);
     m_rewriterThread.quit();
     m_rewriterThread.wait();
     m_workerThread.quit();
     m_workerThread.wait();
-    delete m_rewriter;
-    delete m_worker;
     m_folders.clear();
     m_savings->flush();
 }
@@ -479,17 +478,22 @@ void CompressionEngine::update()
     }
 
     Status status;
-    if (hasWork()) {
+    if (m_pacer.hold() == Pacer::Hold::SwitchedOff) {
+        status = {Activity::Waiting, Reason::SwitchedOff};
+    } else if (hasWork()) {
         const bool onlyRoom = std::all_of(m_folders.cbegin(), m_folders.cend(), [](const auto &entry) {
             return !entry.second->hasWork() || entry.second->isWaitingForRoom();
         });
-        const QString held = Pacer::describe(m_pacer.hold(), m_pacer.load());
-        if (onlyRoom)
-            status = {Activity::Waiting, QStringLiteral("too little free space")};
-        else if (!held.isEmpty())
-            status = {Activity::Waiting, held};
+        if (m_pacer.hold() == Pacer::Hold::Battery)
+            status = {Activity::Waiting, Reason::Battery};
+        else if (m_pacer.hold() == Pacer::Hold::PowerSaver)
+            status = {Activity::Waiting, Reason::PowerSaver};
+        else if (onlyRoom)
+            status = {Activity::Waiting, Reason::DiskSpace};
+        else if (m_pacer.isMachineBusy())
+            status = {Activity::Waiting, Reason::BusyMachine};
         else
-            status = {Activity::Working, {}};
+            status = {Activity::Working, Reason::None};
     }
     if (status == m_status)
         return;
@@ -508,5 +512,19 @@ QString CompressionEngine::describe(const Status &status)
     case Activity::Waiting:
         break;
     }
-    return QStringLiteral("waiting: %1").arg(status.why);
+    static const char *const why[] = {"", "switched off", "on battery power", "power saver mode",
+                                      "the machine is busy", "too little free space"};
+    return QStringLiteral("waiting: %1").arg(QLatin1String(why[int(status.reason)]));
+}
+
+QString CompressionEngine::activityCode(Activity activity)
+{
+    static const char *const codes[] = {"idle", "working", "waiting"};
+    return QLatin1String(codes[int(activity)]);
+}
+
+QString CompressionEngine::reasonCode(Reason reason)
+{
+    static const char *const codes[] = {"", "switched off", "battery", "power saver", "busy machine", "disk space"};
+    return QLatin1String(codes[int(reason)]);
 }

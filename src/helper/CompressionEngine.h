@@ -39,13 +39,15 @@ public:
     static constexpr int kSampleMs = 250;
 
     enum class Activity { Idle, Working, Waiting };
+    enum class Reason { None, SwitchedOff, Battery, PowerSaver, BusyMachine, DiskSpace };
     struct Status {
         Activity activity = Activity::Idle;
-        QString why; // while waiting, in a few words
+        Reason reason = Reason::None; // while waiting
         bool operator==(const Status &) const = default;
     };
 
     CompressionEngine(SavingsModel *savings, DesktopNotifier *notifier, FolderWatch *watch, QObject *parent = nullptr);
+    // Stops the threads; progress made so far is written.
     ~CompressionEngine() override;
 
     // Picks up every listed folder, finding moved ones again through their alias records.
@@ -55,11 +57,12 @@ public:
     // The user's switch, and the power supply: while either says so, nothing is rewritten.
     void setSwitchedOn(bool on);
     void setPower(bool onBattery, bool powerSaver);
-    // Stops the threads; progress made so far is written.
-    void stop();
-
     Status status() const { return m_status; }
+    // For people: "working", "waiting: on battery power".
     static QString describe(const Status &status);
+    // For programs: "idle", "working", "waiting"; "battery", "busy machine".
+    static QString activityCode(Activity activity);
+    static QString reasonCode(Reason reason);
 
 Q_SIGNALS:
     void statusChanged();

@@ -91,18 +91,3 @@ Pacer::Pace Pacer::pace() const
     }
     return {true, kSharingStep, kCrowdedDuty};
 }
-
-QString Pacer::describe(Hold hold, Load load)
-{
-    switch (hold) {
-    case Hold::SwitchedOff:
-        return QStringLiteral("switched off");
-    case Hold::Battery:
-        return QStringLiteral("on battery power");
-    case Hold::PowerSaver:
-        return QStringLiteral("power saver mode");
-    case Hold::None:
-        break;
-    }
-    return load == Load::Quiet ? QString() : QStringLiteral("the machine is busy");
-}

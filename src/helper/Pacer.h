@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QString>
 #include <QtGlobal>
 
 // How fast the helper may hand work to the kernel, and whether at all. btrfs compresses in
@@ -75,10 +74,6 @@ public:
     // While it gives way to others (for the rescan schedule and the status).
     bool isMachineBusy() const { return m_load != Load::Quiet; }
     Pace pace() const;
-
-    // A few words for people ("on battery power", "the machine is busy"); empty while working
-    // at full speed.
-    static QString describe(Hold hold, Load load);
 
 private:
     int m_processors;

@@ -79,7 +79,6 @@ void Rewriter::step()
             schedule(0);
             return;
         }
-        BtrfsCompressor::setCompressionProperty(m_current->fd());
     }
     if (!BtrfsCompressor::holdsLease(m_current->fd())) {
         finish(FilePlan::Result::InUse);

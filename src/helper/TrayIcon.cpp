@@ -43,7 +43,20 @@ bool TrayIcon::isShown() const
 
 void TrayIcon::setTotalSavings(quint64 total)
 {
-    m_icon->setToolTip(QStringLiteral("Vantor: %1 saved").arg(VTUtil::getPrettySize(total)));
+    m_total = total;
+    updateToolTip();
+}
+
+void TrayIcon::setActivity(const QString &words)
+{
+    m_activity = words;
+    updateToolTip();
+}
+
+void TrayIcon::updateToolTip()
+{
+    const QString saved = QStringLiteral("Vantor: %1 saved").arg(VTUtil::getPrettySize(m_total));
+    m_icon->setToolTip(m_activity.isEmpty() ? saved : saved + QStringLiteral("; ") + m_activity);
 }
 
 void TrayIcon::openSettings()

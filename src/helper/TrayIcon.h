@@ -19,11 +19,16 @@ public:
 
     void setVisible(bool visible);
     void setTotalSavings(quint64 total);
+    // What the helper is doing, in a few words; empty when there is nothing to say.
+    void setActivity(const QString &words);
     bool isShown() const;
 
 private:
     void openSettings();
+    void updateToolTip();
 
+    quint64 m_total = 0;
+    QString m_activity;
     QSystemTrayIcon *m_icon;
     QMenu *m_menu;
 };

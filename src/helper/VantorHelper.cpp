@@ -8,6 +8,7 @@
 #include "helper/FolderWatch.h"
 #include "helper/HelperBus.h"
 #include "helper/HelperLog.h"
+#include "helper/HelperStatus.h"
 #include "helper/PowerMonitor.h"
 #include "helper/SavingsModel.h"
 #include "helper/TrayIcon.h"
@@ -52,6 +53,7 @@ VantorHelper::VantorHelper(const QString &version, QObject *parent)
 VantorHelper::~VantorHelper()
 {
     m_trayIcon.reset();
+    m_status.reset();
     m_folderRequests.reset();
     m_engine.reset();
     m_savings.reset();
@@ -93,11 +95,21 @@ bool VantorHelper::start()
     m_engine->setPower(m_power->onBattery(), m_power->powerSaver());
     m_engine->setSwitchedOn(setting(VTDefaultsController::kActiveKey));
     m_engine->resume();
+    m_status = std::make_unique<HelperStatus>(m_engine.get());
+    m_status->publish();
     // A tray needs a display; without one the helper still does its work.
     if (qobject_cast<QApplication *>(QCoreApplication::instance())) {
         m_trayIcon = std::make_unique<TrayIcon>();
         connect(m_savings.get(), &SavingsModel::totalSavingsChanged, m_trayIcon.get(), &TrayIcon::setTotalSavings);
         m_trayIcon->setTotalSavings(m_savings->totalSavings());
+        const auto showActivity = [this] {
+            const CompressionEngine::Status status = m_engine->status();
+            m_trayIcon->setActivity(status.activity == CompressionEngine::Activity::Idle
+                                        ? QString()
+                                        : CompressionEngine::describe(status));
+        };
+        connect(m_engine.get(), &CompressionEngine::statusChanged, m_trayIcon.get(), showActivity);
+        showActivity();
         m_trayIcon->setVisible(setting(VTDefaultsController::kVisibleKey));
     }
     return true;

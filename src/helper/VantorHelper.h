@@ -11,6 +11,7 @@ class DesktopNotifier;
 class FolderRequests;
 class FolderWatch;
 class HelperBus;
+class HelperStatus;
 class PowerMonitor;
 class SavingsModel;
 class TrayIcon;
@@ -49,5 +50,6 @@ private:
     std::unique_ptr<PowerMonitor> m_power;
     std::unique_ptr<CompressionEngine> m_engine;
     std::unique_ptr<FolderRequests> m_folderRequests;
+    std::unique_ptr<HelperStatus> m_status;
     std::unique_ptr<TrayIcon> m_trayIcon;
 };

@@ -1,5 +1,6 @@
 #!/bin/sh
-# session.sh <vantorctl> <pane> <folder>: one user's session: on, add, "list --json" at 100, off.
+# session.sh <vantorctl> <pane> <folder>: one user's session: on, add, "list --json" at 100 and
+# the helper idle, off.
 vantorctl=$1 pane=$2 folder=$3
 ctl() { "$vantorctl" --pane "$pane" "$@"; }
 waitFor() {
@@ -11,7 +12,7 @@ waitFor() {
     return 1
 }
 # As a script would: "on" returns once the helper listens.
-ctl on && ctl add "$folder" && waitFor list '"status": 100'
+ctl on && ctl add "$folder" && waitFor list '"status": 100' && waitFor status '"state": "idle"'
 result=$?
 ctl list --json
 ctl off && waitFor status '"helperRunning": false'
