@@ -242,11 +242,6 @@ int VantorCtl::setActive(bool active)
     const QString pane = paneBundle();
     if (pane.isEmpty())
         return Failed;
-    // The setting must land somewhere even on an account no Vantor program has run on yet.
-    if (QString error; !FileManager::ensureApplicationSupportDirectory(&error)) {
-        fail(error);
-        return Failed;
-    }
     const HelperLauncher launcher(Bundle::bundleWithPath(pane));
     const bool bus = DistributedNotificationCenter::defaultCenter()->isConnected();
     bool failed = false;

@@ -5,6 +5,7 @@
 #include "TestEnvironment.h"
 #include "common/Notifications.h"
 #include "platform/DistributedNotificationCenter.h"
+#include "platform/FileManager.h"
 #include "platform/PropertyList.h"
 
 #include <QDir>
@@ -70,7 +71,7 @@ private Q_SLOTS:
     void commands_data()
     {
         QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("setting"); // helper | no helper | no bus | damaged store
+        QTest::addColumn<QString>("setting"); // helper | no helper | no bus | damaged store | fresh account
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QString>("message");
         QTest::addColumn<QStringList>("posted"); // what reached the bus, in order: "name key=value,value"
@@ -106,6 +107,9 @@ private Q_SLOTS:
         row("on", {u"on"_s}, u"no helper"_s, 0, {}, {u"com.quillfen.vantor.active"_s}, u"True"_s);
         row("off", {u"off"_s}, helper, 0, {}, {u"com.quillfen.vantor.active"_s, u"vantorHelperShouldQuit"_s},
             u"False"_s);
+        // A new account, or a server reached over ssh: no ~/.local/share and no ~/.config yet.
+        row("a fresh account: status", {u"status"_s}, u"fresh account"_s, 0, {});
+        row("a fresh account: on", {u"on"_s}, u"fresh account"_s, 0, {}, {u"com.quillfen.vantor.active"_s});
     }
 
     void commands()
@@ -131,11 +135,26 @@ private Q_SLOTS:
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         if (setting == "no bus"_L1)
             env.remove(u"DBUS_SESSION_BUS_ADDRESS"_s);
+        const QTemporaryDir fresh(m_env.root() + u"/fresh-XXXXXX"_s);
+        if (setting == "fresh account"_L1) {
+            env.insert(u"HOME"_s, fresh.path());
+            for (const char *base : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_CACHE_HOME"})
+                env.remove(QLatin1String(base));
+        }
         NotificationRecorder recorder;
 
         const TestEnvironment::Run result = run(arguments, env);
         QVERIFY2(message.isEmpty() || result.err.contains(u"vantorctl: "_s + message), qPrintable(result.err));
+        QVERIFY2(exitCode != 0 || result.err.isEmpty(), qPrintable(result.err));
         QCOMPARE(result.exitCode, exitCode);
+        if (setting == "fresh account"_L1) {
+            // Every folder made on the way is the user's alone, as the XDG rules ask.
+            QVERIFY(QFileInfo(fresh.path() + u"/.local/share/Vantor/defaults.plist"_s).isFile());
+            for (const char *made : {"/.local", "/.local/share", "/.local/state", "/.config", "/.cache"})
+                QVERIFY2(!QFileInfo::exists(fresh.path() + QLatin1String(made))
+                             || FileManager::posixPermissionsOfItemAtPath(fresh.path() + QLatin1String(made)) == 0700,
+                         made);
+        }
         if (active == "True"_L1) // "vantorctl on && vantorctl add DIR": the helper listens already
             QVERIFY(TestEnvironment::helperOwnsItsName());
         recorder.settle();
