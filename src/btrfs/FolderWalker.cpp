@@ -13,6 +13,8 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/btrfs.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 FolderWalker::FolderWalker(int rootFd, const QByteArray &rootPath)
@@ -22,6 +24,13 @@ FolderWalker::FolderWalker(int rootFd, const QByteArray &rootPath)
     struct stat st { };
     if (::fstat(rootFd, &st) == 0)
         m_device = st.st_dev;
+    // Any user may ask a btrfs its UUID; an O_PATH descriptor cannot be asked.
+    struct btrfs_ioctl_fs_info_args info { };
+    const int fd = openNoAtime(rootFd, ".", O_RDONLY | O_DIRECTORY);
+    if (fd >= 0 && ::ioctl(fd, BTRFS_IOC_FS_INFO, &info) == 0)
+        m_fileSystem = QByteArray(reinterpret_cast<const char *>(info.fsid), sizeof info.fsid);
+    if (fd >= 0)
+        ::close(fd);
 }
 
 void FolderWalker::walk(const QByteArray &start, const Visitor &visit)
@@ -118,6 +127,40 @@ bool FolderWalker::isExcluded(const QByteArray &relative) const
     return VTExclusionRules::mustExcludePath(QFile::decodeName(m_rootPath + '/' + relative));
 }
 
+QList<FolderWalker::LeftOut> FolderWalker::leftOut() const
+{
+    QMutexLocker locker(&m_leftOutLock);
+    return m_leftOut;
+}
+
+void FolderWalker::leaveOut(const QByteArray &relative, LeftOut::Reason reason, int error)
+{
+    QMutexLocker locker(&m_leftOutLock);
+    m_leftOut.append({relative, reason, error});
+}
+
+bool FolderWalker::isWalked(const Folder &folder, dev_t device)
+{
+    // btrfs gives every subvolume a device number of its own; a mount point has one too.
+    QMutexLocker locker(&m_leftOutLock);
+    auto known = m_devices.constFind(device);
+    if (known == m_devices.cend()) {
+        std::optional<LeftOut::Reason> reason;
+        struct btrfs_ioctl_fs_info_args info { };
+        __u64 flags = 0;
+        if (m_fileSystem.isEmpty() || ::ioctl(folder.fd, BTRFS_IOC_FS_INFO, &info) != 0
+            || QByteArrayView(reinterpret_cast<const char *>(info.fsid), sizeof info.fsid) != m_fileSystem)
+            reason = LeftOut::Reason::OtherFileSystem;
+        else if (::ioctl(folder.fd, BTRFS_IOC_SUBVOL_GETFLAGS, &flags) != 0 || (flags & BTRFS_SUBVOL_RDONLY))
+            reason = LeftOut::Reason::ReadOnlySubvolume;
+        known = m_devices.insert(device, reason);
+    }
+    if (!known->has_value())
+        return true;
+    m_leftOut.append({folder.relative, **known, 0});
+    return false;
+}
+
 bool FolderWalker::read(Folder *folder)
 {
     const char *at = folder->relative.isEmpty() ? "." : folder->relative.constData();
@@ -127,6 +170,7 @@ bool FolderWalker::read(Folder *folder)
         // Gone meanwhile is no fault; too deep to name or not ours to read is.
         if (errno != ENOENT && errno != ENOTDIR) {
             const int error = errno;
+            leaveOut(folder->relative, LeftOut::Reason::Unreadable, error);
             QMutexLocker locker(&m_unreadableLock);
             m_unreadable.add(error);
         }
@@ -134,7 +178,8 @@ bool FolderWalker::read(Folder *folder)
     }
     struct stat st { };
     DIR *dir = nullptr;
-    if (::fstat(folder->fd, &st) != 0 || st.st_dev != m_device || !(dir = ::fdopendir(::dup(folder->fd)))) {
+    if (::fstat(folder->fd, &st) != 0 || (st.st_dev != m_device && !isWalked(*folder, st.st_dev))
+        || !(dir = ::fdopendir(::dup(folder->fd)))) {
         ::close(folder->fd);
         return false;
     }
@@ -154,7 +199,10 @@ bool FolderWalker::read(Folder *folder)
             folder->names.append(name, qsizetype(std::strlen(name)) + 1);
         } else if (type == DT_DIR) {
             const QByteArray subfolder(name);
-            if (!isExcluded(folder->relative.isEmpty() ? subfolder : folder->relative + '/' + subfolder))
+            const QByteArray relative = folder->relative.isEmpty() ? subfolder : folder->relative + '/' + subfolder;
+            if (isExcluded(relative))
+                leaveOut(relative, LeftOut::Reason::Excluded);
+            else
                 folder->subfolders.append(subfolder);
         }
     }
