@@ -39,6 +39,10 @@ public:
     static bool record(const QString &store, const QString &folder, int *status, qint64 *savings = nullptr);
     // size bytes of text of a few words, compressible as prose and source code are.
     static QByteArray text(qint64 size, QRandomGenerator &random);
+    // files small text files of 2 to 8 KB below dir, kFilesPerFolder to a folder, ten folders to
+    // a parent; synced.
+    static constexpr int kFilesPerFolder = 100;
+    static void makeTree(const QString &dir, int files);
 
 private:
     const char *m_name;
