@@ -141,6 +141,21 @@ bool BenchSession::compsize(const QString &dir, qint64 *disk, qint64 *uncompress
     return false;
 }
 
+void BenchSession::makeTree(const QString &dir, int files)
+{
+    QRandomGenerator random(files);
+    for (int i = 0; i < files; ++i) {
+        const int folder = i / kFilesPerFolder;
+        const QString path = dir + QStringLiteral("/%1/%2").arg(folder / 10).arg(folder % 10);
+        if (i % kFilesPerFolder == 0)
+            QDir().mkpath(path);
+        QFile file(path + QStringLiteral("/note%1.txt").arg(i));
+        if (file.open(QIODevice::WriteOnly))
+            file.write(text(2048 + random.bounded(6 * 1024), random));
+    }
+    ::sync();
+}
+
 bool BenchSession::record(const QString &store, const QString &folder, int *status, qint64 *savings)
 {
     sqlite3 *db = nullptr;

@@ -43,6 +43,10 @@ public:
     static void dropCaches();
     // "Disk Usage" and "Uncompressed" of compsize's TOTAL line for dir, in bytes.
     static bool compsize(const QString &dir, qint64 *disk, qint64 *uncompressed);
+    // files small text files of 2 to 8 KB below dir, kFilesPerFolder to a folder, ten folders to
+    // a parent; synced.
+    static constexpr int kFilesPerFolder = 100;
+    static void makeTree(const QString &dir, int files);
 
 private:
     const char *m_name;

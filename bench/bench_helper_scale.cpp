@@ -28,23 +28,7 @@
 
 namespace {
 
-constexpr int kFilesPerFolder = 100;
-
-// files small text files of 2 to 8 KB, kFilesPerFolder to a folder, ten folders to a parent.
-void makeTree(const QString &dir, int files)
-{
-    QRandomGenerator random(files);
-    for (int i = 0; i < files; ++i) {
-        const int folder = i / kFilesPerFolder;
-        const QString path = dir + QStringLiteral("/%1/%2").arg(folder / 10).arg(folder % 10);
-        if (i % kFilesPerFolder == 0)
-            QDir().mkpath(path);
-        QFile file(path + QStringLiteral("/note%1.txt").arg(i));
-        if (file.open(QIODevice::WriteOnly))
-            file.write(BenchSession::text(2048 + random.bounded(6 * 1024), random));
-    }
-    ::sync();
-}
+constexpr int kFilesPerFolder = BenchSession::kFilesPerFolder;
 
 // Whether every extent of the file is stored compressed, as FIEMAP tells.
 bool isCompressed(const QString &path)
@@ -190,7 +174,7 @@ int main(int argc, char *argv[])
     double ratio = 0;
     for (const int files : sizes) {
         const QString folder = mnt + QStringLiteral("/tree%1").arg(files);
-        makeTree(folder, files);
+        BenchSession::makeTree(folder, files);
         qint64 peak = 0;
         double firstPass = 0, rescan = 0, moveIn = -1;
         {
@@ -248,7 +232,7 @@ int main(int argc, char *argv[])
     if (argc <= 1) {
         // Watching an unchanged tree costs nothing: no polling.
         const QString folder = mnt + QStringLiteral("/idle");
-        makeTree(folder, 50000);
+        BenchSession::makeTree(folder, 50000);
         Helper helper(log);
         DistributedNotificationCenter::defaultCenter()->postNotificationName(
             QLatin1String(Notifications::Folders),

@@ -42,25 +42,34 @@ qint64 CompressionModel::savingsForRanges(int fd, const QList<ExtentMap::Range> 
     struct stat st { };
     if (::fstat(fd, &st) != 0)
         return -1;
-    if (st.st_size <= kBlockSize)
-        return 0;
-    qint64 savings = 0;
+    return estimateRanges(fd, st.st_size, ranges).savings;
+}
+
+CompressionModel::Estimate CompressionModel::estimateRanges(int fd, qint64 size, const QList<ExtentMap::Range> &ranges)
+{
+    Estimate estimate;
+    if (size <= kBlockSize)
+        return estimate;
     int chunks = 0;
     for (const ExtentMap::Range &range : ranges) {
-        const qint64 end = qMin(range.start + range.length, qint64(st.st_size));
+        const qint64 end = qMin(range.start + range.length, size);
         for (qint64 offset = range.start; offset < end;) {
             const ssize_t n = ::pread(fd, m_input.data(), size_t(qMin(kChunkSize, end - offset)), offset);
             if (n < 0 && errno == EINTR)
                 continue;
             if (n < 0)
-                return -1;
+                return {0, -1, estimate.read};
             if (n == 0)
                 break; // shrank while read
-            savings += savingsForChunk(m_input.data(), n);
+            estimate.read += n;
+            if (const qint64 saved = savingsForChunk(m_input.data(), n); saved > 0) {
+                estimate.savings += saved;
+                estimate.shrinking += roundUpToBlock(n);
+            }
             offset += n;
-            if (++chunks == kProbeChunks && savings == 0)
-                return 0;
+            if (++chunks == kProbeChunks && estimate.savings == 0)
+                return estimate;
         }
     }
-    return savings;
+    return estimate;
 }

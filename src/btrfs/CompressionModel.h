@@ -33,6 +33,15 @@ public:
     qint64 savingsForFile(int fd);
     // The same for some of its byte ranges only.
     qint64 savingsForRanges(int fd, const QList<ExtentMap::Range> &ranges);
+    // What compressing ranges of a file of size bytes would do: the bytes in chunks that would
+    // shrink (whole blocks), and what they would save; savings -1 when it cannot be read. read:
+    // the bytes read to know.
+    struct Estimate {
+        qint64 shrinking = 0;
+        qint64 savings = 0;
+        qint64 read = 0;
+    };
+    Estimate estimateRanges(int fd, qint64 size, const QList<ExtentMap::Range> &ranges);
     // Bytes one chunk would save.
     qint64 savingsForChunk(const char *data, qint64 size);
 

@@ -22,12 +22,16 @@ bool ExtentMap::read(int fd, bool sync)
     m_placed.clear();
     m_unplaced.clear();
     m_plainShared = 0;
+    m_extents.clear();
+    m_placedBytes = 0;
+    m_sharedBytes = 0;
     constexpr unsigned kExtents = 256;
-    std::vector<char> buffer(sizeof(struct fiemap) + kExtents * sizeof(struct fiemap_extent));
+    m_buffer.resize(sizeof(struct fiemap) + kExtents * sizeof(struct fiemap_extent));
     __u64 start = 0;
     for (;;) {
-        std::fill(buffer.begin(), buffer.end(), 0);
-        auto *map = reinterpret_cast<struct fiemap *>(buffer.data());
+        // The kernel fills in the extents it maps; only the request needs clearing.
+        std::fill(m_buffer.begin(), m_buffer.begin() + sizeof(struct fiemap), 0);
+        auto *map = reinterpret_cast<struct fiemap *>(m_buffer.data());
         map->fm_start = start;
         map->fm_length = FIEMAP_MAX_OFFSET - start;
         map->fm_extent_count = kExtents;
@@ -40,6 +44,12 @@ bool ExtentMap::read(int fd, bool sync)
             const struct fiemap_extent &extent = map->fm_extents[i];
             const qint64 logical = qint64(extent.fe_logical);
             const qint64 length = qint64(extent.fe_length);
+            m_extents.append({logical, length, quint64(extent.fe_physical), extent.fe_flags});
+            if (isCountedByDu(m_extents.last())) {
+                m_placedBytes += length;
+                if (extent.fe_flags & FIEMAP_EXTENT_SHARED)
+                    m_sharedBytes += length;
+            }
             // Inline data lives in the metadata, preallocated space holds no data: nothing to gain.
             if (extent.fe_flags & FIEMAP_EXTENT_ENCODED) {
                 append(m_encoded, logical, length);
@@ -56,6 +66,11 @@ bool ExtentMap::read(int fd, bool sync)
             start = extent.fe_logical + extent.fe_length;
         }
     }
+}
+
+bool ExtentMap::isCountedByDu(const Extent &extent)
+{
+    return !(extent.flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_UNKNOWN));
 }
 
 qint64 ExtentMap::encodedBytesIn(const QList<Range> &ranges) const

@@ -3,6 +3,8 @@
 #include <QList>
 #include <QtGlobal>
 
+#include <vector>
+
 // Where a file's data lies, as FIEMAP tells it to any user who can read the file: which byte
 // ranges are shared with a snapshot or a reflinked copy, which are already stored compressed,
 // and which are the file's own and still plain, so a compress-rewrite can only gain there.
@@ -23,6 +25,15 @@ public:
         quint64 physical;
         Range range;
     };
+    // One extent as FIEMAP gives it. A compressed extent's physical address is where the
+    // extent starts on disk, whatever part of it the file refers to; a plain one's is where
+    // this range of the file lies.
+    struct Extent {
+        qint64 logical;
+        qint64 length;
+        quint64 physical; // 0 when it has no place of its own (inline, not yet written)
+        quint32 flags; // FIEMAP_EXTENT_*
+    };
 
     // False when the file system does not answer; the map is then empty. With sync, data still
     // being written is on disk first, so the map shows where it went.
@@ -38,6 +49,14 @@ public:
     const QList<Range> &unplaced() const { return m_unplaced; }
     // Bytes in plain extents that something else shares.
     qint64 plainShared() const { return m_plainShared; }
+    // Every extent, in file order, inline and preallocated ones too.
+    const QList<Extent> &extents() const { return m_extents; }
+    // The file as "btrfs filesystem du" counts it: bytes of extents that have a place on disk
+    // (inline data and data not yet written left out), and of those, the ones FIEMAP marks shared
+    // with another file or a snapshot.
+    qint64 placedBytes() const { return m_placedBytes; }
+    qint64 sharedBytes() const { return m_sharedBytes; }
+    static bool isCountedByDu(const Extent &extent);
     // Bytes of ranges stored compressed.
     qint64 encodedBytesIn(const QList<Range> &ranges) const;
     // Bytes of range that lie in ranges.
@@ -52,4 +71,8 @@ private:
     QList<Placed> m_placed;
     QList<Range> m_unplaced;
     qint64 m_plainShared = 0;
+    QList<Extent> m_extents;
+    qint64 m_placedBytes = 0;
+    qint64 m_sharedBytes = 0;
+    std::vector<char> m_buffer; // kept: a report reads the map of every file
 };

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/btrfs.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 FolderWalker::FolderWalker()
@@ -29,10 +31,19 @@ void FolderWalker::begin(int rootFd, const QByteArray &rootPath, const QByteArra
 {
     end();
     struct stat st { };
+    // Any user may ask a btrfs its UUID; an O_PATH descriptor cannot be asked.
+    struct btrfs_ioctl_fs_info_args info { };
+    const int fd = openNoAtime(rootFd, ".", O_RDONLY | O_DIRECTORY);
+    const bool btrfs = fd >= 0 && ::ioctl(fd, BTRFS_IOC_FS_INFO, &info) == 0;
+    if (fd >= 0)
+        ::close(fd);
     QMutexLocker locker(&m_lock);
     m_rootFd = rootFd;
     m_rootPath = rootPath;
     m_device = ::fstat(rootFd, &st) == 0 ? st.st_dev : 0;
+    m_fileSystem = btrfs ? QByteArray(reinterpret_cast<const char *>(info.fsid), sizeof info.fsid) : QByteArray();
+    m_leftOut.clear();
+    m_devices.clear();
     m_whole = whole;
     m_walking = true;
     m_unreadable = {};
@@ -130,6 +141,40 @@ FolderWalker::Unreadable FolderWalker::unreadable() const
     return m_unreadable;
 }
 
+QList<FolderWalker::LeftOut> FolderWalker::leftOut() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_leftOut;
+}
+
+void FolderWalker::leaveOut(const QByteArray &relative, LeftOut::Reason reason, int error)
+{
+    QMutexLocker locker(&m_lock);
+    m_leftOut.append({relative, reason, error});
+}
+
+bool FolderWalker::isWalked(int fd, const QByteArray &relative, dev_t device)
+{
+    // btrfs gives every subvolume a device number of its own; a mount point has one too.
+    QMutexLocker locker(&m_lock);
+    auto known = m_devices.constFind(device);
+    if (known == m_devices.cend()) {
+        std::optional<LeftOut::Reason> reason;
+        struct btrfs_ioctl_fs_info_args info { };
+        __u64 flags = 0;
+        if (m_fileSystem.isEmpty() || ::ioctl(fd, BTRFS_IOC_FS_INFO, &info) != 0
+            || QByteArrayView(reinterpret_cast<const char *>(info.fsid), sizeof info.fsid) != m_fileSystem)
+            reason = LeftOut::Reason::OtherFileSystem;
+        else if (::ioctl(fd, BTRFS_IOC_SUBVOL_GETFLAGS, &flags) != 0 || (flags & BTRFS_SUBVOL_RDONLY))
+            reason = LeftOut::Reason::ReadOnlySubvolume;
+        known = m_devices.insert(device, reason);
+    }
+    if (!known->has_value())
+        return true;
+    m_leftOut.append({relative, **known, 0});
+    return false;
+}
+
 bool FolderWalker::read(Folder *folder)
 {
     // Set by begin() while no read was in hand, so stable for this one.
@@ -141,6 +186,7 @@ bool FolderWalker::read(Folder *folder)
         // Gone meanwhile is no fault; too deep to name or not ours to read is.
         if (errno != ENOENT && errno != ENOTDIR) {
             const int error = errno;
+            leaveOut(folder->relative, LeftOut::Reason::Unreadable, error);
             QMutexLocker locker(&m_lock);
             m_unreadable.add(error);
         }
@@ -148,7 +194,8 @@ bool FolderWalker::read(Folder *folder)
     }
     struct stat st { };
     DIR *dir = nullptr;
-    if (::fstat(fd, &st) != 0 || st.st_dev != m_device || !(dir = ::fdopendir(fd))) {
+    if (::fstat(fd, &st) != 0 || (st.st_dev != m_device && !isWalked(fd, folder->relative, st.st_dev))
+        || !(dir = ::fdopendir(fd))) {
         ::close(fd);
         return false;
     }
@@ -168,7 +215,10 @@ bool FolderWalker::read(Folder *folder)
             folder->names.append(name, qsizetype(std::strlen(name)) + 1);
         } else if (type == DT_DIR) {
             const QByteArray subfolder(name);
-            if (!isExcluded(folder->relative.isEmpty() ? subfolder : folder->relative + '/' + subfolder))
+            const QByteArray relative = folder->relative.isEmpty() ? subfolder : folder->relative + '/' + subfolder;
+            if (isExcluded(relative))
+                leaveOut(relative, LeftOut::Reason::Excluded);
+            else
                 folder->subfolders.append(subfolder);
         }
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHash>
 #include <QList>
 #include <QMutex>
 #include <QWaitCondition>
@@ -12,11 +13,13 @@
 #include <sys/stat.h>
 
 // The one way through a folder tree, for the helper's first pass, its rescans and its look at
-// a changed folder, and for the report: every folder below a start folder, depth first, not
-// crossing into other file systems, leaving out folders the exclusion rules name. Files are
-// all listed: the rules are asked about a file only when it needs work (isExcluded), so a
-// rescan of files already handled costs no more than reading the folders. Paths are bytes
-// relative to the root folder ("" is the root itself).
+// a changed folder, and for the report: every folder below a start folder, depth first,
+// leaving out folders the exclusion rules name, other file systems and read-only btrfs
+// subvolumes (snapshots), and telling which it left out. A writable subvolume of the same
+// btrfs below the folder is part of it and is walked. Files are all listed: the rules are
+// asked about a file only when it needs work (isExcluded), so a rescan of files already
+// handled costs no more than reading the folders. Paths are bytes relative to the root folder
+// ("" is the root itself).
 //
 // Most of a rescan is the kernel looking up and stat'ing each file, one call at a time: a
 // reading thread of the walker's own, started once, reads folders ahead while the caller
@@ -44,6 +47,18 @@ public:
             if (count++ == 0)
                 firstError = error;
         }
+    };
+    // A folder below the start folder that was not walked, and why.
+    struct LeftOut {
+        enum class Reason {
+            Excluded, // by the exclusion rules
+            OtherFileSystem, // a mount point of another file system, or of another btrfs
+            ReadOnlySubvolume, // a snapshot (Snapper's ".snapshots", backup tools')
+            Unreadable, // not ours to read, or too deep to name: error says which
+        };
+        QByteArray relative;
+        Reason reason;
+        int error = 0;
     };
     using Visitor = std::function<void(const Folder &folder)>;
 
@@ -73,6 +88,8 @@ public:
 
     // Of the walk in progress, or the last one.
     Unreadable unreadable() const;
+    // What the walk in progress, or the last one, left out so far, in no particular order.
+    QList<LeftOut> leftOut() const;
 
 private:
     // Folders read but not yet taken: enough to keep the reading thread busy, few enough to
@@ -80,8 +97,12 @@ private:
     static constexpr std::size_t kReadAhead = 16;
 
     void readAhead();
-    // Reads folder->relative; false when it cannot be opened (or is on another file system).
+    // Reads folder->relative; false when it cannot be opened or is left out.
     bool read(Folder *folder);
+    // Whether a folder on another device than the root (another subvolume, or another file
+    // system) is walked; noted in leftOut when not.
+    bool isWalked(int fd, const QByteArray &relative, dev_t device);
+    void leaveOut(const QByteArray &relative, LeftOut::Reason reason, int error = 0);
     // With m_lock held: reads the last pending folder, unlocked meanwhile.
     void readPending(QMutexLocker<QMutex> &locker);
 
@@ -91,9 +112,12 @@ private:
     int m_rootFd = -1;
     QByteArray m_rootPath;
     dev_t m_device = 0;
+    QByteArray m_fileSystem; // the root's btrfs's UUID; empty on another file system
     bool m_whole = true;
     bool m_walking = false;
     Unreadable m_unreadable;
+    QList<LeftOut> m_leftOut;
+    QHash<dev_t, std::optional<LeftOut::Reason>> m_devices; // what was found for each
     QList<QByteArray> m_pending;
     std::deque<Folder> m_ready;
     int m_reading = 0;

@@ -4,7 +4,7 @@
 #include "btrfs/BtrfsLog.h"
 #include "platform/FileManager.h"
 
-#include <QDir>
+#include <QFileInfo>
 #include <QFile>
 
 #include <algorithm>
@@ -109,9 +109,7 @@ bool RescanCache::save(bool prune)
     const QString file = path();
     if (file.isEmpty())
         return false;
-    const QString dir = QFileInfo(file).absolutePath();
-    QDir().mkpath(dir);
-    QFile::setPermissions(dir, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    FileManager::createUserDirectory(QFileInfo(file).absolutePath());
     if (prune) {
         const auto gone = std::remove_if(m_records.begin(), m_records.end(), [](const Record &r) { return !r.seen; });
         if (gone != m_records.end()) {

@@ -7,8 +7,10 @@
 #include "common/Notifications.h"
 #include "common/VTDefaultsController.h"
 #include "common/VTPreferenceCommunicator.h"
+#include "common/VTExclusionRules.h"
 #include "common/VTUtil.h"
 #include "ctl/HistorySnapshot.h"
+#include "ctl/UsageReport.h"
 #include "platform/Bundle.h"
 #include "platform/DistributedNotificationCenter.h"
 #include "platform/FileManager.h"
@@ -34,12 +36,6 @@
 
 namespace {
 
-QString shown(const QByteArray &path)
-{
-    return FileManager::stringWithFileSystemRepresentation(path).value_or(
-        QString::fromLatin1(path.toPercentEncoding("/")));
-}
-
 // Byte counts stay integers in JSON; a sum past 2^63 is past any disk.
 QJsonValue byteCount(quint64 bytes)
 {
@@ -60,9 +56,33 @@ QString VantorCtl::usage()
                           "  remove PATH...     ask the helper to stop watching these folders\n"
                           "  on                 switch the helper on (and start it at login)\n"
                           "  off                switch the helper off (and not at login)\n"
+                          "  report [--json] [--depth N] PATH...\n"
+                          "                     what btrfs holds in these folders (on btrfs, any folder\n"
+                          "                     you may read) and their subfolders down to N levels:\n"
+                          "                       files and bytes: regular files, each counted once, and\n"
+                          "                         their size as ls shows it\n"
+                          "                       referenced: their data on btrfs, as compsize counts it\n"
+                          "                       on disk: what that takes, each extent once, compressed\n"
+                          "                         ones by their compressed size (compsize's Disk Usage)\n"
+                          "                       compressed, saving: data stored compressed, and what\n"
+                          "                         that saves\n"
+                          "                       would shrink, Vantor would save: plain data of the\n"
+                          "                         folder's own that compression would shrink, and by how\n"
+                          "                         much; would not shrink: the rest of it\n"
+                          "                       plain and shared: plain data shared with another file or\n"
+                          "                         a snapshot, which Vantor leaves as it is\n"
+                          "                       exclusive, shared: as btrfs filesystem du counts them\n"
+                          "                       no copy-on-write, swap files, excluded: files Vantor\n"
+                          "                         leaves as they are; unreadable: files you cannot read\n"
+                          "                       left out: other file systems, read-only subvolumes\n"
+                          "                         (snapshots), excluded and unreadable folders\n"
+                          "                     Compressed sizes come from a zstd model of btrfs's\n"
+                          "                     compression; in folders Vantor watches, from what the\n"
+                          "                     helper found, without reading the files.\n"
                           "\n"
                           "Options:\n"
                           "  --json             print one JSON document, byte counts as integers\n"
+                          "  --depth N          report subfolders down to N levels (default 0)\n"
                           "  --pane BUNDLE      use this Vantor.prefPane instead of the installed one\n"
                           "  -h, --help         show this help\n"
                           "\n"
@@ -99,12 +119,35 @@ int VantorCtl::run(const QList<QByteArray> &arguments)
             return usageError(QStringLiteral("%1 needs at least one PATH").arg(QString::fromUtf8(command)));
         return command == "add" ? add(args) : remove(args);
     }
+    if (command == "report") {
+        bool json = false;
+        int depth = 0;
+        while (!args.isEmpty() && args.first().startsWith("--")) {
+            const QByteArray option = args.takeFirst();
+            if (option == "--")
+                break;
+            bool number = true;
+            if (option == "--json")
+                json = true;
+            else if (option == "--depth" && !args.isEmpty())
+                depth = args.takeFirst().toInt(&number);
+            else if (option.startsWith("--depth="))
+                depth = option.mid(8).toInt(&number);
+            else
+                return usageError(QStringLiteral("report takes --json, --depth N and folders"));
+            if (!number || depth < 0)
+                return usageError(QStringLiteral("--depth takes a number of levels, 0 or more"));
+        }
+        if (args.isEmpty())
+            return usageError(QStringLiteral("report needs at least one PATH"));
+        return report(args, json, depth);
+    }
     if (command == "on" || command == "off") {
         if (!args.isEmpty())
             return usageError(QStringLiteral("%1 takes no arguments").arg(QString::fromUtf8(command)));
         return setActive(command == "on");
     }
-    return usageError(QStringLiteral("unknown command \"%1\"").arg(shown(command)));
+    return usageError(QStringLiteral("unknown command \"%1\"").arg(UsageReport::shown(command)));
 }
 
 int VantorCtl::status(bool json)
@@ -181,10 +224,10 @@ int VantorCtl::add(const QList<QByteArray> &paths)
         const QByteArray path = absolute(given);
         bool isDirectory = false;
         if (!FileManager::fileExistsAtFileSystemRepresentation(path, &isDirectory)) {
-            fail(QStringLiteral("%1: no such folder").arg(shown(path)));
+            fail(QStringLiteral("%1: no such folder").arg(UsageReport::shown(path)));
             refused = true;
         } else if (!isDirectory) {
-            fail(QStringLiteral("%1: not a folder").arg(shown(path)));
+            fail(QStringLiteral("%1: not a folder").arg(UsageReport::shown(path)));
             refused = true;
         } else {
             candidates.append(path);
@@ -249,11 +292,6 @@ int VantorCtl::setActive(bool active)
     const QString pane = paneBundle();
     if (pane.isEmpty())
         return Failed;
-    // The setting must land somewhere even on an account no Vantor program has run on yet.
-    if (QString error; !FileManager::ensureApplicationSupportDirectory(&error)) {
-        fail(error);
-        return Failed;
-    }
     const HelperLauncher launcher(Bundle::bundleWithPath(pane));
     const bool bus = DistributedNotificationCenter::defaultCenter()->isConnected();
     bool failed = false;
@@ -305,6 +343,40 @@ VantorCtl::HelperState VantorCtl::askHelper()
     if (reply.type() != QDBusMessage::ReplyMessage || answer.size() != 3)
         return {};
     return {answer.at(0).toString(), answer.at(1).toString(), answer.at(2).toString()};
+}
+
+int VantorCtl::report(const QList<QByteArray> &paths, bool json, int depth)
+{
+    HistorySnapshot history;
+    if (!readHistory(&history))
+        return Failed;
+    // The helper's own rules, from the helper inside the pane.
+    if (const Bundle *helper = Bundle::bundleWithPath(HelperIdentity::applicationPathInPane(m_paneBundle)))
+        VTExclusionRules::setRuleFileLocations({}, helper->resourcePath());
+    QList<QByteArray> watched;
+    for (const HistoryRecord &record : history.listed()) {
+        if (char *real = ::realpath(QFile::encodeName(record.folder).constData(), nullptr)) {
+            watched.append(real);
+            std::free(real);
+        }
+    }
+    UsageReport report(depth, watched, ::isatty(STDERR_FILENO));
+    bool failed = false;
+    bool reported = false;
+    for (const QByteArray &path : paths) {
+        QString error;
+        QByteArray folder = absolute(path);
+        while (folder.size() > 1 && folder.endsWith('/'))
+            folder.chop(1);
+        if (report.add(folder, &error))
+            reported = true;
+        else
+            fail(error);
+        failed |= !error.isEmpty();
+    }
+    if (reported)
+        print(json ? QString::fromUtf8(QJsonDocument(report.json()).toJson()) : report.text());
+    return failed ? Failed : Done;
 }
 
 // A script runs "vantorctl on && vantorctl add DIR": the helper must be listening before "on"

@@ -29,6 +29,7 @@ private:
     int add(const QList<QByteArray> &paths);
     int remove(const QList<QByteArray> &paths);
     int setActive(bool active);
+    int report(const QList<QByteArray> &paths, bool json, int depth);
 
     // The pane bundle: given with --pane, else the installed one. Empty with a message when none.
     QString paneBundle();

@@ -2,7 +2,6 @@
 #include "platform/FileManager.h"
 
 #include <QDateTime>
-#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
@@ -55,9 +54,7 @@ bool HelperLog::open()
     qInstallMessageHandler(logMessage);
     const QString file = path();
     if (!file.isEmpty()) {
-        const QString dir = QFileInfo(file).absolutePath();
-        QDir().mkpath(dir);
-        ::chmod(QFile::encodeName(dir).constData(), 0700);
+        FileManager::createUserDirectory(QFileInfo(file).absolutePath());
         m_fd = ::open(QFile::encodeName(file).constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
     }
     if (m_fd < 0) {

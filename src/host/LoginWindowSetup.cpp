@@ -2,6 +2,7 @@
 #include "host/HostLog.h"
 
 #include "platform/AtomicFile.h"
+#include "platform/FileManager.h"
 #include "platform/PreferencesDomain.h"
 #include "platform/ProcessInfo.h"
 
@@ -72,9 +73,9 @@ void LoginWindowSetup::ensureAutostartEntry()
         qCWarning(lcHost, "%s is missing; login items will not open at login", qPrintable(agent));
         return;
     }
-    QDir().mkpath(QFileInfo(path).path());
     QString error;
-    if (!AtomicFile::write(path, autostartEntry(agent), &error, 0644))
+    if (!FileManager::createUserDirectory(QFileInfo(path).path(), &error)
+        || !AtomicFile::write(path, autostartEntry(agent), &error, 0644))
         qCWarning(lcHost, "cannot write %s: %s", qPrintable(path), qPrintable(error));
 }
 

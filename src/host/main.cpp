@@ -1,6 +1,5 @@
 // vantor-preferences: the settings application that hosts the Vantor pane.
 
-#include "platform/FileManager.h"
 #include "host/HostLog.h"
 #include "host/HeadlessAlerts.h"
 #include "host/HostWindow.h"
@@ -56,8 +55,6 @@ int main(int argc, char *argv[])
     parser.process(app);
 
     ProcessInfo::processInfo()->installTerminationHandler();
-    if (QString error; !FileManager::ensureApplicationSupportDirectory(&error))
-        qCWarning(lcHost).noquote() << error;
     LoginWindowSetup::ensure();
 
     // A render nobody watches cannot wait for someone to dismiss an alert.

@@ -59,17 +59,30 @@ QString madeTemporaryDirectory()
 
 } // namespace
 
-bool FileManager::ensureApplicationSupportDirectory(QString *error)
+bool FileManager::createUserDirectory(const QString &path, QString *error)
 {
-    const QStringList dirs = applicationSupportDirectories();
-    if (dirs.isEmpty() || QDir().exists(dirs.first()))
+    const QByteArray target = QFile::encodeName(QDir::cleanPath(path));
+    struct stat st = {};
+    if (::stat(target.constData(), &st) == 0 && S_ISDIR(st.st_mode))
         return true;
-    if (!QDir().mkpath(dirs.first())) {
+    for (qsizetype slash = target.indexOf('/', 1);; slash = target.indexOf('/', slash + 1)) {
+        const QByteArray folder = slash < 0 ? target : target.left(slash);
+        if (::mkdir(folder.constData(), 0700) != 0 && errno != EEXIST) {
+            if (error)
+                *error = QStringLiteral("cannot create %1: %2")
+                             .arg(QFile::decodeName(folder), QString::fromLocal8Bit(std::strerror(errno)));
+            return false;
+        }
+        if (slash < 0)
+            break;
+    }
+    // EEXIST for a file in the way.
+    if (::stat(target.constData(), &st) != 0 || !S_ISDIR(st.st_mode)) {
         if (error)
-            *error = QStringLiteral("cannot create %1").arg(dirs.first());
+            *error = QStringLiteral("cannot create %1: %2").arg(path, QString::fromLocal8Bit(std::strerror(ENOTDIR)));
         return false;
     }
-    return QFile::setPermissions(dirs.first(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    return true;
 }
 
 QString FileManager::userDirectory(const char *variable, const QString &belowHome)
@@ -86,7 +99,10 @@ QString FileManager::userDirectory(const char *variable, const QString &belowHom
 QStringList FileManager::applicationSupportDirectories()
 {
     const QString dataHome = userDirectory("XDG_DATA_HOME", QStringLiteral(".local/share"));
-    return dataHome.isEmpty() ? QStringList() : QStringList{dataHome};
+    if (dataHome.isEmpty())
+        return {};
+    createUserDirectory(dataHome);
+    return {dataHome};
 }
 
 QString FileManager::temporaryDirectory()

@@ -16,14 +16,18 @@ class VANTOR_PLATFORM_EXPORT FileManager
 public:
     // The user's application-data folders, most important first: $XDG_DATA_HOME when it is
     // an absolute path, else $HOME/.local/share when $HOME is absolute; empty when neither is.
+    // The original platform's Application Support folder always exists; a fresh account (a new
+    // user, a server reached over ssh) may lack this one, so the first is made here when
+    // missing (createUserDirectory). A folder that cannot be made is still returned: what is
+    // to be made inside it fails and says so.
     static QStringList applicationSupportDirectories();
     // An XDG base folder: $variable when it is an absolute path, else $HOME/belowHome when
     // $HOME is absolute; empty when neither is.
     static QString userDirectory(const char *variable, const QString &belowHome);
-    // The desktop keeps the first of those before any application runs, as the original
-    // platform keeps Application Support. A fresh account may lack it, so a program that is
-    // the user's first (the host, the command line) makes it, 0700 as the XDG rules ask.
-    static bool ensureApplicationSupportDirectory(QString *error = nullptr);
+    // Makes path and every missing folder above it, each 0700, as the XDG base-directory rules
+    // ask of a missing base folder; folders that exist keep their permissions. False with
+    // *error ("cannot create PATH: why") when it cannot.
+    static bool createUserDirectory(const QString &path, QString *error = nullptr);
 
     // A folder only this user can reach, ending in '/': $XDG_RUNTIME_DIR/vantor/ (made 0700,
     // and used only while it is ours, a real folder and 0700), else a fresh mkdtemp folder

@@ -1,15 +1,12 @@
 #include "platform/PreferencesDomain.h"
 #include "platform/PlatformLog.h"
 
+#include "platform/FileManager.h"
 #include "platform/PropertyList.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-
-#include <cerrno>
-#include <cstring>
-#include <sys/stat.h>
 
 namespace {
 
@@ -86,13 +83,9 @@ bool PreferencesDomain::synchronize()
     if (values == before)
         return true;
 
-    const QByteArray dir = QFile::encodeName(directory());
-    if (!QFileInfo::exists(directory())) {
-        if (!QDir().mkpath(directory())) {
-            qCWarning(lcPlatform, "cannot create %s: %s", dir.constData(), std::strerror(errno));
-            return false;
-        }
-        ::chmod(dir.constData(), 0700);
+    if (QString error; !FileManager::createUserDirectory(directory(), &error)) {
+        qCWarning(lcPlatform, "%s", qPrintable(error));
+        return false;
     }
     QString error;
     if (!PropertyList::writeFile(filePath(), values, &error)) {

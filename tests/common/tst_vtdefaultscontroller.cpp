@@ -40,6 +40,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("expectedBase"); // relative to the test root
 
         QTest::newRow("XDG_DATA_HOME") << QByteArray("@/data") << QByteArray("@/home") << "/data";
+        // A fresh account: the platform makes the application-data folder, as the XDG rules ask.
+        QTest::newRow("XDG_DATA_HOME not made yet")
+            << QByteArray("@/new/share") << QByteArray("@/home") << "/new/share";
         QTest::newRow("relative XDG_DATA_HOME is ignored")
             << QByteArray("rel/data") << QByteArray("@/home") << "/home/.local/share";
         QTest::newRow("unset XDG_DATA_HOME") << QByteArray() << QByteArray("@/home") << "/home/.local/share";
@@ -68,13 +71,14 @@ private Q_SLOTS:
     // A folder that cannot be made yet is asked for again; one found is kept, not looked up again.
     void missingParentFailsAndRetries()
     {
-        const QString missing = m_env.root() + QStringLiteral("/not-yet/share");
+        // A file stands where the application-data folder would be made.
+        const QString blocked = m_env.root() + QStringLiteral("/not-yet"), missing = blocked + QStringLiteral("/share");
+        TestEnvironment::writeFile(blocked, "x");
         qputenv("XDG_DATA_HOME", QFile::encodeName(missing));
         QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("cannot create the product folder")));
         QVERIFY(VTUtil::applicationSupportFolder().isEmpty());
-        QVERIFY(!QFileInfo::exists(missing)); // no intermediate folders
 
-        QVERIFY(QDir().mkpath(missing));
+        QVERIFY(QFile::remove(blocked));
         const QString folder = missing + QStringLiteral("/Vantor");
         QCOMPARE(VTUtil::applicationSupportFolder(), folder);
         QVERIFY(QDir(folder).removeRecursively());

@@ -4,6 +4,7 @@
 #include "common/HelperIdentity.h"
 #include "common/Notifications.h"
 #include "platform/DistributedNotificationCenter.h"
+#include "platform/FileManager.h"
 #include "platform/PreferencesDomain.h"
 #include "platform/PropertyList.h"
 #include "TestEnvironment.h"
@@ -110,6 +111,10 @@ private Q_SLOTS:
         const auto helpers = [] { return TestEnvironment::processesOnThisBus(TestEnvironment::helperExecutable()); };
         const QStringList arguments{u"--pane"_s, TestEnvironment::paneBundle(), u"--screenshot"_s, png()};
         QCOMPARE(TestEnvironment::run(TestEnvironment::hostExecutable(), arguments, environment()).exitCode, 0);
+        // A fresh account: the folders made for it are the user's alone, as the XDG rules ask.
+        for (const char *made : {"/.local", "/.local/share", "/.config"})
+            QCOMPARE(FileManager::posixPermissionsOfItemAtPath(m_home->path() + QLatin1String(made)).value_or(0),
+                     0700u);
         QTRY_COMPARE(helpers().size(), 1);
         const QMap<int, QList<QByteArray>> first = helpers();
         // Started by its clean path (the helper's own output is tested with the helper).
