@@ -18,6 +18,7 @@ void ExtentMap::append(QList<Range> &ranges, qint64 start, qint64 length)
 bool ExtentMap::read(int fd, bool sync)
 {
     m_plainOwn.clear();
+    m_unwritten.clear();
     m_encoded.clear();
     m_placed.clear();
     m_unplaced.clear();
@@ -59,8 +60,11 @@ bool ExtentMap::read(int fd, bool sync)
                     append(m_unplaced, logical, length);
             } else if (extent.fe_flags & FIEMAP_EXTENT_SHARED)
                 m_plainShared += length;
-            else if (!(extent.fe_flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_UNWRITTEN)))
+            else if (!(extent.fe_flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_UNWRITTEN))) {
                 append(m_plainOwn, logical, length);
+                if (extent.fe_flags & FIEMAP_EXTENT_DELALLOC)
+                    append(m_unwritten, logical, length);
+            }
             if (extent.fe_flags & FIEMAP_EXTENT_LAST)
                 return true;
             start = extent.fe_logical + extent.fe_length;

@@ -42,6 +42,9 @@ public:
     // The file's own plain ranges, neighbours merged: the only ones worth rewriting. Shared
     // ones stay as they are, so the other owner keeps sharing them.
     const QList<Range> &plainOwn() const { return m_plainOwn; }
+    // Of those, data still only in memory, waiting to be written: btrfs's defragment call
+    // passes over it, it is compressed as it is written out.
+    const QList<Range> &unwritten() const { return m_unwritten; }
     const QList<Range> &encoded() const { return m_encoded; }
     // Compressed extents with a place on disk, one by one; the rest of encoded() (inline
     // data) is the file's alone.
@@ -67,6 +70,7 @@ private:
     static void append(QList<Range> &ranges, qint64 start, qint64 length);
 
     QList<Range> m_plainOwn;
+    QList<Range> m_unwritten;
     QList<Range> m_encoded;
     QList<Placed> m_placed;
     QList<Range> m_unplaced;

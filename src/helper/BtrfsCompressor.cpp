@@ -106,6 +106,19 @@ BtrfsCompressor::Result BtrfsCompressor::compressPiece(int fd, qint64 start, qin
     return Result::Compressed;
 }
 
+BtrfsCompressor::Result BtrfsCompressor::writeOutPiece(int fd, qint64 start, qint64 length, qint64 *done)
+{
+    *done = 0;
+    if (FreeSpaceGuard::room(fd) < FreeSpaceGuard::kMinRoom)
+        return Result::NoSpace;
+    if (::sync_file_range(fd, start, length,
+                          SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER)
+        != 0)
+        return errno == ENOSPC ? Result::NoSpace : Result::Failed;
+    *done = length;
+    return Result::Compressed;
+}
+
 void BtrfsCompressor::lowerThreadPriority()
 {
     // With who = process and id 0 these act on the calling thread only.

@@ -20,9 +20,10 @@ public:
     // The file system's type name as the mount table gives it ("ext4", "xfs", ...).
     static QString fileSystemName(const QByteArray &path);
 
-    // Sets the "btrfs.compression" property to zstd on a folder: new files inherit it. Files
-    // rewritten do not get it: setting it is a change the watch would hear, and later writes
-    // to them are seen and compressed anyway.
+    // Sets the "btrfs.compression" property to zstd on a folder (new files inherit it) or a
+    // file. A file gets it only while it has data not yet written: btrfs compresses that as
+    // it writes it out, where its defragment call would pass over it. Setting it is a change
+    // the watch hears, and later writes to files are seen and compressed anyway.
     static bool setCompressionProperty(int fd);
     // Sets it only where it is not set yet: a rescan then changes nothing on disk.
     static bool ensureCompressionProperty(int fd);
@@ -37,6 +38,9 @@ public:
     // With little free space the piece is smaller and committed at once, so the old extents
     // are freed before the next. fd must be open read-only.
     static Result compressPiece(int fd, qint64 start, qint64 length, qint64 *done);
+    // Writes out a piece of data still waiting in memory, for a file with the property set,
+    // so it is compressed on the way; returns once it is on disk.
+    static Result writeOutPiece(int fd, qint64 start, qint64 length, qint64 *done);
 
     // Idle CPU priority for the calling thread, so that any other task runs first, and the
     // lowest best-effort I/O priority (the idle class would starve its reads behind the

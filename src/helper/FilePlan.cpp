@@ -46,6 +46,7 @@ FilePlan FilePlan::open(const JobTag &tag, int rootFd, const QByteArray &path, c
     plan.m_compressed = map.placed();
     plan.m_inline = map.unplaced();
     plan.m_plain = map.plainOwn();
+    plan.m_unwritten = map.unwritten();
     plan.m_figures.sharedPlain = map.plainShared();
     return plan;
 }
@@ -71,6 +72,7 @@ FilePlan &FilePlan::operator=(FilePlan &&other) noexcept
     m_compressed = std::move(other.m_compressed);
     m_inline = std::move(other.m_inline);
     m_plain = std::move(other.m_plain);
+    m_unwritten = std::move(other.m_unwritten);
     m_nextCompressed = other.m_nextCompressed;
     m_nextPlain = other.m_nextPlain;
     m_plainOffset = other.m_plainOffset;

@@ -62,6 +62,8 @@ public:
     bool knownSkip() const { return m_knownSkip; }
     // The ranges worth rewriting, and what rewriting them would save.
     const QList<ExtentMap::Range> &ranges() const { return m_ranges; }
+    // Of the file's data, what is still waiting in memory to be written.
+    const QList<ExtentMap::Range> &unwritten() const { return m_unwritten; }
     qint64 estimated() const { return m_estimated; }
     bool hadCompressedData() const { return !m_figures.extents.isEmpty() || m_figures.inlineSavings > 0; }
     const RescanCache::Figures &figures() const { return m_figures; }
@@ -87,6 +89,7 @@ private:
     QList<ExtentMap::Placed> m_compressed; // already compressed extents, to be estimated
     QList<ExtentMap::Range> m_inline; // compressed data without a place of its own
     QList<ExtentMap::Range> m_plain; // the file's own plain data
+    QList<ExtentMap::Range> m_unwritten;
     qsizetype m_nextCompressed = 0;
     qsizetype m_nextPlain = 0;
     qint64 m_plainOffset = 0;

@@ -79,6 +79,8 @@ void Rewriter::step()
             schedule(0);
             return;
         }
+        if (!m_current->unwritten().isEmpty())
+            BtrfsCompressor::setCompressionProperty(m_current->fd());
     }
     if (!BtrfsCompressor::holdsLease(m_current->fd())) {
         finish(FilePlan::Result::InUse);
@@ -89,8 +91,14 @@ void Rewriter::step()
     QElapsedTimer clock;
     clock.start();
     qint64 done = 0;
-    const BtrfsCompressor::Result result = BtrfsCompressor::compressPiece(
-        m_current->fd(), range.start + m_offset, qMin(m_pace.stepBytes, range.length - m_offset), &done);
+    const ExtentMap::Range piece{range.start + m_offset, qMin(m_pace.stepBytes, range.length - m_offset)};
+    // Data still in memory is compressed as it is written out; what is on disk is rewritten.
+    const qint64 unwritten = ExtentMap::overlap(piece, m_current->unwritten());
+    BtrfsCompressor::Result result = BtrfsCompressor::Result::Compressed;
+    if (unwritten > 0)
+        result = BtrfsCompressor::writeOutPiece(m_current->fd(), piece.start, piece.length, &done);
+    if (unwritten < piece.length && result == BtrfsCompressor::Result::Compressed)
+        result = BtrfsCompressor::compressPiece(m_current->fd(), piece.start, piece.length, &done);
     const int error = errno;
     const qint64 tookMs = clock.elapsed();
     m_offset += done;
