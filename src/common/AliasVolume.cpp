@@ -93,6 +93,19 @@ std::optional<AliasVolume> AliasVolume::containing(const QByteArray &path, const
 
 QByteArray AliasVolume::uuid() const
 {
+    // btrfs tells any user its UUID; libblkid must read the device, which only root may, and
+    // otherwise answers from its cache, which may describe whatever the device held before.
+    if (fsType == "btrfs") {
+        struct btrfs_ioctl_fs_info_args info = {};
+        const int fd = ::open(mountPoint.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const bool ok = fd >= 0 && ::ioctl(fd, BTRFS_IOC_FS_INFO, &info) == 0;
+        if (fd >= 0)
+            ::close(fd);
+        if (ok) {
+            const QByteArray hex = QByteArray(reinterpret_cast<const char *>(info.fsid), BTRFS_FSID_SIZE).toHex();
+            return hex.left(8) + '-' + hex.mid(8, 4) + '-' + hex.mid(12, 4) + '-' + hex.mid(16, 4) + '-' + hex.mid(20);
+        }
+    }
     return blkidTag(source, "UUID");
 }
 
