@@ -167,8 +167,8 @@ int VantorCtl::status(bool json)
         document.insert(QStringLiteral("waitingFor"), state.reason.isEmpty() ? QJsonValue() : state.reason);
         print(QString::fromUtf8(QJsonDocument(document).toJson()));
     } else {
-        QString helper = bus ? (running ? QStringLiteral("running") : QStringLiteral("not running"))
-                             : QStringLiteral("unknown");
+        QString helper =
+            bus ? (running ? QStringLiteral("running") : QStringLiteral("not running")) : QStringLiteral("unknown");
         if (!state.description.isEmpty())
             helper += QStringLiteral(", ") + state.description;
         print(QStringLiteral("Helper: %1\nActive: %2\nTotal saved: %3\n")

@@ -10,7 +10,7 @@
 #include "helper/HelperLog.h"
 #include "helper/LoadSampler.h"
 #include "helper/RescanSchedule.h"
-#include "helper/Rewriter.h"
+#include "helper/FileCompressor.h"
 #include "helper/SavingsModel.h"
 #include "helper/WatchedFolder.h"
 
@@ -30,8 +30,7 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     , m_savings(savings)
     , m_notifier(notifier)
     , m_watch(watch)
-    , m_worker(new CompressionWorker)
-    , m_rewriter(new Rewriter)
+    , m_worker(nullptr)
     , m_rescan(
           new RescanSchedule([this] { return hasWork(); }, RescanSchedule::kIntervalMs, RescanSchedule::kDeferMs, this))
     , m_pacer(int(std::max(1u, std::thread::hardware_concurrency())))
@@ -42,19 +41,27 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     qRegisterMetaType<FilePlanPtr>();
     qRegisterMetaType<QList<SeenFolder>>();
     qRegisterMetaType<QList<FileDone>>();
+    // One file compressor per processor: on a quiet machine all work side by side.
+    for (int i = 0; i < int(std::max(1u, std::thread::hardware_concurrency())); ++i) {
+        auto thread = std::make_unique<QThread>();
+        auto *compressor = new FileCompressor;
+        compressor->moveToThread(thread.get());
+        thread->start();
+        QMetaObject::invokeMethod(compressor, &FileCompressor::start, Qt::QueuedConnection);
+        m_compressors.append(compressor);
+        m_compressorThreads.push_back(std::move(thread));
+    }
+    m_worker = new CompressionWorker(m_compressors);
     m_worker->moveToThread(&m_workerThread);
-    m_rewriter->moveToThread(&m_rewriterThread);
-    connect(m_worker, &CompressionWorker::rewrite, m_rewriter, &Rewriter::rewrite);
-    connect(m_rewriter, &Rewriter::rewritten, m_worker, &CompressionWorker::rewritten);
+    for (FileCompressor *compressor : std::as_const(m_compressors))
+        connect(compressor, &FileCompressor::handed, m_worker, &CompressionWorker::handed);
     connect(m_worker, &CompressionWorker::jobStarted, this, &CompressionEngine::jobStarted);
     connect(m_worker, &CompressionWorker::foldersSeen, this, &CompressionEngine::foldersSeen);
     connect(m_worker, &CompressionWorker::walked, this, &CompressionEngine::walked);
     connect(m_worker, &CompressionWorker::filesDone, this, &CompressionEngine::filesDone);
     connect(m_worker, &CompressionWorker::jobEnded, this, &CompressionEngine::jobEnded);
     m_workerThread.start();
-    m_rewriterThread.start();
     QMetaObject::invokeMethod(m_worker, &CompressionWorker::start, Qt::QueuedConnection);
-    QMetaObject::invokeMethod(m_rewriter, &BtrfsCompressor::lowerThreadPriority, Qt::QueuedConnection);
 
     connect(m_watch, &FolderWatch::changed, this, &CompressionEngine::changed);
     connect(m_watch, &FolderWatch::folderMoved, this, &CompressionEngine::folderMoved);
@@ -85,11 +92,15 @@ CompressionEngine::~CompressionEngine()
             delete worker;
         },
         Qt::BlockingQueuedConnection);
-    QMetaObject::invokeMethod(m_rewriter, [rewriter = m_rewriter] { delete rewriter; }, Qt::BlockingQueuedConnection);
-    m_rewriterThread.quit();
-    m_rewriterThread.wait();
     m_workerThread.quit();
     m_workerThread.wait();
+    for (qsizetype i = 0; i < m_compressors.size(); ++i) {
+        QMetaObject::invokeMethod(
+            m_compressors.at(i), [compressor = m_compressors.at(i)] { delete compressor; },
+            Qt::BlockingQueuedConnection);
+        m_compressorThreads.at(i)->quit();
+        m_compressorThreads.at(i)->wait();
+    }
     m_folders.clear();
     m_savings->flush();
 }
@@ -170,8 +181,9 @@ void CompressionEngine::forget(qint64 id)
     m_watch->unwatchAll(id);
     QMetaObject::invokeMethod(
         m_worker, [worker = m_worker, id] { worker->cancel(id); }, Qt::QueuedConnection);
-    QMetaObject::invokeMethod(
-        m_rewriter, [rewriter = m_rewriter, id] { rewriter->cancel(id); }, Qt::QueuedConnection);
+    for (FileCompressor *compressor : std::as_const(m_compressors))
+        QMetaObject::invokeMethod(
+            compressor, [compressor, id] { compressor->cancel(id); }, Qt::QueuedConnection);
     update();
 }
 
@@ -263,6 +275,8 @@ void CompressionEngine::jobStarted(const JobTag &tag, const QByteArray &relative
     if (whole)
         folder->tally.dropBelow(relative);
     folder->wholePass = whole && relative.isEmpty();
+    folder->files = 0;
+    folder->filesDone = 0;
 }
 
 void CompressionEngine::foldersSeen(const JobTag &tag, const QList<SeenFolder> &folders)
@@ -305,8 +319,9 @@ void CompressionEngine::walked(const JobTag &tag, const WalkEnd &end)
     // The folder itself has gone; its parent's next look drops it, or it is the watched one.
     if (!end.found)
         folder->tally.dropBelow(end.relative);
+    // Files handled while the walk went on are counted already; those it knew from the cache now.
     folder->files = end.files;
-    folder->filesDone = end.files - end.todo;
+    folder->filesDone += end.files - end.todo;
     for (auto it = end.unsettled.cbegin(); it != end.unsettled.cend(); ++it)
         folder->settle.add(it.key(), it.value());
     record(folder, false);
@@ -466,8 +481,9 @@ void CompressionEngine::update()
         m_pace = pace;
         QMetaObject::invokeMethod(
             m_worker, [worker = m_worker, pace] { worker->setPace(pace); }, Qt::QueuedConnection);
-        QMetaObject::invokeMethod(
-            m_rewriter, [rewriter = m_rewriter, pace] { rewriter->setPace(pace); }, Qt::QueuedConnection);
+        for (FileCompressor *compressor : std::as_const(m_compressors))
+            QMetaObject::invokeMethod(
+                compressor, [compressor, pace] { compressor->setPace(pace); }, Qt::QueuedConnection);
     }
     // The machine is read only while there is work it could hold up: nothing is polled otherwise.
     if (work && pace.go && !m_sampler.isActive()) {
@@ -512,8 +528,8 @@ QString CompressionEngine::describe(const Status &status)
     case Activity::Waiting:
         break;
     }
-    static const char *const why[] = {"", "switched off", "on battery power", "power saver mode",
-                                      "the machine is busy", "too little free space"};
+    static const char *const why[] = {
+        "", "switched off", "on battery power", "power saver mode", "the machine is busy", "too little free space"};
     return QStringLiteral("waiting: %1").arg(QLatin1String(why[int(status.reason)]));
 }
 

@@ -9,13 +9,14 @@
 #include <QTimer>
 
 #include <map>
+#include <vector>
 #include <memory>
 
 class CompressionWorker;
 class DesktopNotifier;
 class FolderWatch;
 class RescanSchedule;
-class Rewriter;
+class FileCompressor;
 class SavingsModel;
 class WatchedFolder;
 
@@ -26,9 +27,10 @@ class WatchedFolder;
 // is followed, and its record updated. On a file system without transparent compression the
 // record is closed at once (status 100, savings 0) and the user is told why.
 //
-// Each folder's state is one WatchedFolder, owned here. The compression thread plans and
-// verifies, the rewriting thread hands work to the kernel at the pace the pacer sets; both hear
-// from here by queued calls and answer by signals, and share nothing with this thread.
+// Each folder's state is one WatchedFolder, owned here. The compression thread walks and hands
+// files to the file compressors, which estimate, hand work to the kernel at the pace the pacer
+// sets and read back what it stored; all hear from here by queued calls and answer by signals,
+// and share nothing with this thread.
 class CompressionEngine : public QObject
 {
     Q_OBJECT
@@ -36,7 +38,7 @@ public:
     // While the watch limit keeps part of a folder unwatched.
     static constexpr int kLimitedRescanMs = 15 * 60 * 1000;
     // How often the machine's load is read while there is work.
-    static constexpr int kSampleMs = 250;
+    static constexpr int kSampleMs = 100;
 
     enum class Activity { Idle, Working, Waiting };
     enum class Reason { None, SwitchedOff, Battery, PowerSaver, BusyMachine, DiskSpace };
@@ -108,9 +110,9 @@ private:
     std::map<qint64, std::unique_ptr<WatchedFolder>> m_folders;
     quint64 m_generations = 0;
     QThread m_workerThread;
-    QThread m_rewriterThread;
+    std::vector<std::unique_ptr<QThread>> m_compressorThreads;
+    QList<FileCompressor *> m_compressors; // each lives in its thread
     CompressionWorker *m_worker;
-    Rewriter *m_rewriter;
     RescanSchedule *m_rescan;
     Pacer m_pacer;
     Pacer::Pace m_pace;

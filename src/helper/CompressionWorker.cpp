@@ -1,6 +1,7 @@
 #include "helper/CompressionWorker.h"
 
 #include "helper/BtrfsCompressor.h"
+#include "helper/FileCompressor.h"
 #include "helper/FreeSpaceGuard.h"
 #include "helper/HelperLog.h"
 #include "helper/SavingsTally.h"
@@ -37,8 +38,10 @@ constexpr qsizetype kBatch = 256;
 
 } // namespace
 
-CompressionWorker::CompressionWorker(QObject *parent)
+CompressionWorker::CompressionWorker(const QList<FileCompressor *> &compressors, QObject *parent)
     : QObject(parent)
+    , m_compressors(compressors)
+    , m_loads(compressors.size(), 0)
     , m_cacheTimer(this) // moves to the thread with its owner
 {
     m_cacheTimer.setSingleShot(true);
@@ -92,9 +95,8 @@ void CompressionWorker::cancel(qint64 id)
     }
     if (!m_job || m_job->job.tag.id != id)
         return;
-    // Plans at the rewriting thread come back cancelled; the job ends once they have.
+    // Plans at the compressors come back cancelled; the job ends once they have.
     m_job->cancelled = true;
-    m_job->planning.reset();
     m_job->sorted.clear();
     m_walker.end();
     schedulePump();
@@ -142,11 +144,12 @@ void CompressionWorker::pump()
             return;
         beginJob();
     }
+    // Files found are handed on while the walk goes on, so the compressors start at once.
     QElapsedTimer clock;
     clock.start();
     if (m_job->walking)
         walkSlice(clock);
-    else if (!m_job->cancelled && !m_job->noSpace && m_pace.go)
+    if (!m_job->cancelled && !m_job->noSpace && m_pace.go)
         planSlice(clock); // while held, nothing is read for estimates either
     sendProgress();
     if (jobDone())
@@ -161,9 +164,8 @@ bool CompressionWorker::canGoOn() const
     const Running &job = *m_job;
     if (job.walking)
         return true;
-    const bool more = job.next < job.todo.size() || job.planning || !job.sorted.empty();
-    return more && m_pace.go && !job.cancelled && !job.noSpace && job.inFlight < kPlansAhead
-        && job.bytesInFlight < kBytesAhead;
+    const bool more = job.next < job.todo.size() || (job.inFlight == 0 && !job.sorted.empty());
+    return more && m_pace.go && !job.cancelled && !job.noSpace && freeCompressor() >= 0;
 }
 
 void CompressionWorker::beginJob()
@@ -174,6 +176,8 @@ void CompressionWorker::beginJob()
     m_job.emplace(job, rootPath);
     m_job->walkEnd.relative = job.relative;
     m_walker.begin(job.rootFd, rootPath, job.relative, job.whole);
+    // Low on room: everything is estimated before anything is rewritten.
+    m_job->low = FreeSpaceGuard::room(job.rootFd) < FreeSpaceGuard::kLowRoom;
     Q_EMIT jobStarted(job.tag, job.relative, job.whole);
 }
 
@@ -181,7 +185,8 @@ void CompressionWorker::walkSlice(const QElapsedTimer &clock)
 {
     Running &job = *m_job;
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
-    while (clock.elapsed() < kSliceMs) {
+    // Half a slice: the other half hands on what was found.
+    while (clock.elapsed() < kSliceMs / 2) {
         const std::optional<FolderWalker::Folder> folder = m_walker.next();
         if (!folder) {
             const FolderWalker::Unreadable unreadable = m_walker.unreadable();
@@ -191,8 +196,6 @@ void CompressionWorker::walkSlice(const QElapsedTimer &clock)
             job.walkEnd.files = job.files;
             job.walkEnd.todo = job.todo.size();
             job.report.unreadable(unreadable.count, unreadable.firstError);
-            // Low on room: everything is planned before anything is rewritten.
-            job.low = FreeSpaceGuard::room(job.job.rootFd) < FreeSpaceGuard::kLowRoom;
             Q_EMIT foldersSeen(job.job.tag, std::exchange(job.seen, {}));
             Q_EMIT walked(job.job.tag, job.walkEnd);
             return;
@@ -229,131 +232,150 @@ void CompressionWorker::walkSlice(const QElapsedTimer &clock)
         Q_EMIT foldersSeen(job.job.tag, std::exchange(job.seen, {}));
 }
 
+int CompressionWorker::freeCompressor() const
+{
+    int best = -1;
+    const int usable = std::min<int>(m_pace.parallel, int(m_compressors.size()));
+    for (int i = 0; i < usable; ++i) {
+        if (m_loads.at(i) < kQueuedPerCompressor && (best < 0 || m_loads.at(i) < m_loads.at(best)))
+            best = i;
+    }
+    return best;
+}
+
 void CompressionWorker::planSlice(const QElapsedTimer &clock)
 {
     Running &job = *m_job;
-    while (clock.elapsed() < kSliceMs && job.inFlight < kPlansAhead && job.bytesInFlight < kBytesAhead
-           && !job.noSpace) {
-        if (!job.planning) {
-            if (job.next < job.todo.size()) {
-                const Todo &todo = job.todo.at(job.next++);
-                job.planning.emplace(FilePlan::open(job.job.tag, job.job.rootFd, todo.path, todo.folder, m_skipped));
-            } else if (!job.sorted.empty()) {
-                // Every file planned: those that free most first, each taken up again.
-                FilePlanPtr plan = job.sorted.front();
-                job.sorted.pop_front();
-                if (plan->reopen(job.job.rootFd))
-                    dispatch(plan);
-                continue;
-            } else {
-                return;
-            }
+    while (clock.elapsed() < kSliceMs && !job.noSpace) {
+        const int compressor = freeCompressor();
+        if (compressor < 0)
+            return;
+        if (job.next < job.todo.size()) {
+            const Todo &todo = job.todo.at(job.next++);
+            FilePlanPtr plan = FilePlan::open(job.job.tag, job.job.rootFd, todo.path, todo.folder, m_skipped);
+            if (!handledAtOnce(*plan))
+                dispatch(compressor, plan, job.low);
+            continue;
         }
-        if (!job.planning->estimate(m_model, kSliceMs - clock.elapsed()))
-            return; // a big file: on in the next slice
-        planned(std::move(*job.planning));
-        job.planning.reset();
-        if (job.low && job.next == job.todo.size() && !job.planning)
+        // A nearly full disk: every file estimated, then those that free most first, one at a time.
+        if (!job.low || job.walking || job.inFlight > 0 || job.sorted.empty())
+            return;
+        if (!job.sortedOnce) {
+            job.sortedOnce = true;
             std::stable_sort(job.sorted.begin(), job.sorted.end(), [](const FilePlanPtr &a, const FilePlanPtr &b) {
                 return a->estimated() > b->estimated();
             });
+        }
+        FilePlanPtr plan = job.sorted.front();
+        job.sorted.pop_front();
+        if (plan->reopen(job.job.rootFd))
+            dispatch(0, plan, false);
     }
 }
 
-void CompressionWorker::planned(FilePlan plan)
+bool CompressionWorker::handledAtOnce(FilePlan &plan)
 {
     Running &job = *m_job;
     if (!plan.isOpen()) {
         if (plan.error() != 0)
             job.report.unreadable(1, plan.error());
-        return; // gone meanwhile: its folder's next look drops it
+        return true; // gone meanwhile: its folder's next look drops it
     }
-    if (plan.skip()) {
-        job.report.skipped(plan.path(), *plan.skip(), plan.knownSkip());
-        done(plan, true);
-        return;
-    }
-    job.report.shared(plan.figures().sharedPlain);
-    if (!plan.ranges().isEmpty()) {
-        FilePlanPtr shared = std::make_shared<FilePlan>(std::move(plan));
-        if (job.low) {
-            shared->closeFile();
-            job.sorted.push_back(shared);
-        } else {
-            dispatch(shared);
-        }
-        return;
-    }
-    if (plan.hadCompressedData())
-        job.report.alreadyCompressed();
-    else if (plan.figures().sharedPlain == 0)
-        job.report.wouldNotShrink();
+    if (!plan.skip())
+        return false;
+    job.report.skipped(plan.path(), *plan.skip(), plan.knownSkip());
     done(plan, true);
+    return true;
 }
 
-void CompressionWorker::dispatch(const FilePlanPtr &plan)
+void CompressionWorker::dispatch(int compressor, const FilePlanPtr &plan, bool estimateOnly)
 {
     Running &job = *m_job;
-    // New files inherit the property from their folder; only a folder with plain data of its
-    // own gets it: in a snapshot its metadata is shared too.
-    if (!job.propertySet.contains(plan->folder())) {
-        job.propertySet.append(plan->folder());
-        const int folderFd =
-            FolderWalker::openNoAtime(job.job.rootFd, plan->folder().isEmpty() ? "." : plan->folder().constData(),
-                                      O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-        if (folderFd >= 0) {
-            BtrfsCompressor::ensureCompressionProperty(folderFd);
-            ::close(folderFd);
-        }
-    }
     ++job.inFlight;
-    job.bytesInFlight += ExtentMap::bytes(plan->ranges());
-    Q_EMIT rewrite(plan);
+    ++m_loads[compressor];
+    plan->compressor = compressor;
+    QMetaObject::invokeMethod(
+        m_compressors.at(compressor),
+        [target = m_compressors.at(compressor), plan, estimateOnly] { target->take(plan, estimateOnly); },
+        Qt::QueuedConnection);
 }
 
-void CompressionWorker::rewritten(const FilePlanPtr &plan)
+void CompressionWorker::handed(const FilePlanPtr &plan)
 {
+    --m_loads[plan->compressor];
+    schedulePump();
     if (!m_job || m_job->job.tag.id != plan->tag().id || m_job->job.tag.generation != plan->tag().generation)
         return;
     Running &job = *m_job;
     --job.inFlight;
-    job.bytesInFlight -= ExtentMap::bytes(plan->ranges());
-    if (!job.cancelled) {
-        switch (plan->result) {
-        case FilePlan::Result::Rewritten:
-            if (plan->verify(m_model, m_skipped)) {
-                if (m_skipped.find(plan->status()) == SkippedFiles::Reason::StaysPlain)
-                    job.report.skipped(plan->path(), SkippedFiles::Reason::StaysPlain, false);
-                else
-                    job.report.compressed();
-                done(*plan, true);
-            }
-            break;
-        case FilePlan::Result::InUse:
-            job.report.inUse(); // tried again when it changes or at the next rescan
-            done(*plan, false);
-            break;
-        case FilePlan::Result::NoSpace:
-            job.noSpace = true;
-            done(*plan, false);
-            break;
-        case FilePlan::Result::Failed:
-            // An active swap file refuses to have its blocks moved.
-            if (plan->resultError == ETXTBSY) {
-                m_skipped.add(plan->status(), SkippedFiles::Reason::SwapFile);
-                job.report.skipped(plan->path(), SkippedFiles::Reason::SwapFile, false);
-                done(*plan, true);
-            } else {
-                job.report.failed(plan->path(), plan->resultError);
-                done(*plan, false);
-            }
-            break;
-        case FilePlan::Result::Pending:
-        case FilePlan::Result::Cancelled:
-            break;
+    if (job.cancelled || plan->result == FilePlan::Result::Cancelled)
+        return;
+    switch (plan->result) {
+    case FilePlan::Result::Pending:
+        job.report.shared(plan->figures().sharedPlain);
+        if (job.low && !plan->ranges().isEmpty() && !job.sortedOnce) {
+            plan->closeFile();
+            job.sorted.push_back(plan);
+        } else if (plan->hadCompressedData()) {
+            job.report.alreadyCompressed();
+            done(*plan, true);
+        } else {
+            if (plan->figures().sharedPlain == 0)
+                job.report.wouldNotShrink();
+            done(*plan, true);
         }
+        break;
+    case FilePlan::Result::Rewritten:
+        job.report.shared(plan->figures().sharedPlain);
+        // A rewrite can succeed and leave the data as it was: such a file is remembered, so it
+        // is not rewritten on every pass.
+        if (plan->staysPlain()) {
+            m_skipped.add(plan->status(), SkippedFiles::Reason::StaysPlain);
+            job.report.skipped(plan->path(), SkippedFiles::Reason::StaysPlain, false);
+        } else {
+            job.report.compressed();
+            giveFolderProperty(plan->folder());
+        }
+        done(*plan, true);
+        break;
+    case FilePlan::Result::InUse:
+        job.report.inUse(); // tried again when it changes or at the next rescan
+        done(*plan, false);
+        break;
+    case FilePlan::Result::NoSpace:
+        job.noSpace = true;
+        done(*plan, false);
+        break;
+    case FilePlan::Result::Failed:
+        // An active swap file refuses to have its blocks moved.
+        if (plan->resultError == ETXTBSY) {
+            m_skipped.add(plan->status(), SkippedFiles::Reason::SwapFile);
+            job.report.skipped(plan->path(), SkippedFiles::Reason::SwapFile, false);
+            done(*plan, true);
+        } else {
+            job.report.failed(plan->path(), plan->resultError);
+            done(*plan, false);
+        }
+        break;
+    case FilePlan::Result::Cancelled:
+        break;
     }
-    schedulePump();
+}
+
+void CompressionWorker::giveFolderProperty(const QByteArray &folder)
+{
+    // New files inherit the property from their folder; only a folder with data of its own
+    // gets it: in a snapshot its metadata is shared too.
+    Running &job = *m_job;
+    if (job.propertySet.contains(folder))
+        return;
+    job.propertySet.insert(folder);
+    const int fd = FolderWalker::openNoAtime(job.job.rootFd, folder.isEmpty() ? "." : folder.constData(),
+                                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (fd >= 0) {
+        BtrfsCompressor::ensureCompressionProperty(fd);
+        ::close(fd);
+    }
 }
 
 void CompressionWorker::done(FilePlan &plan, bool settled)
@@ -380,7 +402,7 @@ bool CompressionWorker::jobDone() const
         return false;
     if (job.cancelled || job.noSpace)
         return true;
-    return job.next >= job.todo.size() && !job.planning && job.sorted.empty();
+    return job.next >= job.todo.size() && job.sorted.empty();
 }
 
 void CompressionWorker::endJob()

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "btrfs/CompressionModel.h"
 #include "btrfs/FolderWalker.h"
 #include "btrfs/RescanCache.h"
 #include "btrfs/SkippedFiles.h"
@@ -11,18 +10,22 @@
 
 #include <QElapsedTimer>
 #include <QObject>
+#include <QSet>
 #include <QTimer>
 
 #include <deque>
 #include <optional>
 
+class FileCompressor;
+
 // The helper's compression thread, at idle priority. It takes one job at a time: walks the
 // folder (recognising files already handled from the rescan cache, so a rescan reads no file
-// data), then plans each file left (what zstd would save, chunk by chunk), hands the plans to
-// the rewriting thread a few files ahead, and verifies what btrfs stored once each comes
-// back. It keeps no state of a watched folder: what it finds goes to the main thread by
-// signal, which keeps each folder's figures. Work comes in by queued calls and is done in
-// short slices, so a cancel or a new pace is heard within milliseconds.
+// data), reads where each file left lies and what the rules say of it, and hands the files to
+// the file compressors, as many side by side as the pace allows, a file or two ahead of each.
+// It keeps the rescan cache and the files btrfs cannot compress, and no state of a watched
+// folder: what it finds goes to the main thread by signal, which keeps each folder's figures.
+// Work comes in by queued calls and is done in short slices, so a cancel or a new pace is
+// heard within milliseconds.
 class CompressionWorker : public QObject
 {
     Q_OBJECT
@@ -30,13 +33,14 @@ public:
     // How long the cache may stay behind the files it describes; a helper killed meanwhile
     // only looks at those files again.
     static constexpr int kCacheSaveMs = 60000;
-    // How far planning runs ahead of rewriting.
-    static constexpr int kPlansAhead = 8;
-    static constexpr qint64 kBytesAhead = 64 * 1024 * 1024;
+    // Files given to one compressor at a time: one in hand, one to go on with.
+    static constexpr int kQueuedPerCompressor = 8;
     // How long one slice of work holds the thread.
     static constexpr qint64 kSliceMs = 20;
 
-    explicit CompressionWorker(QObject *parent = nullptr);
+    // compressors: the file compressors, each in a thread of its own; only ever called by
+    // queued calls.
+    explicit CompressionWorker(const QList<FileCompressor *> &compressors, QObject *parent = nullptr);
     ~CompressionWorker() override;
 
     // Queued calls, on the worker's thread.
@@ -50,8 +54,8 @@ public:
     void saveCache(bool prune);
     // Before the thread ends: the job in hand stops and the cache is written.
     void finish();
-    // A plan back from the rewriting thread.
-    void rewritten(const FilePlanPtr &plan);
+    // A plan back from a compressor.
+    void handed(const FilePlanPtr &plan);
 
 Q_SIGNALS:
     // A job's walk begins: a whole walk finds everything below relative anew.
@@ -60,8 +64,6 @@ Q_SIGNALS:
     void walked(const JobTag &tag, const WalkEnd &end);
     void filesDone(const JobTag &tag, const QList<FileDone> &files);
     void jobEnded(const JobTag &tag, const JobEnd &end);
-    // To the rewriting thread.
-    void rewrite(const FilePlanPtr &plan);
 
 private:
     struct Todo {
@@ -85,15 +87,14 @@ private:
         WalkEnd walkEnd;
         QList<SeenFolder> seen; // not yet sent
         QList<FileDone> done; // not yet sent
-        std::optional<FilePlan> planning; // being estimated
-        int inFlight = 0; // plans at the rewriting thread
-        qint64 bytesInFlight = 0;
-        // A nearly full disk: every file is planned first, and those that free most go first.
+        int inFlight = 0; // plans at the compressors
+        // A nearly full disk: every file is estimated first, and those that free most go first.
         bool low = false;
         std::deque<FilePlanPtr> sorted;
+        bool sortedOnce = false;
         bool noSpace = false;
         bool cancelled = false;
-        QList<QByteArray> propertySet; // folders given the compression property in this job
+        QSet<QByteArray> propertySet; // folders given the compression property in this job
     };
 
     void schedulePump();
@@ -101,9 +102,12 @@ private:
     void beginJob();
     void walkSlice(const QElapsedTimer &clock);
     void planSlice(const QElapsedTimer &clock);
-    // The plan estimated: handled at once, or handed on.
-    void planned(FilePlan plan);
-    void dispatch(const FilePlanPtr &plan);
+    // A file gone or skipped is done with before it reaches a compressor.
+    bool handledAtOnce(FilePlan &plan);
+    // The least busy compressor the pace allows, with room for one more file; -1 when none.
+    int freeCompressor() const;
+    void dispatch(int compressor, const FilePlanPtr &plan, bool estimateOnly);
+    void giveFolderProperty(const QByteArray &folder);
     void done(FilePlan &plan, bool settled);
     void sendProgress();
     bool jobDone() const;
@@ -116,9 +120,10 @@ private:
     std::deque<FolderJob> m_jobs;
     std::optional<Running> m_job;
     bool m_pumpScheduled = false;
+    QList<FileCompressor *> m_compressors;
+    QList<int> m_loads; // files given to each and not yet back
     FolderWalker m_walker;
     RescanCache m_cache;
     SkippedFiles m_skipped;
-    CompressionModel m_model;
     QTimer m_cacheTimer;
 };

@@ -13,78 +13,47 @@ namespace {
 // What already compressed data saves comes from the cache once known; the first time it is
 // worked out, which reads those extents once.
 constexpr qint64 kChunk = CompressionModel::kChunkSize;
+// How much of a file is read ahead when it is planned; the rest comes as it is read.
+constexpr off_t kReadAhead = 2 * 1024 * 1024;
 
 } // namespace
 
-FilePlan FilePlan::open(const JobTag &tag, int rootFd, const QByteArray &path, const QByteArray &folder,
-                        SkippedFiles &skipped)
+FilePlanPtr FilePlan::open(const JobTag &tag, int rootFd, const QByteArray &path, const QByteArray &folder,
+                           SkippedFiles &skipped)
 {
-    FilePlan plan;
-    plan.m_tag = tag;
-    plan.m_path = path;
-    plan.m_folder = folder;
-    plan.m_fd = FolderWalker::openNoAtime(rootFd, path.constData(), O_RDONLY | O_NOFOLLOW);
-    if (plan.m_fd < 0) {
-        plan.m_error = errno == ENOENT ? 0 : errno;
+    auto plan = std::make_shared<FilePlan>();
+    plan->m_tag = tag;
+    plan->m_path = path;
+    plan->m_folder = folder;
+    plan->m_fd = FolderWalker::openNoAtime(rootFd, path.constData(), O_RDONLY | O_NOFOLLOW);
+    if (plan->m_fd < 0) {
+        plan->m_error = errno == ENOENT ? 0 : errno;
         return plan;
     }
-    if (::fstat(plan.m_fd, &plan.m_st) != 0 || !S_ISREG(plan.m_st.st_mode)) {
-        plan.close();
+    if (::fstat(plan->m_fd, &plan->m_st) != 0 || !S_ISREG(plan->m_st.st_mode)) {
+        plan->close();
         return plan;
     }
-    plan.m_skip = skipped.find(plan.m_st);
-    plan.m_knownSkip = plan.m_skip.has_value();
-    if (!plan.m_skip)
-        plan.m_skip = SkippedFiles::cannotCompress(plan.m_fd);
-    if (plan.m_skip) {
-        skipped.add(plan.m_st, *plan.m_skip);
+    plan->m_skip = skipped.find(plan->m_st);
+    plan->m_knownSkip = plan->m_skip.has_value();
+    if (!plan->m_skip)
+        plan->m_skip = SkippedFiles::cannotCompress(plan->m_fd);
+    if (plan->m_skip) {
+        skipped.add(plan->m_st, *plan->m_skip);
         return plan;
     }
     ExtentMap map;
-    if (!map.read(plan.m_fd))
+    if (!map.read(plan->m_fd))
         return plan;
-    plan.m_compressed = map.placed();
-    plan.m_inline = map.unplaced();
-    plan.m_plain = map.plainOwn();
-    plan.m_unwritten = map.unwritten();
-    plan.m_figures.sharedPlain = map.plainShared();
+    plan->m_compressed = map.placed();
+    plan->m_inline = map.unplaced();
+    plan->m_plain = map.plainOwn();
+    plan->m_unwritten = map.unwritten();
+    plan->m_figures.sharedPlain = map.plainShared();
+    // Read from disk while the files before it are worked on, not when its estimate begins.
+    if (!plan->m_plain.isEmpty() || !plan->m_compressed.isEmpty())
+        ::posix_fadvise(plan->m_fd, 0, kReadAhead, POSIX_FADV_WILLNEED);
     return plan;
-}
-
-FilePlan::FilePlan(FilePlan &&other) noexcept
-{
-    *this = std::move(other);
-}
-
-FilePlan &FilePlan::operator=(FilePlan &&other) noexcept
-{
-    if (this == &other)
-        return *this;
-    close();
-    m_tag = other.m_tag;
-    m_path = std::move(other.m_path);
-    m_folder = std::move(other.m_folder);
-    m_fd = std::exchange(other.m_fd, -1);
-    m_error = other.m_error;
-    m_st = other.m_st;
-    m_skip = other.m_skip;
-    m_knownSkip = other.m_knownSkip;
-    m_compressed = std::move(other.m_compressed);
-    m_inline = std::move(other.m_inline);
-    m_plain = std::move(other.m_plain);
-    m_unwritten = std::move(other.m_unwritten);
-    m_nextCompressed = other.m_nextCompressed;
-    m_nextPlain = other.m_nextPlain;
-    m_plainOffset = other.m_plainOffset;
-    m_inlineDone = other.m_inlineDone;
-    m_chunks = std::move(other.m_chunks);
-    m_probeSavings = other.m_probeSavings;
-    m_ranges = std::move(other.m_ranges);
-    m_estimated = other.m_estimated;
-    m_figures = std::move(other.m_figures);
-    result = other.result;
-    resultError = other.resultError;
-    return *this;
 }
 
 FilePlan::~FilePlan()
@@ -113,13 +82,23 @@ bool FilePlan::reopen(int rootFd)
 
 qint64 FilePlan::savingsOf(CompressionModel &model, const ExtentMap::Range &range) const
 {
+    // btrfs cuts each range it is given into chunks from its start, as the estimate did: a
+    // compressed extent is one of those chunks, worked out already. Only one that is not (the
+    // file changed meanwhile) is worked out again.
+    const auto chunk = std::lower_bound(m_chunks.cbegin(), m_chunks.cend(), range.start,
+                                        [](const Chunk &c, qint64 start) { return c.start < start; });
+    if (chunk != m_chunks.cend() && chunk->start == range.start && range.length <= chunk->length
+        && range.length > chunk->length - CompressionModel::kBlockSize)
+        return chunk->savings;
     return qMax(model.savingsForRanges(m_fd, {range}), qint64(0));
 }
 
 bool FilePlan::estimate(CompressionModel &model, qint64 budgetMs)
 {
-    if (m_fd < 0 || m_skip)
+    if (m_fd < 0 || m_skip) {
+        m_estimated = 0;
         return true;
+    }
     QElapsedTimer clock;
     clock.start();
     for (; m_nextCompressed < m_compressed.size(); ++m_nextCompressed) {
@@ -140,18 +119,20 @@ bool FilePlan::estimate(CompressionModel &model, qint64 budgetMs)
             if (clock.elapsed() >= budgetMs)
                 return false;
             const ExtentMap::Range chunk{range.start + m_plainOffset, qMin(kChunk, range.length - m_plainOffset)};
-            const qint64 savings = savingsOf(model, chunk);
+            const qint64 savings = qMax(model.savingsForRanges(m_fd, {chunk}), qint64(0));
             m_chunks.append({chunk.start, chunk.length, savings});
             m_probeSavings += savings;
             // Media and archives: the first chunks save nothing, so the rest is not worked out.
             if (m_chunks.size() == CompressionModel::kProbeChunks && m_probeSavings == 0) {
                 m_chunks.clear();
                 m_nextPlain = m_plain.size();
+                m_estimated = 0;
                 return true;
             }
         }
     }
     // Chunks that shrink, neighbours merged; those that would not are left as they are.
+    m_estimated = 0;
     for (const Chunk &chunk : std::as_const(m_chunks)) {
         if (chunk.savings <= 0)
             continue;
@@ -164,7 +145,7 @@ bool FilePlan::estimate(CompressionModel &model, qint64 budgetMs)
     return true;
 }
 
-bool FilePlan::verify(CompressionModel &model, SkippedFiles &skipped)
+bool FilePlan::verify(CompressionModel &model)
 {
     ExtentMap after;
     if (!after.read(m_fd, true) || ::fstat(m_fd, &m_st) != 0)
@@ -174,22 +155,16 @@ bool FilePlan::verify(CompressionModel &model, SkippedFiles &skipped)
         if (ExtentMap::overlap(extent.range, m_ranges) == 0)
             continue;
         compressed = true;
-        // btrfs cuts each range into chunks from its start, as the estimate did; an extent
-        // that is no such chunk is worked out again.
-        const auto chunk = std::lower_bound(m_chunks.cbegin(), m_chunks.cend(), extent.range.start,
-                                            [](const Chunk &c, qint64 start) { return c.start < start; });
-        const bool known =
-            chunk != m_chunks.cend() && chunk->start == extent.range.start && chunk->length == extent.range.length;
-        m_figures.extents.append({extent.physical, known ? chunk->savings : savingsOf(model, extent.range)});
+        m_figures.extents.append({extent.physical, savingsOf(model, extent.range)});
     }
     if (const qint64 inlined = ExtentMap::overlap({0, m_st.st_size}, after.unplaced()); inlined > 0) {
         // A small file compressed into the metadata.
         compressed = compressed || ExtentMap::overlap({0, inlined}, m_ranges) > 0;
-        m_figures.inlineSavings = qMax(model.savingsForRanges(m_fd, after.unplaced()), qint64(0));
+        m_figures.inlineSavings = 0;
+        for (const ExtentMap::Range &range : after.unplaced())
+            m_figures.inlineSavings += savingsOf(model, range);
     }
-    // A rewrite can succeed and leave the data as it was: such a file is remembered, so it is
-    // not rewritten on every pass.
-    if (!compressed)
-        skipped.add(m_st, SkippedFiles::Reason::StaysPlain);
+    // A rewrite can succeed and leave the data as it was.
+    m_staysPlain = !compressed;
     return true;
 }

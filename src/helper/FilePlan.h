@@ -32,11 +32,9 @@ public:
     };
 
     // Opens path below rootFd and reads its extents; check skip() and error() before more.
-    static FilePlan open(const JobTag &tag, int rootFd, const QByteArray &path, const QByteArray &folder,
-                         SkippedFiles &skipped);
+    static std::shared_ptr<FilePlan> open(const JobTag &tag, int rootFd, const QByteArray &path,
+                                          const QByteArray &folder, SkippedFiles &skipped);
     FilePlan() = default;
-    FilePlan(FilePlan &&other) noexcept;
-    FilePlan &operator=(FilePlan &&other) noexcept;
     FilePlan(const FilePlan &) = delete;
     FilePlan &operator=(const FilePlan &) = delete;
     ~FilePlan();
@@ -48,8 +46,11 @@ public:
 
     // Works the estimate out, for at most budgetMs; true once it is complete.
     bool estimate(CompressionModel &model, qint64 budgetMs);
+    bool isEstimated() const { return m_estimated >= 0; }
     // Once rewritten: the file's figures as btrfs stored it. False when it could not be read.
-    bool verify(CompressionModel &model, SkippedFiles &skipped);
+    bool verify(CompressionModel &model);
+    // Verified, and btrfs kept the data it was given uncompressed.
+    bool staysPlain() const { return m_staysPlain; }
 
     const JobTag &tag() const { return m_tag; }
     const QByteArray &path() const { return m_path; }
@@ -64,7 +65,7 @@ public:
     const QList<ExtentMap::Range> &ranges() const { return m_ranges; }
     // Of the file's data, what is still waiting in memory to be written.
     const QList<ExtentMap::Range> &unwritten() const { return m_unwritten; }
-    qint64 estimated() const { return m_estimated; }
+    qint64 estimated() const { return qMax(m_estimated, qint64(0)); }
     bool hadCompressedData() const { return !m_figures.extents.isEmpty() || m_figures.inlineSavings > 0; }
     const RescanCache::Figures &figures() const { return m_figures; }
     // The file's status when it was last looked at.
@@ -72,6 +73,7 @@ public:
 
     Result result = Result::Pending;
     int resultError = 0;
+    int compressor = -1; // the one it was given to
 
 private:
     void close();
@@ -97,10 +99,11 @@ private:
     QList<Chunk> m_chunks; // estimated chunks of the plain data, in order
     qint64 m_probeSavings = 0;
     QList<ExtentMap::Range> m_ranges;
-    qint64 m_estimated = 0;
+    qint64 m_estimated = -1; // until the estimate is complete
+    bool m_staysPlain = false;
     RescanCache::Figures m_figures;
 };
 
-// Handed from thread to thread, held by one at a time.
+// Handed from thread to thread in messages, held by one at a time.
 using FilePlanPtr = std::shared_ptr<FilePlan>;
 Q_DECLARE_METATYPE(FilePlanPtr)

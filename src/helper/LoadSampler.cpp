@@ -40,11 +40,6 @@ Pacer::Sample LoadSampler::take()
         if (std::sscanf(buffer, "cpu %llu %llu", &user, &nice) == 2)
             sample.userTicks = user + nice;
     }
-    // "some avg10=0.00 avg60=0.00 avg300=0.00 total=123"
-    if (readSmallFile("/proc/pressure/cpu", buffer, sizeof buffer)) {
-        if (const char *total = std::strstr(buffer, "total="))
-            sample.cpuStallUs = std::strtoull(total + 6, nullptr, 10);
-    }
     struct rusage usage { };
     ::getrusage(RUSAGE_SELF, &usage);
     const quint64 ownUs = quint64(usage.ru_utime.tv_sec) * 1000000u + quint64(usage.ru_utime.tv_usec);

@@ -3,8 +3,9 @@
 #include "helper/Pacer.h"
 
 // Reads what the pacer decides by from Linux, as any user may: the processors' time in user
-// programs (/proc/stat), the helper's own (getrusage) and the time tasks waited for a
-// processor (/proc/pressure/cpu, where the kernel has pressure stall information).
+// programs (/proc/stat) and the helper's own (getrusage). Pressure stall information
+// (/proc/pressure/cpu) cannot tell others from the helper: its own threads and the kernel's
+// workers for it wait for each other too.
 class LoadSampler
 {
 public:

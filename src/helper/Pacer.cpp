@@ -35,44 +35,34 @@ Pacer::Hold Pacer::hold() const
 
 void Pacer::restart()
 {
-    m_hasSample = false;
-    m_quietSinceMs = -1;
+    m_samples.clear();
     m_load = Load::Sharing;
 }
 
 bool Pacer::sample(const Sample &sample)
 {
-    if (!m_hasSample || sample.ms < m_last.ms) {
-        m_last = sample;
-        m_hasSample = true;
+    if (!m_samples.isEmpty() && sample.ms < m_samples.last().ms)
+        m_samples.clear();
+    if (!m_samples.isEmpty() && sample.ms - m_samples.last().ms < kMinGapMs)
         return false;
-    }
-    const qint64 windowMs = sample.ms - m_last.ms;
-    if (windowMs < kMinWindowMs)
+    m_samples.append(sample);
+    while (m_samples.size() > 2 && sample.ms - m_samples.at(1).ms >= kWindowMs)
+        m_samples.removeFirst();
+    if (m_samples.size() < 2)
         return false;
-    const double windowUs = double(windowMs) * 1000.0;
+    const Sample &from = m_samples.first();
+    const double seconds = double(sample.ms - from.ms) / 1000.0;
     // btrfs compresses in kernel workers, so what the helper hands over never shows as time in
     // user programs: all of that beyond the helper's own is somebody else's.
-    const double userTicks = double(sample.userTicks - m_last.userTicks)
-        - double(std::min(sample.ownUserTicks - m_last.ownUserTicks, sample.userTicks - m_last.userTicks));
-    const double others = userTicks / double(std::max<qint64>(sample.ticksPerSecond, 1)) / (double(windowMs) / 1000.0);
-    const double cpuStall = double(sample.cpuStallUs - m_last.cpuStallUs) / windowUs;
-    m_last = sample;
+    const quint64 userTicks = sample.userTicks - from.userTicks;
+    const quint64 ownTicks = std::min(sample.ownUserTicks - from.ownUserTicks, userTicks);
+    const double others = double(userTicks - ownTicks) / double(std::max<qint64>(sample.ticksPerSecond, 1)) / seconds;
 
     const Load before = m_load;
-    if (others < kQuietBelow) {
-        if (m_quietSinceMs < 0)
-            m_quietSinceMs = sample.ms - windowMs;
-        // At full speed the kernel's workers for the helper wait for each other; while sharing,
-        // its small pieces hold nobody up, so stalls then are others'.
-        const bool stalled = m_load != Load::Quiet && cpuStall > kStalledAbove;
-        if (stalled)
-            m_quietSinceMs = -1;
-        else if (sample.ms - m_quietSinceMs >= kQuietForMs)
-            m_load = Load::Quiet;
-    } else {
-        m_quietSinceMs = -1;
+    if (others >= (m_load == Load::Quiet ? kBusyAbove : kQuietBelow)) {
         m_load = others > double(m_processors) - kQuietBelow - kSharingDuty ? Load::Crowded : Load::Sharing;
+    } else if (sample.ms - from.ms >= kFirstWindowMs) {
+        m_load = Load::Quiet;
     }
     return m_load != before;
 }
@@ -80,14 +70,14 @@ bool Pacer::sample(const Sample &sample)
 Pacer::Pace Pacer::pace() const
 {
     if (hold() != Hold::None)
-        return {false, 0, 0.0};
+        return {false, 0, 0.0, 0};
     switch (m_load) {
     case Load::Quiet:
-        return {true, kQuietStep, 1.0};
+        return {true, kQuietStep, 1.0, m_processors};
     case Load::Sharing:
-        return {true, kSharingStep, kSharingDuty};
+        return {true, kSharingStep, kSharingDuty, 1};
     case Load::Crowded:
         break;
     }
-    return {true, kSharingStep, kCrowdedDuty};
+    return {true, kSharingStep, kCrowdedDuty, 1};
 }

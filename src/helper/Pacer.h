@@ -1,19 +1,24 @@
 #pragma once
 
+#include <QList>
 #include <QtGlobal>
 
 // How fast the helper may hand work to the kernel, and whether at all. btrfs compresses in
 // kernel workers at normal priority, beyond the reach of the helper's own idle priority, so
-// the helper paces what it hands them by what the rest of the machine is doing:
+// the helper paces what it hands them by what the rest of the machine is doing. What others
+// do shows as time in user programs beyond the helper's own: the kernel's workers compressing
+// for the helper never show there.
 //
 // - quiet: nobody else wants the processors, so it works at full speed;
 // - sharing: another program is at work, so the helper hands over one small piece at a time
 //   with rests between, never keeping a processor for long, and uses a quarter of one at most;
 // - crowded: the machine is full with others' work, so it only trickles on.
 //
-// It starts sharing and speeds up only once the machine has been quiet for a while; the
-// first sign of somebody else slows it down at once. Nothing is handed over while the user
-// switched the helper off, or while the computer runs on battery or saves power.
+// It starts sharing and speeds up once the machine has been quiet for a moment; the first
+// sign of somebody else slows it down at once. Samples come every tenth of a second or so,
+// and each decision looks at the last few, so one sample's noise decides nothing. Nothing is
+// handed over while the user switched the helper off, or while the computer runs on battery
+// or saves power.
 //
 // Only rules live here: the clock and the machine's counters come in as samples, so the rules
 // are tested without a machine to load.
@@ -27,7 +32,6 @@ public:
     // All are running totals; only their growth between two samples counts.
     struct Sample {
         qint64 ms = 0; // a monotonic clock
-        quint64 cpuStallUs = 0; // time some task waited for a processor (/proc/pressure/cpu)
         quint64 userTicks = 0; // time all processors spent in user programs (/proc/stat)
         quint64 ownUserTicks = 0; // of which the helper's own
         qint64 ticksPerSecond = 100;
@@ -36,6 +40,7 @@ public:
         bool go = false; // may hand work over at all
         qint64 stepBytes = 0; // the most one call may hand over
         double duty = 1.0; // share of the time the kernel may spend on it
+        int parallel = 1; // files worked on side by side
         // The rest after a call that took callMs, so that the kernel's share stays at duty.
         int restMs(qint64 callMs) const;
         bool operator==(const Pace &) const = default;
@@ -48,15 +53,16 @@ public:
     // Share of one processor used while others work, and while the machine is full.
     static constexpr double kSharingDuty = 0.25;
     static constexpr double kCrowdedDuty = 0.03;
-    // Others' work, in processors, below which the machine counts as quiet.
+    // Others' work, in processors, below which the machine counts as quiet, and above which a
+    // quiet one counts as busy again.
     static constexpr double kQuietBelow = 0.15;
-    // How long it must have stayed quiet before the helper speeds up.
-    static constexpr qint64 kQuietForMs = 1500;
-    // While sharing, tasks waiting for a processor this share of the time are others held up by
-    // work that is not a user program's (the kernel's for them, a virtual machine).
-    static constexpr double kStalledAbove = 0.10;
+    static constexpr double kBusyAbove = 0.25;
+    // The span of samples each decision looks at; the first after a start may look at less,
+    // so that work on a quiet machine is soon at full speed.
+    static constexpr qint64 kWindowMs = 300;
+    static constexpr qint64 kFirstWindowMs = 100;
     // Samples closer than this tell nothing reliable.
-    static constexpr qint64 kMinWindowMs = 100;
+    static constexpr qint64 kMinGapMs = 80;
 
     explicit Pacer(int processors);
 
@@ -81,7 +87,5 @@ private:
     bool m_onBattery = false;
     bool m_powerSaver = false;
     Load m_load = Load::Sharing;
-    bool m_hasSample = false;
-    Sample m_last;
-    qint64 m_quietSinceMs = -1;
+    QList<Sample> m_samples; // spanning at most kWindowMs, oldest first
 };

@@ -104,9 +104,8 @@ bool VantorHelper::start()
         m_trayIcon->setTotalSavings(m_savings->totalSavings());
         const auto showActivity = [this] {
             const CompressionEngine::Status status = m_engine->status();
-            m_trayIcon->setActivity(status.activity == CompressionEngine::Activity::Idle
-                                        ? QString()
-                                        : CompressionEngine::describe(status));
+            m_trayIcon->setActivity(
+                status.activity == CompressionEngine::Activity::Idle ? QString() : CompressionEngine::describe(status));
         };
         connect(m_engine.get(), &CompressionEngine::statusChanged, m_trayIcon.get(), showActivity);
         showActivity();
