@@ -10,7 +10,8 @@
 //       (default 10); prints "ready" once its ticks are set, then one line:
 //       speed=<ticks of work done per second, all threads> lateness-p50-ms= lateness-p99-ms=
 //       lateness-max-ms= (wake-up time minus tick time, over all ticks of all threads)
-//       missed=<ticks skipped> work-p50-ms= work-p99-ms= (time one tick's work took) threads=
+//       missed=<ticks skipped> work-mean-ms= work-p50-ms= work-p99-ms= (time one tick's work took)
+//       threads=
 
 #include <algorithm>
 #include <array>
@@ -208,11 +209,14 @@ int main(int argc, char *argv[])
     }
     std::sort(lateness.begin(), lateness.end());
     std::sort(work.begin(), work.end());
+    std::int64_t workTotal = 0;
+    for (const std::int64_t ns : work)
+        workTotal += ns;
     std::printf("speed=%.1f lateness-p50-ms=%.3f lateness-p99-ms=%.3f lateness-max-ms=%.3f missed=%lld "
-                "work-p50-ms=%.3f work-p99-ms=%.3f threads=%ld\n",
+                "work-mean-ms=%.3f work-p50-ms=%.3f work-p99-ms=%.3f threads=%ld\n",
                 double(lateness.size()) / seconds, milliseconds(percentile(lateness, 50)),
                 milliseconds(percentile(lateness, 99)), milliseconds(lateness.empty() ? 0 : lateness.back()),
-                static_cast<long long>(missed), milliseconds(percentile(work, 50)), milliseconds(percentile(work, 99)),
-                threads);
+                static_cast<long long>(missed), milliseconds(work.empty() ? 0 : workTotal / std::int64_t(work.size())),
+                milliseconds(percentile(work, 50)), milliseconds(percentile(work, 99)), threads);
     return 0;
 }
