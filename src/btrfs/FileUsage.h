@@ -1,5 +1,6 @@
 #pragma once
 
+#include "btrfs/CompressionModel.h"
 #include "btrfs/ExtentMap.h"
 #include "btrfs/RescanCache.h"
 
@@ -7,8 +8,6 @@
 #include <QtGlobal>
 
 #include <sys/stat.h>
-
-class CompressionModel;
 
 // What one file holds on btrfs and what zstd compression does or would do there, from its
 // extent map (FIEMAP) and status. What FIEMAP does not tell an ordinary user (how small a
@@ -63,5 +62,14 @@ public:
     qint64 read = 0;
 
 private:
+    CompressionModel::Estimate estimate(const QList<ExtentMap::Range> &ranges);
+    // A plain extent: where it lies, and, for a file Vantor would compress, what it would do.
+    void addPlain(const ExtentMap::Extent &extent, qint64 length, bool placed, bool known,
+                  QList<ExtentMap::Range> &own);
+
     ExtentMap m_map;
+    // Of the file being measured.
+    int m_fd = -1;
+    qint64 m_size = 0;
+    CompressionModel *m_model = nullptr;
 };

@@ -178,6 +178,47 @@ void UsageReport::tell(bool done)
     std::fflush(stderr);
 }
 
+void UsageReport::addFile(int rootFd, const FolderWalker &walker, const QByteArray &folder, const QByteArray &name,
+                          const struct stat &st, bool watched, const std::vector<Node *> &nodes)
+{
+    // A file with several names counts once.
+    if (st.st_nlink > 1) {
+        const qsizetype seen = m_linked.size();
+        m_linked.insert({quint64(st.st_dev), quint64(st.st_ino)});
+        if (m_linked.size() == seen)
+            return;
+    }
+    ++m_files;
+    const QByteArray path = joined(folder, name);
+    const int fd = FolderWalker::openNoAtime(rootFd, path.constData(), O_RDONLY | O_NOFOLLOW);
+    if (fd < 0) {
+        if (errno != ENOENT) {
+            for (Node *node : nodes)
+                node->usage.addUnreadable(st);
+        }
+        return;
+    }
+    FileUsage::Kind kind = kindOf(fd, st);
+    // What the helper found still holds while the file is as it was.
+    std::optional<RescanCache::Figures> known;
+    QList<ExtentMap::Stored> stored;
+    if (watched && kind == FileUsage::Kind::Compressible && cache())
+        known = m_cache->find(st, stored);
+    // The helper asked the rules about every file it knows.
+    if (!known && kind == FileUsage::Kind::Compressible && walker.isExcluded(path))
+        kind = FileUsage::Kind::Excluded;
+    const bool measured = m_file.measure(fd, st, kind, m_model, known ? &*known : nullptr, stored);
+    ::close(fd);
+    for (Node *node : nodes) {
+        if (measured)
+            node->usage.add(m_file, st);
+        else
+            node->usage.addUnreadable(st);
+    }
+    m_read += m_file.read;
+    tell();
+}
+
 bool UsageReport::add(const QByteArray &path, QString *error)
 {
     const int fd = FolderWalker::openNoAtime(AT_FDCWD, path.constData(), O_RDONLY | O_DIRECTORY);
@@ -209,46 +250,8 @@ bool UsageReport::add(const QByteArray &path, QString *error)
     walker.walk(fd, path, QByteArray(), [&](const FolderWalker::Folder &folder) {
         const std::vector<Node *> nodes = nodesFor(root, folder.relative);
         const bool watched = nodes.back()->watched || isWatched(joined(real, folder.relative));
-        for (const FolderWalker::File &file : folder.files) {
-            const struct stat &st = file.st;
-            // A file with several names counts once.
-            if (st.st_nlink > 1) {
-                const qsizetype seen = m_linked.size();
-                m_linked.insert({quint64(st.st_dev), quint64(st.st_ino)});
-                if (m_linked.size() == seen)
-                    continue;
-            }
-            ++m_files;
-            const QByteArray name = folder.name(file);
-            const int fileFd =
-                FolderWalker::openNoAtime(fd, joined(folder.relative, name).constData(), O_RDONLY | O_NOFOLLOW);
-            if (fileFd < 0) {
-                if (errno != ENOENT) {
-                    for (Node *node : nodes)
-                        node->usage.addUnreadable(st);
-                }
-                continue;
-            }
-            FileUsage::Kind kind = kindOf(fileFd, st);
-            // What the helper found still holds while the file is as it was.
-            std::optional<RescanCache::Figures> known;
-            QList<ExtentMap::Stored> stored;
-            if (watched && kind == FileUsage::Kind::Compressible && cache())
-                known = m_cache->find(st, stored);
-            // The helper asked the rules about every file it knows.
-            if (!known && kind == FileUsage::Kind::Compressible && walker.isExcluded(joined(folder.relative, name)))
-                kind = FileUsage::Kind::Excluded;
-            const bool measured = m_file.measure(fileFd, st, kind, m_model, known ? &*known : nullptr, stored);
-            ::close(fileFd);
-            for (Node *node : nodes) {
-                if (measured)
-                    node->usage.add(m_file, st);
-                else
-                    node->usage.addUnreadable(st);
-            }
-            m_read += m_file.read;
-            tell();
-        }
+        for (const FolderWalker::File &file : folder.files)
+            addFile(fd, walker, folder.relative, folder.name(file), file.st, watched, nodes);
     });
     for (const FolderWalker::LeftOut &leftOut : walker.leftOut()) {
         const qsizetype slash = leftOut.relative.lastIndexOf('/');

@@ -52,6 +52,9 @@ private:
 
     // The reported folders a folder at relative (below top) belongs to, top first.
     std::vector<Node *> nodesFor(Node *top, const QByteArray &relative);
+    // One file of folder (below the folder at rootFd), added to nodes, the folders it is in.
+    void addFile(int rootFd, const FolderWalker &walker, const QByteArray &folder, const QByteArray &name,
+                 const struct stat &st, bool watched, const std::vector<Node *> &nodes);
     bool isWatched(const QByteArray &realPath) const;
     FileUsage::Kind kindOf(int fd, const struct stat &st) const;
     RescanCache *cache();
