@@ -7,6 +7,7 @@
 #include "platform/DistributedNotificationCenter.h"
 #include "HelperProcess.h"
 #include "LoopMount.h"
+#include "common/HelperIdentity.h"
 #include "common/Notifications.h"
 #include "common/VTUtil.h"
 #include "prefpane/QFTableView.h"
@@ -596,6 +597,14 @@ private Q_SLOTS:
             QTRY_COMPARE(field(folder, "COUNT(*)"), 1);
             QTest::qWait(4000);
             QVERIFY(field(folder, "ZSTATUS") < 100 && !LoopMount::isCompressed(folder));
+            // As anybody on the bus asks it, vantorctl among them.
+            QCOMPARE(TestFiles::run(QStringLiteral("gdbus"),
+                                    {QStringLiteral("call"), QStringLiteral("--session"), QStringLiteral("--dest"),
+                                     HelperIdentity::busName(), QStringLiteral("--object-path"),
+                                     HelperIdentity::statusPath(), QStringLiteral("--method"),
+                                     HelperIdentity::statusInterface() + QStringLiteral(".Status")})
+                         .section(u',', 0, 1),
+                     onBattery ? QStringLiteral("('waiting', 'battery'") : QStringLiteral("('waiting', 'power saver'"));
             QVERIFY(onBattery ? power.setOnBattery(false) : power.setProfile(QStringLiteral("balanced")));
         }
         QTRY_COMPARE_WITH_TIMEOUT(field(folder, "ZSTATUS"), 100, 10000);
