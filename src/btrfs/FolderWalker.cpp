@@ -47,7 +47,6 @@ void FolderWalker::begin(int rootFd, const QByteArray &rootPath, const QByteArra
     m_devices.clear();
     m_whole = whole;
     m_walking = true;
-    m_unreadable = {};
     m_pending = {start};
     m_changed.wakeAll();
 }
@@ -136,12 +135,6 @@ bool FolderWalker::isExcluded(const QByteArray &relative) const
     return VTExclusionRules::mustExcludePath(QFile::decodeName(m_rootPath + '/' + relative));
 }
 
-FolderWalker::Unreadable FolderWalker::unreadable() const
-{
-    QMutexLocker locker(&m_lock);
-    return m_unreadable;
-}
-
 QList<FolderWalker::LeftOut> FolderWalker::leftOut() const
 {
     QMutexLocker locker(&m_lock);
@@ -187,12 +180,8 @@ bool FolderWalker::read(Folder *folder)
     const int fd = openNoAtime(rootFd, at, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (fd < 0) {
         // Gone meanwhile is no fault; too deep to name or not ours to read is.
-        if (errno != ENOENT && errno != ENOTDIR) {
-            const int error = errno;
-            leaveOut(folder->relative, LeftOut::Reason::Unreadable, error);
-            QMutexLocker locker(&m_lock);
-            m_unreadable.add(error);
-        }
+        if (errno != ENOENT && errno != ENOTDIR)
+            leaveOut(folder->relative, LeftOut::Reason::Unreadable, errno);
         return false;
     }
     struct stat st { };
