@@ -9,6 +9,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/btrfs.h>
+#include <linux/btrfs_tree.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -46,7 +47,6 @@ void FolderWalker::begin(int rootFd, const QByteArray &rootPath, const QByteArra
     m_devices.clear();
     m_whole = whole;
     m_walking = true;
-    m_unreadable = {};
     m_pending = {start};
     m_changed.wakeAll();
 }
@@ -135,12 +135,6 @@ bool FolderWalker::isExcluded(const QByteArray &relative) const
     return VTExclusionRules::mustExcludePath(QFile::decodeName(m_rootPath + '/' + relative));
 }
 
-FolderWalker::Unreadable FolderWalker::unreadable() const
-{
-    QMutexLocker locker(&m_lock);
-    return m_unreadable;
-}
-
 QList<FolderWalker::LeftOut> FolderWalker::leftOut() const
 {
     QMutexLocker locker(&m_lock);
@@ -161,11 +155,13 @@ bool FolderWalker::isWalked(int fd, const QByteArray &relative, dev_t device)
     if (known == m_devices.cend()) {
         std::optional<LeftOut::Reason> reason;
         struct btrfs_ioctl_fs_info_args info { };
-        __u64 flags = 0;
+        // Asked of any folder of the subvolume: a job may start deep inside one (its flags ioctl
+        // answers only for the subvolume's top folder). Kernels answer 1 for success here too.
+        struct btrfs_ioctl_get_subvol_info_args subvolume { };
         if (m_fileSystem.isEmpty() || ::ioctl(fd, BTRFS_IOC_FS_INFO, &info) != 0
             || QByteArrayView(reinterpret_cast<const char *>(info.fsid), sizeof info.fsid) != m_fileSystem)
             reason = LeftOut::Reason::OtherFileSystem;
-        else if (::ioctl(fd, BTRFS_IOC_SUBVOL_GETFLAGS, &flags) != 0 || (flags & BTRFS_SUBVOL_RDONLY))
+        else if (::ioctl(fd, BTRFS_IOC_GET_SUBVOL_INFO, &subvolume) < 0 || (subvolume.flags & BTRFS_ROOT_SUBVOL_RDONLY))
             reason = LeftOut::Reason::ReadOnlySubvolume;
         known = m_devices.insert(device, reason);
     }
@@ -184,12 +180,8 @@ bool FolderWalker::read(Folder *folder)
     const int fd = openNoAtime(rootFd, at, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
     if (fd < 0) {
         // Gone meanwhile is no fault; too deep to name or not ours to read is.
-        if (errno != ENOENT && errno != ENOTDIR) {
-            const int error = errno;
-            leaveOut(folder->relative, LeftOut::Reason::Unreadable, error);
-            QMutexLocker locker(&m_lock);
-            m_unreadable.add(error);
-        }
+        if (errno != ENOENT && errno != ENOTDIR)
+            leaveOut(folder->relative, LeftOut::Reason::Unreadable, errno);
         return false;
     }
     struct stat st { };

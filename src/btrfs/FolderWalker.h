@@ -38,16 +38,6 @@ public:
         QList<QByteArray> subfolders; // names
         QByteArray name(const File &file) const { return QByteArray(names.constData() + file.nameAt); }
     };
-    // Items that could not be opened, told once per walk rather than lost silently.
-    struct Unreadable {
-        qsizetype count = 0;
-        int firstError = 0;
-        void add(int error)
-        {
-            if (count++ == 0)
-                firstError = error;
-        }
-    };
     // A folder below the start folder that was not walked, and why.
     struct LeftOut {
         enum class Reason {
@@ -86,8 +76,6 @@ public:
     // Whether the exclusion rules leave out the item at relative below the root of the walk.
     bool isExcluded(const QByteArray &relative) const;
 
-    // Of the walk in progress, or the last one.
-    Unreadable unreadable() const;
     // What the walk in progress, or the last one, left out so far, in no particular order.
     QList<LeftOut> leftOut() const;
 
@@ -115,7 +103,6 @@ private:
     QByteArray m_fileSystem; // the root's btrfs's UUID; empty on another file system
     bool m_whole = true;
     bool m_walking = false;
-    Unreadable m_unreadable;
     QList<LeftOut> m_leftOut;
     QHash<dev_t, std::optional<LeftOut::Reason>> m_devices; // what was found for each
     QList<QByteArray> m_pending;

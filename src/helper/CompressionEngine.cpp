@@ -136,6 +136,10 @@ void CompressionEngine::addFolder(qint64 id, const QString &folder)
 
 void CompressionEngine::add(qint64 id, const QString &path, bool recordDone)
 {
+    // Listed again while watched, the folder is looked through anew, but what its user was told stands.
+    QSet<FolderReport::Item> told;
+    if (WatchedFolder *old = find(id))
+        told = std::move(old->told);
     forget(id);
     const QByteArray encoded = QFile::encodeName(path);
     const int fd = ::open(encoded.constData(), O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -146,6 +150,7 @@ void CompressionEngine::add(qint64 id, const QString &path, bool recordDone)
     if (BtrfsCompressor::isBtrfs(fd)) {
         auto folder = std::make_unique<WatchedFolder>(JobTag{id, ++m_generations}, fd, path);
         WatchedFolder *watched = folder.get();
+        watched->told = std::move(told);
         connect(&watched->settle, &SettleQueue::settled, this,
                 [this, watched](const QByteArray &relative) { queueJob(watched, relative, false); });
         connect(&watched->roomCheck, &QTimer::timeout, this, [this, watched] { roomCheck(watched); });
@@ -305,6 +310,8 @@ void CompressionEngine::listed(WatchedFolder *folder, const SeenFolder &seen)
     for (const QByteArray &path : folder->tally.subfoldersOf(seen.relative)) {
         if (!present.contains(path)) {
             folder->tally.dropBelow(path);
+            folder->told.removeIf(
+                [&path](const FolderReport::Item &item) { return SavingsTally::isBelow(item.relative, path); });
             m_watch->unwatch(folder->tag.id, path);
         }
     }
@@ -348,6 +355,7 @@ void CompressionEngine::jobEnded(const JobTag &tag, const JobEnd &end)
         update();
         return;
     }
+    end.report.tell(folder->told, end.bytesToFree > 0);
     folder->sharedFound = folder->sharedFound || end.sharedFound;
     if (end.bytesToFree > 0) {
         folder->roomCheck.start(FreeSpaceGuard::kPollMs);

@@ -3,7 +3,6 @@
 #include "helper/BtrfsCompressor.h"
 #include "helper/FileCompressor.h"
 #include "helper/FreeSpaceGuard.h"
-#include "helper/HelperLog.h"
 #include "helper/SavingsTally.h"
 #include "helper/SettleQueue.h"
 
@@ -189,13 +188,12 @@ void CompressionWorker::walkSlice(const QElapsedTimer &clock)
     while (clock.elapsed() < kSliceMs / 2) {
         const std::optional<FolderWalker::Folder> folder = m_walker.next();
         if (!folder) {
-            const FolderWalker::Unreadable unreadable = m_walker.unreadable();
+            job.report.leftOut(m_walker.leftOut());
             job.walkEnd.found = job.walkEnd.found || !job.seen.isEmpty();
             m_walker.end();
             job.walking = false;
             job.walkEnd.files = job.files;
             job.walkEnd.todo = job.todo.size();
-            job.report.unreadable(unreadable.count, unreadable.firstError);
             Q_EMIT foldersSeen(job.job.tag, std::exchange(job.seen, {}));
             Q_EMIT walked(job.job.tag, job.walkEnd);
             return;
@@ -278,12 +276,12 @@ bool CompressionWorker::handledAtOnce(FilePlan &plan)
     Running &job = *m_job;
     if (!plan.isOpen()) {
         if (plan.error() != 0)
-            job.report.unreadable(1, plan.error());
+            job.report.leftAlone(plan.path(), FolderReport::Reason::Unreadable, plan.error());
         return true; // gone meanwhile: its folder's next look drops it
     }
     if (!plan.skip())
         return false;
-    job.report.skipped(plan.path(), *plan.skip(), plan.knownSkip());
+    job.report.skipped(plan.path(), *plan.skip());
     done(plan, true);
     return true;
 }
@@ -331,7 +329,7 @@ void CompressionWorker::handed(const FilePlanPtr &plan)
         // is not rewritten on every pass.
         if (plan->staysPlain()) {
             m_skipped.add(plan->status(), SkippedFiles::Reason::StaysPlain);
-            job.report.skipped(plan->path(), SkippedFiles::Reason::StaysPlain, false);
+            job.report.skipped(plan->path(), SkippedFiles::Reason::StaysPlain);
         } else {
             job.report.compressed();
             giveFolderProperty(plan->folder());
@@ -339,7 +337,8 @@ void CompressionWorker::handed(const FilePlanPtr &plan)
         done(*plan, true);
         break;
     case FilePlan::Result::InUse:
-        job.report.inUse(); // tried again when it changes or at the next rescan
+        // Tried again when it changes or at the next rescan.
+        job.report.leftAlone(plan->path(), FolderReport::Reason::InUse);
         done(*plan, false);
         break;
     case FilePlan::Result::NoSpace:
@@ -350,10 +349,10 @@ void CompressionWorker::handed(const FilePlanPtr &plan)
         // An active swap file refuses to have its blocks moved.
         if (plan->resultError == ETXTBSY) {
             m_skipped.add(plan->status(), SkippedFiles::Reason::SwapFile);
-            job.report.skipped(plan->path(), SkippedFiles::Reason::SwapFile, false);
+            job.report.skipped(plan->path(), SkippedFiles::Reason::SwapFile);
             done(*plan, true);
         } else {
-            job.report.failed(plan->path(), plan->resultError);
+            job.report.leftAlone(plan->path(), FolderReport::Reason::Failed, plan->resultError);
             done(*plan, false);
         }
         break;
@@ -416,10 +415,7 @@ void CompressionWorker::endJob()
     ::close(job.job.rootFd);
     if (job.cancelled)
         return;
-    job.report.logUnreadable();
-    // One line per pass over the whole folder; for a change, only when something failed.
-    if ((job.job.whole && job.job.relative.isEmpty()) || job.report.anyFailed())
-        qCInfo(lcHelper, "%s", qPrintable(job.report.summary(job.noSpace)));
     end.sharedFound = job.report.sharedBytes() > 0;
+    end.report = std::move(job.report);
     Q_EMIT jobEnded(job.job.tag, end);
 }

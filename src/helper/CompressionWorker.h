@@ -74,7 +74,7 @@ private:
         Running(const FolderJob &job, const QByteArray &rootPath)
             : job(job)
             , rootPath(rootPath)
-            , report(rootPath)
+            , report(rootPath, job.whole && job.relative.isEmpty())
         {
         }
         FolderJob job;

@@ -35,7 +35,6 @@ FilePlanPtr FilePlan::open(const JobTag &tag, int rootFd, const QByteArray &path
         return plan;
     }
     plan->m_skip = skipped.find(plan->m_st);
-    plan->m_knownSkip = plan->m_skip.has_value();
     if (!plan->m_skip)
         plan->m_skip = SkippedFiles::cannotCompress(plan->m_fd);
     if (plan->m_skip) {

@@ -60,7 +60,6 @@ public:
     int error() const { return m_error; }
     bool isOpen() const { return m_fd >= 0; }
     std::optional<SkippedFiles::Reason> skip() const { return m_skip; }
-    bool knownSkip() const { return m_knownSkip; }
     // The ranges worth rewriting, and what rewriting them would save.
     const QList<ExtentMap::Range> &ranges() const { return m_ranges; }
     // Of the file's data, what is still waiting in memory to be written.
@@ -86,7 +85,6 @@ private:
     int m_error = 0;
     struct stat m_st { };
     std::optional<SkippedFiles::Reason> m_skip;
-    bool m_knownSkip = false;
     // What was read and is still to be estimated.
     QList<ExtentMap::Placed> m_compressed; // already compressed extents, to be estimated
     QList<ExtentMap::Range> m_inline; // compressed data without a place of its own

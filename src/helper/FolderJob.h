@@ -2,6 +2,7 @@
 
 #include "btrfs/FolderWalker.h"
 #include "btrfs/RescanCache.h"
+#include "helper/FolderReport.h"
 
 #include <QByteArray>
 #include <QHash>
@@ -55,6 +56,7 @@ struct JobEnd {
     bool merged = false; // not run: a job already queued covers it
     bool sharedFound = false; // plain data shared with snapshots or copies was left as it is
     qint64 bytesToFree = 0; // the disk was too full to go on: the folder waits for this much room
+    FolderReport report; // told on the main thread, which knows what was told before
 };
 
 Q_DECLARE_METATYPE(JobTag)

@@ -19,7 +19,7 @@ namespace {
 std::atomic<int> g_logFd{-1};
 
 // One write per line, appended, so lines from two helpers (or two threads) never interleave.
-void writeLine(int fd, const QByteArray &line)
+void writeLine(int fd, const QString &line)
 {
     const QByteArray text = QDateTime::currentDateTime().toString(Qt::ISODateWithMs).toUtf8() + ' '
         + QByteArray::number(::getpid()) + ' ' + HelperLog::escaped(line) + '\n';
@@ -32,7 +32,7 @@ void logMessage(QtMsgType type, const QMessageLogContext &context, const QString
     if (type == QtDebugMsg && qstrcmp(context.category, lcHelper().categoryName()) != 0)
         return;
     const int fd = g_logFd.load();
-    writeLine(fd >= 0 ? fd : STDERR_FILENO, message.toUtf8());
+    writeLine(fd >= 0 ? fd : STDERR_FILENO, message);
 }
 
 } // namespace
@@ -73,6 +73,42 @@ HelperLog::~HelperLog()
         return;
     g_logFd = -1;
     ::close(m_fd);
+}
+
+QString HelperLog::name(const QByteArray &bytes)
+{
+    if (QByteArrayView(bytes).isValidUtf8())
+        return QString::fromUtf8(bytes);
+    const QByteArrayView view(bytes);
+    QString out;
+    for (qsizetype i = 0; i < bytes.size();) {
+        // A character takes at most four bytes: the shortest run from i that is UTF-8 is one.
+        qsizetype length = 1;
+        while (length < 4 && i + length < bytes.size() && !view.sliced(i, length).isValidUtf8())
+            ++length;
+        if (view.sliced(i, length).isValidUtf8()) {
+            out += QString::fromUtf8(view.sliced(i, length));
+            i += length;
+        } else {
+            out += QChar(char16_t(0xdc00 + static_cast<unsigned char>(bytes.at(i))));
+            ++i;
+        }
+    }
+    return out;
+}
+
+QByteArray HelperLog::escaped(const QString &text)
+{
+    QByteArray out;
+    qsizetype from = 0;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const char16_t c = text.at(i).unicode();
+        if (c < 0xdc80 || c > 0xdcff || (i > 0 && text.at(i - 1).isHighSurrogate()))
+            continue;
+        out += escaped(text.sliced(from, i - from).toUtf8()) + "\\x" + QByteArray::number(c & 0xff, 16);
+        from = i + 1;
+    }
+    return out + escaped(text.sliced(from).toUtf8());
 }
 
 // Folder names may hold line breaks and other control characters: written as C escapes

@@ -22,6 +22,11 @@ public:
     bool open();
     ~HelperLog();
 
+    // A name as the log writes it: UTF-8 as it stands, any other byte carried through the
+    // logging category as U+DC80 plus the byte (as Python's "surrogateescape" does) and written
+    // as a C escape with the control characters.
+    static QString name(const QByteArray &bytes);
+    static QByteArray escaped(const QString &text);
     static QByteArray escaped(const QByteArray &text);
 
 private:

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "helper/FolderJob.h"
+#include "helper/FolderReport.h"
 #include "helper/SavingsTally.h"
 #include "helper/SettleQueue.h"
 
@@ -49,6 +50,9 @@ public:
     bool toldShared = false;
     bool toldWaiting = false;
     bool toldLimit = false;
+    // Files and folders named as left alone, each for its reason: a later job names them again
+    // only for another reason, or once their folder has gone and come back.
+    QSet<FolderReport::Item> told;
     // Shared data was found since the user was last told, to be told once the folder is done.
     bool sharedFound = false;
 
