@@ -106,8 +106,8 @@ Foreground finishForeground(QProcess &process)
 
 void printSpeed(const char *beside, const Foreground &f, const Foreground &alone)
 {
-    std::printf("speed %s: %.1f %% of alone (%.1f ticks of work a second, each taking %.2f ms on average)\n",
-                beside, 100.0 * f.speedOf(alone), f.speed, f.workMean);
+    std::printf("speed %s: %.1f %% of alone (%.1f ticks of work a second, each taking %.2f ms on average)\n", beside,
+                100.0 * f.speedOf(alone), f.speed, f.workMean);
 }
 
 void printLateness(const char *beside, const Foreground &f)

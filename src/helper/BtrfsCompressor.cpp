@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/btrfs.h>
+#include <linux/fiemap.h>
 #include <linux/fs.h>
 #include <linux/magic.h>
 #include <sched.h>
@@ -117,6 +118,16 @@ BtrfsCompressor::Result BtrfsCompressor::writeOutPiece(int fd, qint64 start, qin
         return errno == ENOSPC ? Result::NoSpace : Result::Failed;
     *done = length;
     return Result::Compressed;
+}
+
+void BtrfsCompressor::waitWrittenOut(int fd)
+{
+    // A mapping asked with the sync flag waits for the file's writes to finish, compressed
+    // ones included; with no room for extents it only counts them.
+    struct fiemap map { };
+    map.fm_length = FIEMAP_MAX_OFFSET;
+    map.fm_flags = FIEMAP_FLAG_SYNC;
+    ::ioctl(fd, FS_IOC_FIEMAP, &map);
 }
 
 void BtrfsCompressor::lowerThreadPriority()

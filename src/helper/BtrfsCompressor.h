@@ -41,6 +41,10 @@ public:
     // Writes out a piece of data still waiting in memory, for a file with the property set,
     // so it is compressed on the way; returns once it is on disk.
     static Result writeOutPiece(int fd, qint64 start, qint64 length, qint64 *done);
+    // Returns once what was handed over is compressed and on disk: btrfs compresses in its
+    // workers after the call that started it has returned, so only this tells how long the
+    // kernel was busy with a piece.
+    static void waitWrittenOut(int fd);
 
     // Idle CPU priority for the calling thread, so that any other task runs first, and the
     // lowest best-effort I/O priority (the idle class would starve its reads behind the

@@ -110,6 +110,9 @@ bool FileCompressor::rewriteStep()
     if (unwritten < piece.length && result == BtrfsCompressor::Result::Compressed)
         result = BtrfsCompressor::compressPiece(plan.fd(), piece.start, piece.length, &done);
     const int error = errno;
+    // Paced, the rest is measured from the kernel's whole work on the piece.
+    if (m_pace.duty < 1.0 && done > 0)
+        BtrfsCompressor::waitWrittenOut(plan.fd());
     m_offset += done;
     if (m_offset >= range.length) {
         ++m_range;

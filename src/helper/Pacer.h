@@ -11,7 +11,10 @@
 //
 // - quiet: nobody else wants the processors, so it works at full speed;
 // - sharing: another program is at work, so the helper hands over one small piece at a time
-//   with rests between, never keeping a processor for long, and uses a quarter of one at most;
+//   and waits until btrfs has written it, then rests 32 times as long: the kernel's workers
+//   then hold a processor about one wake-up in a hundred, so another program's threads
+//   rarely wake to find theirs taken (more, and the scheduler often queues two of them on
+//   one processor for a whole slice);
 // - crowded: the machine is full with others' work, so it only trickles on.
 //
 // It starts sharing and speeds up once the machine has been quiet for a moment; the first
@@ -50,9 +53,10 @@ public:
     static constexpr qint64 kQuietStep = 4 * 1024 * 1024;
     // One piece btrfs compresses in one go, in a millisecond or two.
     static constexpr qint64 kSharingStep = 128 * 1024;
-    // Share of one processor used while others work, and while the machine is full.
-    static constexpr double kSharingDuty = 0.25;
-    static constexpr double kCrowdedDuty = 0.03;
+    // Share of one processor the kernel's work for the helper may take while others work,
+    // and while the machine is full.
+    static constexpr double kSharingDuty = 0.03;
+    static constexpr double kCrowdedDuty = 0.01;
     // Others' work, in processors, below which the machine counts as quiet, and above which a
     // quiet one counts as busy again.
     static constexpr double kQuietBelow = 0.15;

@@ -93,11 +93,11 @@ private Q_SLOTS:
         if (hold != Pacer::Hold::None)
             return;
         QCOMPARE(pacer.pace().restMs(30), 0);
-        // Sharing: the kernel's share of one processor stays at a quarter, even for quick calls.
+        // Sharing: the kernel's share of one processor stays at 3 %, even for quick calls.
         run(pacer, {{100, 1.0, 0.0}});
         QCOMPARE(pacer.pace().stepBytes, Pacer::kSharingStep);
-        QCOMPARE(pacer.pace().restMs(3), 9);
-        QCOMPARE(pacer.pace().restMs(0), 3);
+        QCOMPARE(pacer.pace().restMs(3), 97);
+        QCOMPARE(pacer.pace().restMs(0), 32);
         QVERIFY(pacer.isMachineBusy());
     }
 };
