@@ -24,6 +24,9 @@ LoopMount::~LoopMount()
         if (m_mounted)
             QThread::msleep(100);
     }
+    // Still held: detached, so that no mount outlives the test.
+    if (m_mounted)
+        run(QStringLiteral("umount"), {QStringLiteral("--lazy"), m_mountPoint});
     QDir().rmdir(m_mountPoint);
     QFile::remove(m_image);
 }
