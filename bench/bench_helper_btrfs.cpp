@@ -11,10 +11,12 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QThread>
+#include <QTimer>
 
 #include <algorithm>
 #include <cstdio>
@@ -88,17 +90,27 @@ qint64 treeSize(const QString &dir)
 }
 
 // Asks the helper, as the pane asks, to compress folder; waits until its record says 100 and
-// the data is on disk. False when it did not get there.
+// the data is on disk. False when it did not get there. The store is read only after the
+// helper's "vantorSavingsChanged", posted after each of its writes: polling it would be work
+// beside the helper, which it would give way to.
 bool compressWithHelper(const QString &store, const QString &folder, qint64 *savings, qint64 timeoutMs = 600000)
 {
     QElapsedTimer timer;
     timer.start();
+    QEventLoop loop;
+    QTimer timeout;
+    timeout.setSingleShot(true);
+    QObject::connect(&timeout, &QTimer::timeout, &loop, &QEventLoop::quit);
+    QObject observer;
+    DistributedNotificationCenter::defaultCenter()->addObserver(&observer, QLatin1String(Notifications::SavingsChanged),
+                                                                [&](const DistributedNotification &) { loop.quit(); });
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
     int status = 0;
     while (!(BenchSession::record(store, folder, &status, savings) && status >= 100) && timer.elapsed() < timeoutMs) {
-        QCoreApplication::processEvents();
-        QThread::msleep(10);
+        // A notice wakes this at once; the timeout only covers one that never comes.
+        timeout.start(1000);
+        loop.exec();
     }
     ::sync();
     return status >= 100;
