@@ -38,7 +38,7 @@ public:
     // While the watch limit keeps part of a folder unwatched.
     static constexpr int kLimitedRescanMs = 15 * 60 * 1000;
     // How often the machine's load is read while there is work.
-    static constexpr int kSampleMs = 100;
+    static constexpr int kSampleMs = 50;
 
     enum class Activity { Idle, Working, Waiting };
     enum class Reason { None, SwitchedOff, Battery, PowerSaver, BusyMachine, DiskSpace };

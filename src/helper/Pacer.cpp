@@ -37,6 +37,7 @@ void Pacer::restart()
 {
     m_samples.clear();
     m_load = Load::Sharing;
+    m_decided = false;
 }
 
 bool Pacer::sample(const Sample &sample)
@@ -59,12 +60,15 @@ bool Pacer::sample(const Sample &sample)
     const double others = double(userTicks - ownTicks) / double(std::max<qint64>(sample.ticksPerSecond, 1)) / seconds;
 
     const Load before = m_load;
+    const bool decided = m_decided;
     if (others >= (m_load == Load::Quiet ? kBusyAbove : kQuietBelow)) {
         m_load = others > double(m_processors) - kQuietBelow - kSharingDuty ? Load::Crowded : Load::Sharing;
+        m_decided = true;
     } else if (sample.ms - from.ms >= kFirstWindowMs) {
         m_load = Load::Quiet;
+        m_decided = true;
     }
-    return m_load != before;
+    return m_load != before || m_decided != decided;
 }
 
 Pacer::Pace Pacer::pace() const

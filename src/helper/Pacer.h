@@ -18,7 +18,7 @@
 // - crowded: the machine is full with others' work, so it only trickles on.
 //
 // It starts sharing and speeds up once the machine has been quiet for a moment; the first
-// sign of somebody else slows it down at once. Samples come every tenth of a second or so,
+// sign of somebody else slows it down at once. Samples come every twentieth of a second or so,
 // and each decision looks at the last few, so one sample's noise decides nothing. Nothing is
 // handed over while the user switched the helper off, or while the computer runs on battery
 // or saves power.
@@ -64,16 +64,17 @@ public:
     // The span of samples each decision looks at; the first after a start may look at less,
     // so that work on a quiet machine is soon at full speed.
     static constexpr qint64 kWindowMs = 300;
-    static constexpr qint64 kFirstWindowMs = 100;
+    static constexpr qint64 kFirstWindowMs = 50;
     // Samples closer than this tell nothing reliable.
-    static constexpr qint64 kMinGapMs = 80;
+    static constexpr qint64 kMinGapMs = 40;
 
     explicit Pacer(int processors);
 
     void setSwitchedOn(bool on) { m_switchedOn = on; }
     void setPower(bool onBattery, bool powerSaver);
 
-    // Feeds a sample taken while there is work; returns true when the load changed.
+    // Feeds a sample taken while there is work; returns true when the load changed, or was
+    // first decided.
     bool sample(const Sample &sample);
     // Work after a time without any: the machine may have become busy meanwhile, so the
     // helper starts by sharing again.
@@ -81,8 +82,9 @@ public:
 
     Hold hold() const;
     Load load() const { return m_load; }
-    // While it gives way to others (for the rescan schedule and the status).
-    bool isMachineBusy() const { return m_load != Load::Quiet; }
+    // While it gives way to others, as far as it knows: it starts by sharing before it has
+    // looked, which is no news for the status.
+    bool isMachineBusy() const { return m_decided && m_load != Load::Quiet; }
     Pace pace() const;
 
 private:
@@ -91,5 +93,6 @@ private:
     bool m_onBattery = false;
     bool m_powerSaver = false;
     Load m_load = Load::Sharing;
+    bool m_decided = false; // since the last restart
     QList<Sample> m_samples; // spanning at most kWindowMs, oldest first
 };

@@ -42,7 +42,7 @@ private Q_SLOTS:
         QTest::addColumn<Pacer::Load>("load");
         const Window quiet{100, 0.0, 0.0}, busy{100, 1.0, 0.0};
         QTest::newRow("starts sharing") << QList<Window>{} << Pacer::Load::Sharing;
-        QTest::newRow("quiet for a moment") << QList<Window>{quiet} << Pacer::Load::Quiet;
+        QTest::newRow("quiet for a moment") << QList<Window>{{50, 0.0, 0.0}} << Pacer::Load::Quiet;
         QTest::newRow("the helper's own work is no one else's")
             << QList<Window>(3, Window{100, 0.05, 1.5}) << Pacer::Load::Quiet;
         QTest::newRow("another program arrives") << QList<Window>{quiet, quiet, busy} << Pacer::Load::Sharing;
@@ -64,6 +64,7 @@ private Q_SLOTS:
         // Work after a pause starts by sharing again, whatever came before.
         pacer.restart();
         QCOMPARE(pacer.load(), Pacer::Load::Sharing);
+        QVERIFY(!pacer.isMachineBusy());
     }
 
     void pace_data()
