@@ -41,9 +41,9 @@ public:
     // Writes out a piece of data still waiting in memory, for a file with the property set,
     // so it is compressed on the way; returns once it is on disk.
     static Result writeOutPiece(int fd, qint64 start, qint64 length, qint64 *done);
-    // Returns once what was handed over is compressed and on disk: btrfs compresses in its
-    // workers after the call that started it has returned, so only this tells how long the
-    // kernel was busy with a piece.
+    // Returns once what was handed over is compressed and on disk: btrfs writes a piece out,
+    // checksums it and records its extents in its workers after the call that started it has
+    // returned, so only this tells how long the kernel was busy with a piece.
     static void waitWrittenOut(int fd);
 
     // Idle CPU priority for the calling thread, so that any other task runs first, and the
