@@ -1,10 +1,14 @@
 #include "BenchSession.h"
 
+#include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QThread>
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <iterator>
 #include <unistd.h>
@@ -101,6 +105,32 @@ bool BenchSession::run(const QString &program, const QStringList &arguments, QBy
         std::fprintf(stderr, "%s %s failed: %s\n", qPrintable(program), qPrintable(arguments.join(u' ')),
                      process.readAllStandardError().constData());
     return ok;
+}
+
+bool BenchSession::waitFor(const std::function<bool()> &done, int timeoutMs, int pollMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > timeoutMs)
+            return false;
+        QCoreApplication::processEvents();
+        QThread::msleep(pollMs);
+    }
+    return true;
+}
+
+double BenchSession::bestOfThree(const QString &program, const QStringList &arguments, QByteArray *output)
+{
+    double best = 1e9;
+    for (int i = 0; i < 3; ++i) {
+        QElapsedTimer timer;
+        timer.start();
+        if (!run(program, arguments, output))
+            return -1;
+        best = std::min(best, timer.nsecsElapsed() / 1e9);
+    }
+    return best;
 }
 
 QByteArray BenchSession::text(qint64 size, QRandomGenerator &random)

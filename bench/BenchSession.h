@@ -6,6 +6,8 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <functional>
+
 // What the helper's benchmarks share: a private home and session bus for the helper they start,
 // and btrfs images mounted on loop devices for it to work on. Make it before the
 // QCoreApplication, so that everything made after it sees the private environment; it unmounts
@@ -35,6 +37,10 @@ public:
 
     // Runs program to its end; false, with its standard error, unless it exits with 0.
     static bool run(const QString &program, const QStringList &arguments, QByteArray *output = nullptr);
+    // Runs the event loop until done() holds, asking every pollMs; false after timeoutMs.
+    static bool waitFor(const std::function<bool()> &done, int timeoutMs, int pollMs = 10);
+    // The fastest of three runs, in seconds, or -1 when one failed.
+    static double bestOfThree(const QString &program, const QStringList &arguments, QByteArray *output = nullptr);
     // Status and, when asked, savings of the folder's record in store, read as the pane reads them.
     static bool record(const QString &store, const QString &folder, int *status, qint64 *savings = nullptr);
     // size bytes of text of a few words, compressible as prose and source code are.

@@ -127,33 +127,13 @@ private:
     QProcess m_process;
 };
 
-bool waitFor(const std::function<bool()> &done, int timeoutMs)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents();
-        QThread::msleep(10);
-    }
-    return true;
-}
-
+// At the helper's own idle priority, so other load on the machine slows both alike.
 double findSeconds(const QString &dir)
 {
-    QElapsedTimer timer;
-    double best = 1e9;
-    for (int i = 0; i < 3; ++i) {
-        timer.start();
-        // At the helper's own idle priority, so other load on the machine slows both alike.
-        BenchSession::run(QStringLiteral("chrt"),
-                          {QStringLiteral("--idle"), QStringLiteral("0"), QStringLiteral("ionice"),
-                           QStringLiteral("-c3"), QStringLiteral("sh"), QStringLiteral("-c"),
-                           QStringLiteral("find \"$0\" -type f | wc -l"), dir});
-        best = std::min(best, timer.nsecsElapsed() / 1e9);
-    }
-    return best;
+    return BenchSession::bestOfThree(QStringLiteral("chrt"),
+                                     {QStringLiteral("--idle"), QStringLiteral("0"), QStringLiteral("ionice"),
+                                      QStringLiteral("-c3"), QStringLiteral("sh"), QStringLiteral("-c"),
+                                      QStringLiteral("find \"$0\" -type f | wc -l"), dir});
 }
 
 } // namespace
@@ -185,7 +165,7 @@ int main(int argc, char *argv[])
                 QLatin1String(Notifications::Folders),
                 {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
             int status = 0;
-            waitFor(
+            BenchSession::waitFor(
                 [&] {
                     return helper.passes(folder) > 0 && BenchSession::record(store, folder, &status) && status == 100;
                 },
@@ -201,7 +181,7 @@ int main(int argc, char *argv[])
             timer.start();
             Helper helper(log);
             const qsizetype before = helper.passes(folder);
-            waitFor([&] { return helper.passes(folder) > before; }, 600000);
+            BenchSession::waitFor([&] { return helper.passes(folder) > before; }, 600000);
             rescan = helper.passSeconds(folder);
             // A file moved in from elsewhere on the same file system keeps its extents as they are.
             QRandomGenerator random(1);
@@ -214,7 +194,7 @@ int main(int argc, char *argv[])
             const QString inside = folder + QStringLiteral("/0/0/moved.txt");
             timer.restart();
             QFile::rename(outside, inside);
-            if (waitFor([&] { return isCompressed(inside); }, 120000))
+            if (BenchSession::waitFor([&] { return isCompressed(inside); }, 120000))
                 moveIn = timer.nsecsElapsed() / 1e9;
             peak = std::max(peak, statusField(helper.pid(), "VmHWM:"));
             // Off the list, so the next size's rescan times its own tree alone.
@@ -238,12 +218,12 @@ int main(int argc, char *argv[])
             QLatin1String(Notifications::Folders),
             {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
         int status = 0;
-        waitFor(
+        BenchSession::waitFor(
             [&] { return helper.passes(folder) > 0 && BenchSession::record(store, folder, &status) && status == 100; },
             1800000);
-        waitFor([] { return false; }, 5000);
+        BenchSession::waitFor([] { return false; }, 5000);
         const double before = cpuSeconds(helper.pid());
-        waitFor([] { return false; }, 60000);
+        BenchSession::waitFor([] { return false; }, 60000);
         std::printf("idle: %.2f CPU seconds in 60 s of watching 50,000 unchanged files\n",
                     cpuSeconds(helper.pid()) - before);
     }

@@ -16,39 +16,10 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QThread>
 
 #include <cstdio>
-#include <functional>
 
 namespace {
-
-bool waitFor(const std::function<bool()> &done, int timeoutMs)
-{
-    QElapsedTimer timer;
-    timer.start();
-    while (!done()) {
-        if (timer.elapsed() > timeoutMs)
-            return false;
-        QCoreApplication::processEvents();
-        QThread::msleep(50);
-    }
-    return true;
-}
-
-// The best of three runs, in seconds; output: the last run's standard output.
-double bestOfThree(const QString &program, const QStringList &arguments, QByteArray *output)
-{
-    double best = 1e9;
-    for (int i = 0; i < 3; ++i) {
-        QElapsedTimer timer;
-        timer.start();
-        if (!BenchSession::run(program, arguments, output))
-            return -1;
-        best = std::min(best, timer.nsecsElapsed() / 1e9);
-    }
-    return best;
-}
 
 } // namespace
 
@@ -70,15 +41,16 @@ int main(int argc, char *argv[])
     helper.setProcessChannelMode(QProcess::ForwardedChannels);
     helper.start(QStringLiteral(VANTOR_HELPER_EXECUTABLE), {});
     QDBusConnectionInterface *bus = QDBusConnection::sessionBus().interface();
-    waitFor([&] { return bus->isServiceRegistered(HelperIdentity::busName()).value(); }, 10000);
+    BenchSession::waitFor([&] { return bus->isServiceRegistered(HelperIdentity::busName()).value(); }, 10000, 50);
     QElapsedTimer timer;
     timer.start();
     DistributedNotificationCenter::defaultCenter()->postNotificationName(
         QLatin1String(Notifications::Folders), {{QLatin1String(Notifications::FoldersToAddKey), QStringList{folder}}});
     int status = 0;
     qint64 recorded = 0;
-    if (!waitFor([&] { return BenchSession::record(session.store(), folder, &status, &recorded) && status == 100; },
-                 3600000)) {
+    if (!BenchSession::waitFor(
+            [&] { return BenchSession::record(session.store(), folder, &status, &recorded) && status == 100; }, 3600000,
+            50)) {
         std::printf("bench-report: the helper did not finish the tree\n");
         return 1;
     }
@@ -93,13 +65,13 @@ int main(int argc, char *argv[])
     // Read once first, so both meet the same warm cache.
     BenchSession::run(QStringLiteral("btrfs"),
                       {QStringLiteral("filesystem"), QStringLiteral("du"), QStringLiteral("-s"), folder});
-    const double du =
-        bestOfThree(QStringLiteral("btrfs"),
-                    {QStringLiteral("filesystem"), QStringLiteral("du"), QStringLiteral("-s"), folder}, &output);
+    const double du = BenchSession::bestOfThree(
+        QStringLiteral("btrfs"), {QStringLiteral("filesystem"), QStringLiteral("du"), QStringLiteral("-s"), folder},
+        &output);
     std::printf("btrfs filesystem du -s:\n%s", output.constData());
-    const double report =
-        bestOfThree(QStringLiteral(VANTORCTL),
-                    {QStringLiteral("--pane"), QStringLiteral(VANTOR_PANE), QStringLiteral("report"), folder}, &output);
+    const double report = BenchSession::bestOfThree(
+        QStringLiteral(VANTORCTL),
+        {QStringLiteral("--pane"), QStringLiteral(VANTOR_PANE), QStringLiteral("report"), folder}, &output);
     std::printf("vantorctl report:\n%s", output.constData());
     BenchSession::run(QStringLiteral(VANTORCTL),
                       {QStringLiteral("--pane"), QStringLiteral(VANTOR_PANE), QStringLiteral("report"),
