@@ -69,6 +69,7 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     // Ids of the old file mean nothing in the new one: the new one's listed folders are picked
     // up as at start-up, once the call that noticed the replacement is over.
     connect(m_savings, &SavingsModel::storeReopened, this, [this] {
+        ++m_storesOpened;
         forgetAll();
         QMetaObject::invokeMethod(this, &CompressionEngine::resume, Qt::QueuedConnection);
     });
@@ -110,6 +111,7 @@ CompressionEngine::~CompressionEngine()
 
 void CompressionEngine::resume()
 {
+    const quint64 store = m_storesOpened;
     for (const HistoryRecord &record : m_savings->records(HistoryContext::Predicate::Enabled)) {
         QString folder = record.folder;
         if (!QFileInfo(folder).isDir()) {
@@ -118,8 +120,11 @@ void CompressionEngine::resume()
             const QString found = alias ? alias->fullPath() : QString();
             if (found.isEmpty() || found == folder || !QFileInfo(found).isDir())
                 continue; // gone: listed by its recorded path
+            // A store found replaced meanwhile is listed anew by a resume of its own.
             if (!m_savings->renameFolder(record.objectID, folder, found))
                 continue;
+            if (m_storesOpened != store)
+                return;
             qCInfo(lcHelper, "\"%s\" was moved to \"%s\" while the helper was not running", qPrintable(folder),
                    qPrintable(found));
             folder = found;
@@ -189,9 +194,6 @@ void CompressionEngine::forget(qint64 id)
     m_watch->unwatchAll(id);
     QMetaObject::invokeMethod(
         m_worker, [worker = m_worker, id] { worker->cancel(id); }, Qt::QueuedConnection);
-    for (FileCompressor *compressor : std::as_const(m_compressors))
-        QMetaObject::invokeMethod(
-            compressor, [compressor, id] { compressor->cancel(id); }, Qt::QueuedConnection);
     update();
 }
 
@@ -230,13 +232,10 @@ void CompressionEngine::queueJob(WatchedFolder *folder, const QByteArray &relati
     const int fd = ::fcntl(folder->fd, F_DUPFD_CLOEXEC, 0);
     if (fd < 0)
         return;
-    const bool wasIdle = !hasWork();
     ++folder->jobs;
     const FolderJob job{folder->tag, fd, relative, whole};
     QMetaObject::invokeMethod(
         m_worker, [worker = m_worker, job] { worker->enqueue(job); }, Qt::QueuedConnection);
-    if (wasIdle)
-        m_pacer.restart();
     update();
 }
 
@@ -362,7 +361,6 @@ void CompressionEngine::jobEnded(const JobTag &tag, const JobEnd &end)
     folder->sharedFound = folder->sharedFound || end.sharedFound;
     if (end.bytesToFree > 0) {
         folder->roomCheck.start(FreeSpaceGuard::kPollMs);
-        record(folder, true);
         if (!std::exchange(folder->toldWaiting, true))
             tell(QStringLiteral("Vantor is waiting for disk space"),
                  QStringLiteral("%1 waits to be compressed: its disk is nearly full. "
@@ -371,17 +369,17 @@ void CompressionEngine::jobEnded(const JobTag &tag, const JobEnd &end)
     } else if (std::exchange(folder->wholePass, false)) {
         folder->seenWhole = true;
     }
+    // Writing the record may find the store replaced and forget every folder: it comes last.
     if (!folder->hasWork())
         folderDone(folder);
     else
-        record(folder, false);
+        record(folder, end.bytesToFree > 0);
     update();
 }
 
 void CompressionEngine::folderDone(WatchedFolder *folder)
 {
     folder->toldWaiting = false;
-    record(folder, true);
     // Told once the whole folder is known, with its whole figure; a rescan that finds only
     // what was told before says nothing.
     if (std::exchange(folder->sharedFound, false) && folder->tally.sharedPlain() > 0
@@ -398,8 +396,11 @@ void CompressionEngine::folderDone(WatchedFolder *folder)
         QMetaObject::invokeMethod(
             m_worker, [worker = m_worker] { worker->saveCache(true); }, Qt::QueuedConnection);
     }
+    record(folder, true);
 }
 
+// With flush, the store is written at once, which may forget folder (its record vanished, or
+// the store was replaced): nothing may use it after.
 void CompressionEngine::record(WatchedFolder *folder, bool flush)
 {
     folder->status = folder->currentStatus();
@@ -487,6 +488,16 @@ void CompressionEngine::update()
 {
     const bool work =
         std::any_of(m_folders.cbegin(), m_folders.cend(), [](const auto &entry) { return entry.second->jobs > 0; });
+    // The machine is read only while there is work it could hold up: nothing is polled otherwise.
+    // Samples from before a time without work or while held say nothing of now.
+    const bool sampling = work && m_pacer.hold() == Pacer::Hold::None;
+    if (sampling && !m_sampler.isActive()) {
+        m_pacer.restart();
+        m_pacer.sample(LoadSampler::take());
+        m_sampler.start();
+    } else if (!sampling) {
+        m_sampler.stop();
+    }
     const Pacer::Pace pace = m_pacer.pace();
     if (!(pace == m_pace)) {
         m_pace = pace;
@@ -495,13 +506,6 @@ void CompressionEngine::update()
         for (FileCompressor *compressor : std::as_const(m_compressors))
             QMetaObject::invokeMethod(
                 compressor, [compressor, pace] { compressor->setPace(pace); }, Qt::QueuedConnection);
-    }
-    // The machine is read only while there is work it could hold up: nothing is polled otherwise.
-    if (work && pace.go && !m_sampler.isActive()) {
-        m_pacer.sample(LoadSampler::take());
-        m_sampler.start();
-    } else if (!(work && pace.go)) {
-        m_sampler.stop();
     }
 
     Status status;

@@ -109,6 +109,7 @@ private:
     FolderWatch *m_watch;
     std::map<qint64, std::unique_ptr<WatchedFolder>> m_folders;
     quint64 m_generations = 0;
+    quint64 m_storesOpened = 0; // each replacement of history.db found counts one
     QThread m_workerThread;
     std::vector<std::unique_ptr<QThread>> m_compressorThreads;
     QList<FileCompressor *> m_compressors; // each lives in its thread
