@@ -94,10 +94,15 @@ void CompressionWorker::cancel(qint64 id)
     }
     if (!m_job || m_job->job.tag.id != id)
         return;
-    // Plans at the compressors come back cancelled; the job ends once they have.
+    // Plans at the compressors come back cancelled; the job ends once they have. Told from here,
+    // the cancel reaches each compressor after every plan this thread handed it.
     m_job->cancelled = true;
+    m_job->walking = false;
     m_job->sorted.clear();
     m_walker.end();
+    for (FileCompressor *compressor : std::as_const(m_compressors))
+        QMetaObject::invokeMethod(
+            compressor, [compressor, id] { compressor->cancel(id); }, Qt::QueuedConnection);
     schedulePump();
 }
 
@@ -267,7 +272,7 @@ void CompressionWorker::planSlice(const QElapsedTimer &clock)
         FilePlanPtr plan = job.sorted.front();
         job.sorted.pop_front();
         if (plan->reopen(job.job.rootFd))
-            dispatch(0, plan, false);
+            dispatch(compressor, plan, false);
     }
 }
 
@@ -310,11 +315,14 @@ void CompressionWorker::handed(const FilePlanPtr &plan)
         return;
     switch (plan->result) {
     case FilePlan::Result::Pending:
-        job.report.shared(plan->figures().sharedPlain);
+        // Set aside to be rewritten later, when it is counted.
         if (job.low && !plan->ranges().isEmpty() && !job.sortedOnce) {
             plan->closeFile();
             job.sorted.push_back(plan);
-        } else if (plan->hadCompressedData()) {
+            break;
+        }
+        job.report.shared(plan->figures().sharedPlain);
+        if (plan->hadCompressedData()) {
             job.report.alreadyCompressed();
             done(*plan, true);
         } else {
@@ -379,10 +387,10 @@ void CompressionWorker::giveFolderProperty(const QByteArray &folder)
 
 void CompressionWorker::done(FilePlan &plan, bool settled)
 {
-    // Settled: done for as long as the file stays as it is now.
-    struct stat now { };
-    if (settled && ::fstat(plan.fd(), &now) == 0) {
-        m_cache.insert(now, plan.figures());
+    // Settled: done for as long as the file stays as it was when its figures were taken; one
+    // written to since no longer matches, and is looked at again.
+    if (settled) {
+        m_cache.insert(plan.status(), plan.figures());
         cacheChanged();
     }
     m_job->done.append({plan.folder(), plan.figures()});

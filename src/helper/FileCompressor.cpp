@@ -46,6 +46,12 @@ void FileCompressor::setPace(const Pacer::Pace &pace)
     // Held, or resting longer than the new pace asks: on at once.
     const bool sooner = pace.go && (!m_pace.go || pace.duty > m_pace.duty);
     m_pace = pace;
+    // Held maybe for hours: a writer must not wait for the lease meanwhile. It is taken again
+    // before the next piece.
+    if (!pace.go && m_leased) {
+        BtrfsCompressor::releaseLease(m_current.plan->fd());
+        m_leased = false;
+    }
     if (sooner)
         schedule(0);
 }
@@ -92,7 +98,13 @@ bool FileCompressor::rewriteStep()
             return false;
         }
         m_leased = true;
-        if (!plan.unwritten().isEmpty())
+        // Written to before the lease, or while it was let go for a pause: the estimate no
+        // longer holds.
+        if (plan.changedSinceOpened()) {
+            finish(FilePlan::Result::InUse);
+            return false;
+        }
+        if (m_range == 0 && m_offset == 0 && !plan.unwritten().isEmpty())
             BtrfsCompressor::setCompressionProperty(plan.fd());
     }
     if (!BtrfsCompressor::holdsLease(plan.fd())) {

@@ -144,10 +144,18 @@ bool FilePlan::estimate(CompressionModel &model, qint64 budgetMs)
     return true;
 }
 
+bool FilePlan::changedSinceOpened() const
+{
+    struct stat now { };
+    return ::fstat(m_fd, &now) != 0 || now.st_size != m_st.st_size || now.st_mtim.tv_sec != m_st.st_mtim.tv_sec
+        || now.st_mtim.tv_nsec != m_st.st_mtim.tv_nsec;
+}
+
 bool FilePlan::verify(CompressionModel &model)
 {
+    // The status first: a write after it makes the figures below look stale, never fresh.
     ExtentMap after;
-    if (!after.read(m_fd, true) || ::fstat(m_fd, &m_st) != 0)
+    if (::fstat(m_fd, &m_st) != 0 || !after.read(m_fd, true))
         return false;
     bool compressed = false;
     for (const ExtentMap::Placed &extent : after.placed()) {

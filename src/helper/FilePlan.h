@@ -69,6 +69,8 @@ public:
     const RescanCache::Figures &figures() const { return m_figures; }
     // The file's status when it was last looked at.
     const struct stat &status() const { return m_st; }
+    // Whether the data was written to since the file was opened (its size or modification time).
+    bool changedSinceOpened() const;
 
     Result result = Result::Pending;
     int resultError = 0;
