@@ -19,7 +19,6 @@ bool ExtentMap::read(int fd, bool sync)
 {
     m_plainOwn.clear();
     m_unwritten.clear();
-    m_encoded.clear();
     m_placed.clear();
     m_unplaced.clear();
     m_plainShared = 0;
@@ -53,7 +52,6 @@ bool ExtentMap::read(int fd, bool sync)
             }
             // Inline data lives in the metadata, preallocated space holds no data: nothing to gain.
             if (extent.fe_flags & FIEMAP_EXTENT_ENCODED) {
-                append(m_encoded, logical, length);
                 if (extent.fe_physical != 0 && !(extent.fe_flags & FIEMAP_EXTENT_DATA_INLINE))
                     m_placed.append(Placed{quint64(extent.fe_physical), {logical, length}});
                 else
@@ -75,14 +73,6 @@ bool ExtentMap::read(int fd, bool sync)
 bool ExtentMap::isCountedByDu(const Extent &extent)
 {
     return !(extent.flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_DELALLOC | FIEMAP_EXTENT_UNKNOWN));
-}
-
-qint64 ExtentMap::encodedBytesIn(const QList<Range> &ranges) const
-{
-    qint64 total = 0;
-    for (const Range &encoded : m_encoded)
-        total += overlap(encoded, ranges);
-    return total;
 }
 
 qint64 ExtentMap::overlap(const Range &range, const QList<Range> &ranges)

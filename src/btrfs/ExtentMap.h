@@ -45,9 +45,8 @@ public:
     // Of those, data still only in memory, waiting to be written: btrfs's defragment call
     // passes over it, it is compressed as it is written out.
     const QList<Range> &unwritten() const { return m_unwritten; }
-    const QList<Range> &encoded() const { return m_encoded; }
-    // Compressed extents with a place on disk, one by one; the rest of encoded() (inline
-    // data) is the file's alone.
+    // Compressed extents with a place on disk, one by one; the other compressed ranges (inline
+    // data) are the file's alone.
     const QList<Placed> &placed() const { return m_placed; }
     const QList<Range> &unplaced() const { return m_unplaced; }
     // Bytes in plain extents that something else shares.
@@ -60,8 +59,6 @@ public:
     qint64 placedBytes() const { return m_placedBytes; }
     qint64 sharedBytes() const { return m_sharedBytes; }
     static bool isCountedByDu(const Extent &extent);
-    // Bytes of ranges stored compressed.
-    qint64 encodedBytesIn(const QList<Range> &ranges) const;
     // Bytes of range that lie in ranges.
     static qint64 overlap(const Range &range, const QList<Range> &ranges);
     static qint64 bytes(const QList<Range> &ranges);
@@ -71,7 +68,6 @@ private:
 
     QList<Range> m_plainOwn;
     QList<Range> m_unwritten;
-    QList<Range> m_encoded;
     QList<Placed> m_placed;
     QList<Range> m_unplaced;
     qint64 m_plainShared = 0;

@@ -1,5 +1,6 @@
 #include "helper/FolderWatch.h"
 #include "helper/HelperLog.h"
+#include "helper/SavingsTally.h"
 
 #include <QFile>
 #include <QSet>
@@ -79,18 +80,13 @@ bool FolderWatch::isWatched(qint64 id, const QByteArray &relative) const
     return it != m_watches.cend() && it->contains(relative);
 }
 
-bool FolderWatch::isBelow(const QByteArray &path, const QByteArray &folder)
-{
-    return folder.isEmpty() || path == folder || (path.startsWith(folder) && path.at(folder.size()) == '/');
-}
-
 void FolderWatch::unwatch(qint64 id, const QByteArray &relative)
 {
     auto folder = m_watches.find(id);
     if (folder == m_watches.end())
         return;
     for (auto it = folder->begin(); it != folder->end();) {
-        if (!isBelow(it.key(), relative)) {
+        if (!SavingsTally::isBelow(it.key(), relative)) {
             ++it;
             continue;
         }

@@ -53,7 +53,6 @@ private:
     void readEvents();
     void forget(int wd);
     void release(int wd, qint64 id, const QByteArray &relative);
-    static bool isBelow(const QByteArray &path, const QByteArray &folder);
 
     int m_fd = -1;
     QSocketNotifier *m_notifier = nullptr;

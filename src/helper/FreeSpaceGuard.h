@@ -16,8 +16,8 @@ public:
     // How often a folder waiting for room looks again.
     static constexpr int kPollMs = 3000;
 
-    // Space the helper leaves free on the file system of fd: 1% of it, at least 4 MiB, at most 512 MiB.
-    static qint64 margin(int fd);
-    // Free space beyond the margin (negative when the margin is already eaten into); 0 when unknown.
+    // Free space on the file system of fd beyond the margin the helper leaves free there (1% of
+    // it, at least 4 MiB, at most 512 MiB); negative when the margin is already eaten into, 0
+    // when unknown.
     static qint64 room(int fd);
 };

@@ -42,8 +42,6 @@ void Pacer::restart()
 
 bool Pacer::sample(const Sample &sample)
 {
-    if (!m_samples.isEmpty() && sample.ms < m_samples.last().ms)
-        m_samples.clear();
     if (!m_samples.isEmpty() && sample.ms - m_samples.last().ms < kMinGapMs)
         return false;
     m_samples.append(sample);

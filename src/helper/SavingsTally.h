@@ -26,6 +26,7 @@ public:
     quint64 savings() const { return quint64(std::max<qint64>(m_savings, 0)); }
     quint64 sharedPlain() const { return quint64(std::max<qint64>(m_sharedPlain, 0)); }
 
+    // Whether path is folder or lies below it, both relative to the watched folder (empty: its top).
     static bool isBelow(const QByteArray &path, const QByteArray &folder);
 
 private:

@@ -91,8 +91,7 @@ bool VantorHelper::start()
     m_power = std::make_unique<PowerMonitor>();
     connect(m_power.get(), &PowerMonitor::changed, this,
             [this] { m_engine->setPower(m_power->onBattery(), m_power->powerSaver()); });
-    m_power->start();
-    m_engine->setPower(m_power->onBattery(), m_power->powerSaver());
+    m_power->start(); // what it finds is told through changed()
     m_engine->setSwitchedOn(setting(VTDefaultsController::kActiveKey));
     m_engine->resume();
     m_status = std::make_unique<HelperStatus>(m_engine.get());

@@ -95,6 +95,7 @@ private Q_SLOTS:
             return;
         QCOMPARE(pacer.pace().restMs(30), 0);
         // Sharing: the kernel's share of one processor stays at 3 %, even for quick calls.
+        pacer.restart();
         run(pacer, {{100, 1.0, 0.0}});
         QCOMPARE(pacer.pace().stepBytes, Pacer::kSharingStep);
         QCOMPARE(pacer.pace().restMs(3), 97);
