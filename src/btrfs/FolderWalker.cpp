@@ -4,19 +4,18 @@
 
 #include <QFile>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <algorithm>
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <linux/btrfs_tree.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-FolderWalker::FolderWalker()
-    : m_reader([this] { readAhead(); })
-{
-}
+FolderWalker::FolderWalker() = default;
 
 FolderWalker::~FolderWalker()
 {
@@ -25,12 +24,16 @@ FolderWalker::~FolderWalker()
         m_stopping = true;
         m_changed.wakeAll();
     }
-    m_reader.join();
+    if (m_reader.joinable())
+        m_reader.join();
 }
 
 void FolderWalker::begin(int rootFd, const QByteArray &rootPath, const QByteArray &start, bool whole)
 {
     end();
+    // Made by the first walk, on the walking thread, so it keeps that thread's priority.
+    if (!m_reader.joinable())
+        m_reader = std::thread([this] { readAhead(); });
     struct stat st { };
     // Any user may ask a btrfs its UUID; an O_PATH descriptor cannot be asked.
     struct btrfs_ioctl_fs_info_args info { };
@@ -91,7 +94,6 @@ void FolderWalker::walk(int rootFd, const QByteArray &rootPath, const QByteArray
 
 void FolderWalker::readAhead()
 {
-    // A new thread keeps its creator's priority; the helper lowers its threads before any walk.
     QMutexLocker locker(&m_lock);
     while (!m_stopping) {
         if (!m_walking || m_pending.isEmpty() || m_ready.size() >= kReadAhead)
@@ -138,7 +140,10 @@ bool FolderWalker::isExcluded(const QByteArray &relative) const
 QList<FolderWalker::LeftOut> FolderWalker::leftOut() const
 {
     QMutexLocker locker(&m_lock);
-    return m_leftOut;
+    // Two threads find them; the same tree gives the same list.
+    QList<LeftOut> sorted = m_leftOut;
+    std::sort(sorted.begin(), sorted.end(), [](const LeftOut &a, const LeftOut &b) { return a.relative < b.relative; });
+    return sorted;
 }
 
 void FolderWalker::leaveOut(const QByteArray &relative, LeftOut::Reason reason, int error)

@@ -76,7 +76,7 @@ public:
     // Whether the exclusion rules leave out the item at relative below the root of the walk.
     bool isExcluded(const QByteArray &relative) const;
 
-    // What the walk in progress, or the last one, left out so far, in no particular order.
+    // What the walk in progress, or the last one, left out so far, by path.
     QList<LeftOut> leftOut() const;
 
 private:

@@ -15,26 +15,6 @@
 
 namespace {
 
-// mountinfo writes space, tab, newline and backslash as \ooo.
-QByteArray unescape(const QByteArray &field)
-{
-    QByteArray out;
-    out.reserve(field.size());
-    for (qsizetype i = 0; i < field.size(); ++i) {
-        if (field[i] == '\\' && i + 3 < field.size()) {
-            bool ok = false;
-            const int c = field.mid(i + 1, 3).toInt(&ok, 8);
-            if (ok && c < 256) {
-                out.append(char(c));
-                i += 3;
-                continue;
-            }
-        }
-        out.append(field[i]);
-    }
-    return out;
-}
-
 bool isBelow(const QByteArray &path, const QByteArray &mountPoint)
 {
     if (mountPoint == "/")
@@ -165,4 +145,23 @@ quint64 AliasVolume::btrfsSubvolumeId(int fd)
     const bool ok = ::ioctl(readable, BTRFS_IOC_INO_LOOKUP, &args) == 0;
     ::close(readable);
     return ok ? args.treeid : 0;
+}
+
+QByteArray AliasVolume::unescape(const QByteArray &field)
+{
+    QByteArray out;
+    out.reserve(field.size());
+    for (qsizetype i = 0; i < field.size(); ++i) {
+        if (field[i] == '\\' && i + 3 < field.size()) {
+            bool ok = false;
+            const int c = field.mid(i + 1, 3).toInt(&ok, 8);
+            if (ok && c < 256) {
+                out.append(char(c));
+                i += 3;
+                continue;
+            }
+        }
+        out.append(field[i]);
+    }
+    return out;
 }

@@ -24,8 +24,8 @@ public:
     // The mount holding an absolute, symlink-free path: the last, longest mount point above it.
     static std::optional<AliasVolume> containing(const QByteArray &path, const QList<AliasVolume> &mounts);
 
-    // The file-system UUID blkid reports for the source device; empty when it has none or
-    // the device cannot be read.
+    // The file-system UUID: a btrfs's as it tells any user, else the one blkid reports for the
+    // source device; empty when it has none or the device cannot be read.
     QByteArray uuid() const;
     // The label if the file system has one, else the mount point.
     QByteArray name() const;
@@ -35,4 +35,7 @@ public:
 
     // The btrfs subvolume holding an open item; 0 on other file systems.
     static quint64 btrfsSubvolumeId(int fd);
+    // A path field of /proc/self/mountinfo or /proc/swaps, which write space, tab, newline and
+    // backslash as \ooo.
+    static QByteArray unescape(const QByteArray &field);
 };

@@ -1,6 +1,7 @@
 #include "ctl/UsageReport.h"
 
 #include "btrfs/SkippedFiles.h"
+#include "common/AliasVolume.h"
 #include "common/VTUtil.h"
 #include "platform/FileManager.h"
 
@@ -69,7 +70,7 @@ QString reasonText(const FolderWalker::LeftOut &leftOut)
     return QStringLiteral("cannot be read: ") + QString::fromLocal8Bit(std::strerror(leftOut.error));
 }
 
-// The active swap files, as /proc/swaps names them (space, tab, newline and backslash as \ooo).
+// The active swap files, as /proc/swaps names them.
 QSet<std::pair<quint64, quint64>> activeSwapFiles()
 {
     QSet<std::pair<quint64, quint64>> swapFiles;
@@ -78,16 +79,7 @@ QSet<std::pair<quint64, quint64>> activeSwapFiles()
         return swapFiles;
     const QList<QByteArray> lines = swaps.readAll().split('\n');
     for (const QByteArray &line : lines.mid(1)) {
-        const QByteArray escaped = line.left(line.indexOf(' '));
-        QByteArray path;
-        for (qsizetype i = 0; i < escaped.size(); ++i) {
-            if (escaped[i] == '\\' && i + 3 < escaped.size()) {
-                path += char(escaped.mid(i + 1, 3).toInt(nullptr, 8));
-                i += 3;
-            } else {
-                path += escaped[i];
-            }
-        }
+        const QByteArray path = AliasVolume::unescape(line.left(line.indexOf(' ')));
         struct stat st { };
         if (!path.isEmpty() && ::stat(path.constData(), &st) == 0 && S_ISREG(st.st_mode))
             swapFiles.insert({quint64(st.st_dev), quint64(st.st_ino)});
@@ -247,7 +239,8 @@ bool UsageReport::add(const QByteArray &path, QString *error)
     Node *root = top.get();
     m_folders.push_back(std::move(top));
     FolderWalker walker;
-    walker.walk(fd, path, QByteArray(), [&](const FolderWalker::Folder &folder) {
+    // The exclusion rules speak of resolved paths, as the helper sees its folders.
+    walker.walk(fd, real, QByteArray(), [&](const FolderWalker::Folder &folder) {
         const std::vector<Node *> nodes = nodesFor(root, folder.relative);
         const bool watched = nodes.back()->watched || isWatched(joined(real, folder.relative));
         for (const FolderWalker::File &file : folder.files)
