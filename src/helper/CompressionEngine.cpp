@@ -42,7 +42,7 @@ CompressionEngine::CompressionEngine(SavingsModel *savings, DesktopNotifier *not
     qRegisterMetaType<QList<SeenFolder>>();
     qRegisterMetaType<QList<FileDone>>();
     // One file compressor per processor: on a quiet machine all work side by side.
-    for (int i = 0; i < int(std::max(1u, std::thread::hardware_concurrency())); ++i) {
+    for (int i = 0; i < m_pacer.processors(); ++i) {
         auto thread = std::make_unique<QThread>();
         auto *compressor = new FileCompressor;
         compressor->moveToThread(thread.get());

@@ -21,7 +21,7 @@ class FileCompressor;
 // The helper's compression thread, at idle priority. It takes one job at a time: walks the
 // folder (recognising files already handled from the rescan cache, so a rescan reads no file
 // data), reads where each file left lies and what the rules say of it, and hands the files to
-// the file compressors, as many side by side as the pace allows, a file or two ahead of each.
+// the file compressors, as many side by side as the pace allows, a few files ahead of each.
 // It keeps the rescan cache and the files btrfs cannot compress, and no state of a watched
 // folder: what it finds goes to the main thread by signal, which keeps each folder's figures.
 // Work comes in by queued calls and is done in short slices, so a cancel or a new pace is
@@ -33,7 +33,8 @@ public:
     // How long the cache may stay behind the files it describes; a helper killed meanwhile
     // only looks at those files again.
     static constexpr int kCacheSaveMs = 60000;
-    // Files given to one compressor at a time: one in hand, one to go on with.
+    // Files given to one compressor at a time: one in hand, and enough behind it that small files
+    // do not leave it waiting for this thread.
     static constexpr int kQueuedPerCompressor = 8;
     // How long one slice of work holds the thread.
     static constexpr qint64 kSliceMs = 20;

@@ -14,8 +14,8 @@ HelperStatus::HelperStatus(const CompressionEngine *engine, QObject *parent)
 
 bool HelperStatus::publish()
 {
-    if (QDBusConnection::sessionBus().registerObject(HelperIdentity::statusPath(), this,
-                                                     QDBusConnection::ExportScriptableSlots))
+    if (QDBusConnection::sessionBus().registerObject(HelperIdentity::statusPath(), HelperIdentity::statusInterface(),
+                                                     this, QDBusConnection::ExportScriptableSlots))
         return true;
     qCWarning(lcHelper, "cannot answer status questions on the session bus at %s",
               qPrintable(HelperIdentity::statusPath()));

@@ -5,12 +5,11 @@
 
 class CompressionEngine;
 
-// Answers "Status" on the session bus (HelperIdentity::statusPath()), so that vantorctl, or
-// anybody, can ask whether the helper is working, or waiting and why.
+// Answers "Status" on the session bus (HelperIdentity::statusPath() and statusInterface()), so
+// that vantorctl, or anybody, can ask whether the helper is working, or waiting and why.
 class HelperStatus : public QObject
 {
     Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "com.quillfen.VantorHelper")
 public:
     explicit HelperStatus(const CompressionEngine *engine, QObject *parent = nullptr);
 

@@ -69,6 +69,7 @@ public:
     static constexpr qint64 kMinGapMs = 40;
 
     explicit Pacer(int processors);
+    int processors() const { return m_processors; }
 
     void setSwitchedOn(bool on) { m_switchedOn = on; }
     void setPower(bool onBattery, bool powerSaver);
